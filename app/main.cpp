@@ -1,0 +1,47 @@
+#include "app/HXAppController.h"
+#include "app/HXCommandLine.h"
+#include "diagnostics/HXLog.h"
+
+#include <QString>
+#include <QStringList>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+int runWindowedApplication()
+{
+    std::puts("This build of Mendwell has no main window yet; run it with -repair.");
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments.append(QString::fromUtf8(argv[i]));
+    const HXCommandLine options = HXCommandLine::parse(arguments);
+    if (options.help) {
+        std::puts(HXCommandLine::helpText);
+        return 0;
+    }
+    if (!options.commandLineMode)
+        return runWindowedApplication();
+
+    // The caller starts us privileged (sudo, pkexec or a root launcher); without
+    // that the call fails and the repair asks for administrator rights instead.
+    [[maybe_unused]] const int elevated = setuid(0);
+    {
+        std::unique_ptr<HXAppController> controller = HXAppController::initWithoutGUI();
+        controller->startRepair(options.trashPreferences, options.trashWorkspaces, options.silent);
+    }
+    // No will-terminate notice comes without an event loop, so wait for the writer
+    // here: the task log is how callers learn what happened.
+    HXLog::finishWriting();
+    // Callers read the verdict from the log and the closing notification, never
+    // from the exit status.
+    return 0;
+}

@@ -1,0 +1,452 @@
+#include "diagnostics/HXLog.h"
+
+#include "diagnostics/HXDateDescription.h"
+#include "platform/Platform.h"
+#include "system/HXBundle.h"
+#include "system/HXLocalPaths.h"
+#include "system/HXMainThread.h"
+#include "system/HXPath.h"
+#include "system/PropertyList.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr qsizetype kBufferLimit = 64 * 1024;
+constexpr std::size_t kTerminateWaitLimit = 20;
+
+void printToConsole(const QByteArray &bytes)
+{
+    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stdout);
+    std::fflush(stdout);
+}
+
+void printToConsole(const QString &text)
+{
+    printToConsole(text.toUtf8());
+}
+
+QByteArray cString(const QString &text)
+{
+    return text.isNull() ? QByteArray("(null)") : text.toUtf8();
+}
+
+bool loggingDisabledByPreference()
+{
+    const QString file = HXPath::appendingComponent(HXLocalPaths::prefsDirectory(true),
+                                                    QStringLiteral("com.lanternfish.global.plist"));
+    const QVariant value = PropertyList::readDictionary(file).value(QStringLiteral("disable-logging"));
+    if (value.typeId() == QMetaType::QString)
+        return value.toString() == QLatin1String("1");
+    if (value.typeId() == QMetaType::Bool)
+        return value.toBool();
+    // A number equal to the boolean true, as the platform compares numbers.
+    if (value.typeId() == QMetaType::LongLong || value.typeId() == QMetaType::ULongLong ||
+        value.typeId() == QMetaType::Double)
+        return value.toDouble() == 1.0;
+    return false;
+}
+
+// Creates FOLDER with its missing parents. Running as root inside the console
+// user's home, the folders made are handed to that user so that the user's own
+// runs can still write their logs there.
+bool createFolder(const QString &folder)
+{
+    if (folder.isEmpty())
+        return false;
+    QStringList created;
+    for (QString probe = folder; !probe.isEmpty() && probe != QLatin1String("/") && !QFileInfo::exists(probe);
+         probe = HXPath::deletingLastComponent(probe))
+        created.prepend(probe);
+    if (!QDir().mkpath(folder))
+        return false;
+    const QString home = HXLocalPaths::userDirectory();
+    struct stat homeInfo{};
+    if (platform::isRoot() && !home.isEmpty() && folder.startsWith(home + QLatin1Char('/')) &&
+        ::stat(QFile::encodeName(home).constData(), &homeInfo) == 0 && homeInfo.st_uid != 0) {
+        for (const QString &made : created)
+            if (::lchown(QFile::encodeName(made).constData(), homeInfo.st_uid, homeInfo.st_gid) != 0)
+                break;
+    }
+    return true;
+}
+
+// Replaces PATH with an empty file through a temporary file and a rename.
+bool writeEmptyFileAtomically(const QString &path, QString *error)
+{
+    QByteArray temp = QFile::encodeName(path) + ".XXXXXX";
+    const int fd = ::mkstemp(temp.data());
+    if (fd < 0) {
+        *error = QString::fromLocal8Bit(std::strerror(errno));
+        return false;
+    }
+    ::fchmod(fd, 0644);
+    ::close(fd);
+    if (::rename(temp.constData(), QFile::encodeName(path).constData()) != 0) {
+        *error = QString::fromLocal8Bit(std::strerror(errno));
+        ::unlink(temp.constData());
+        return false;
+    }
+    return true;
+}
+
+// Moves a generation to the next name; like the platform's move, it refuses to
+// replace an existing file.
+bool moveGeneration(const QString &from, const QString &to)
+{
+    if (QFileInfo::exists(to))
+        return false;
+    return ::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0;
+}
+
+QString generationPath(const QString &folder, const QString &name, int generation)
+{
+    return folder + HXFormat(u"/%@.%li.log", name, generation);
+}
+
+[[noreturn]] void logUncaughtException()
+{
+    QString reason = QStringLiteral("Unknown exception");
+    if (std::exception_ptr current = std::current_exception()) {
+        try {
+            std::rethrow_exception(current);
+        } catch (const std::exception &e) {
+            reason = QString::fromUtf8(e.what());
+        } catch (...) {
+        }
+    }
+    HXLog::appendLogAndPrint(reason);
+    HXLog::finishWriting();
+    std::abort();
+}
+
+}  // namespace
+
+HXLog::HXLog()
+{
+    m_writer = std::thread([this] { runWriter(); });
+    std::set_terminate(logUncaughtException);
+}
+
+HXLog &HXLog::sharedController()
+{
+    static HXLog *instance = [] {
+        auto *log = new HXLog();
+        if (QCoreApplication *app = QCoreApplication::instance())
+            QObject::connect(app, &QCoreApplication::aboutToQuit, [] { HXLog::willTerminate(); });
+        return log;
+    }();
+    return *instance;
+}
+
+QString HXLog::appName() const
+{
+    std::lock_guard lock(m_fileMutex);
+    if (m_appNameSet)
+        return m_appName;
+    return HXPath::deletingExtension(HXPath::lastComponent(HXBundle::mainBundle().executablePath()));
+}
+
+void HXLog::setAppName(const QString &name)
+{
+    std::lock_guard lock(m_fileMutex);
+    m_appName = name;
+    m_appNameSet = true;
+}
+
+QString HXLog::logFolder()
+{
+    return HXLocalPaths::libraryDirectory(true) + QStringLiteral("/Logs/Lanternfish");
+}
+
+QString HXLog::currentLogPath()
+{
+    const QString name = sharedController().appName();
+    // A root process writes the current log in the machine's Library while the
+    // generations it rotates stay in the user's folder; kept as it has always been.
+    if (platform::isRoot())
+        return HXLocalPaths::libraryDirectory(false) + HXFormat(u"/Logs/Lanternfish/%@.1.log", name);
+    return logFolder() + HXFormat(u"/%@.1.log", name);
+}
+
+void HXLog::createNewLog(const QString &name)
+{
+    HXLog &log = sharedController();
+    bool opened = false;
+    {
+        std::lock_guard lock(log.m_fileMutex);
+        opened = log.createNewLogLocked(name);
+    }
+    // Queued outside the file lock: a worker thread's short line may wait for the
+    // writer, which needs that lock.
+    if (opened)
+        queueHeader();
+}
+
+bool HXLog::createNewLogLocked(const QString &name)
+{
+    closeFile();
+
+    if (loggingDisabledByPreference()) {
+        printToConsole(QByteArray("Logging is disabled\n"));
+        m_loggingDisabled = true;
+        return false;
+    }
+
+    if (!name.isEmpty() && !m_appNameSet) {
+        m_appName = name;
+        m_appNameSet = true;
+    }
+    m_bytesWritten = 0;
+    if (m_appName.isEmpty()) {
+        m_appName = QStringLiteral("Unknown");
+        m_appNameSet = true;
+    }
+
+    const QString folder = logFolder();
+    const QString current = currentLogPath();
+    if (!QFileInfo(folder).isDir() && !createFolder(folder)) {
+        printToConsole(HXFormat(u"Unable to create folder %s.\n", cString(folder).constData()));
+        return false;
+    }
+
+    if (QFileInfo::exists(current)) {
+        QFile::remove(generationPath(folder, m_appName, kGenerations));
+        for (int generation = kGenerations - 1; generation >= 1; --generation) {
+            const QString from = generationPath(folder, m_appName, generation);
+            if (!QFileInfo::exists(from))
+                continue;
+            const QString to = generationPath(folder, m_appName, generation + 1);
+            if (!moveGeneration(from, to)) {
+                printToConsole(HXFormat(u"Unable to move file %s to %s.\n", from, to));
+                return false;
+            }
+        }
+    }
+
+    QString error;
+    if (!writeEmptyFileAtomically(current, &error)) {
+        printToConsole(HXFormat(u"Unable to create log file %s - %s\n", current, error));
+        return false;
+    }
+    const int fd = ::open(QFile::encodeName(current).constData(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    m_fd = fd;
+    return true;
+}
+
+void HXLog::queueHeader()
+{
+    const HXBundle &bundle = HXBundle::mainBundle();
+    fastAppendLog(u"Log started: %@\n", HXCurrentDateDescription());
+    const QVariant version = bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion"));
+    if (version.isValid())
+        fastAppendLog(u"Version: %@\n", version);
+    fastAppendLog(u"Path: %@\n", bundle.executablePath());
+    appendLog(u"System: OS X %@, %li CPU(s), %0.2f GB RAM\n", platform::osVersionString(),
+              platform::processorCount(),
+              static_cast<double>(platform::physicalMemoryBytes()) / 1024.0 / 1024.0 / 1024.0);
+    if constexpr (sizeof(void *) == 8)
+        fastAppendLog(u"Running in 64-bit mode\n");
+}
+
+void HXLog::appendTextToLog(const QString &text)
+{
+    QString trimmed = text.trimmed();
+    if (trimmed.isEmpty())
+        return;
+    const auto length = static_cast<std::uint64_t>(trimmed.size());
+    {
+        std::lock_guard lock(m_queueMutex);
+        if (!m_queueOpen)
+            return;
+        m_bytesInQueue += length;
+        m_queue.push_back(std::move(trimmed));
+    }
+    m_queueChanged.notify_one();
+}
+
+void HXLog::appendFormatted(const QString &text)
+{
+    HXLog &log = sharedController();
+    log.appendTextToLog(text);
+    if (!HXIsMainThread() && !text.isEmpty() && text.size() <= 99 && log.bytesInQueue() <= 99)
+        finishWriting();
+}
+
+QString HXLog::consoleCopy(const QString &trimmedText)
+{
+    QString copy = trimmedText;
+    copy.remove(QStringLiteral("%@"));
+    copy.replace(QLatin1Char('%'), QStringLiteral("%%"));
+    copy.remove(QChar(u'\0'));
+    return copy;
+}
+
+void HXLog::appendAndPrintFormatted(const QString &text)
+{
+    const QString trimmed = text.trimmed();
+    // The trimmed text is a format again, so its "%" conversions apply once more.
+    appendLog(trimmed);
+    printToConsole(consoleCopy(trimmed) + QLatin1Char('\n'));
+}
+
+std::size_t HXLog::pendingOperations() const
+{
+    return m_queue.size() + (m_writing ? 1 : 0);
+}
+
+void HXLog::finishWriting()
+{
+    HXLog &log = sharedController();
+    if (log.isWriterThread())
+        return;  // the writer would wait for itself
+    std::unique_lock lock(log.m_queueMutex);
+    log.m_queueDrained.wait(lock, [&] { return log.pendingOperations() == 0; });
+}
+
+QStringList HXLog::availableLogs()
+{
+    const QString folder = logFolder();
+    const QString name = sharedController().appName();
+    QStringList logs;
+    for (int generation = 1; generation <= kGenerations; ++generation) {
+        const QString path = HXFormat(u"%@/%@.%li.log", folder, name, generation);
+        if (QFileInfo::exists(path))
+            logs.append(path);
+    }
+    return logs;
+}
+
+void HXLog::willTerminate()
+{
+    HXLog &log = sharedController();
+    {
+        std::unique_lock lock(log.m_queueMutex);
+        if (!log.m_queueOpen)
+            return;
+        if (log.pendingOperations() < kTerminateWaitLimit && !log.isWriterThread())
+            log.m_queueDrained.wait(lock, [&] { return log.pendingOperations() == 0; });
+        else
+            log.m_queue.clear();
+        log.m_queueOpen = false;
+    }
+    log.m_queueChanged.notify_all();
+    if (!log.isWriterThread() && log.m_writer.joinable())
+        log.m_writer.join();
+    std::lock_guard fileLock(log.m_fileMutex);
+    log.m_appName.clear();
+    log.m_appNameSet = false;
+    log.closeFile();
+}
+
+void HXLog::runWriter()
+{
+    std::deque<QString> batch;
+    for (;;) {
+        {
+            std::unique_lock lock(m_queueMutex);
+            m_writing = false;
+            if (m_queue.empty())
+                m_queueDrained.notify_all();
+            m_queueChanged.wait(lock, [&] { return !m_queue.empty() || !m_queueOpen; });
+            if (!m_queueOpen)
+                return;
+            batch.swap(m_queue);
+            m_writing = true;
+        }
+        // Lines queued while this batch is written (the header after a turnover)
+        // wait in the queue behind it, in the order they were queued.
+        for (const QString &text : batch)
+            appendLogOnThread(text);
+        batch.clear();
+        std::lock_guard fileLock(m_fileMutex);
+        flushBuffer();
+    }
+}
+
+void HXLog::appendLogOnThread(const QString &text)
+{
+    if (m_loggingDisabled)
+        return;  // deliberately leaves bytesInQueue as it is
+    try {
+        std::lock_guard lock(m_fileMutex);
+        if (m_fd < 0 && !openCurrentLogForAppend()) {
+            if (!m_loggingDisabled) {
+                printToConsole(HXFormat(u"Unable to log the following information: %s\n", text));
+                printToConsole(QByteArray("Unable to open log for output\n"));
+            }
+        } else {
+            const QByteArray line = (HXCurrentDateDescription() + QStringLiteral(" - ") + text).toUtf8() + '\n';
+            writeBuffered(line);
+            m_bytesWritten += static_cast<std::uint64_t>(line.size());
+            if (m_bytesWritten >= kSizeLimit) {
+                flushBuffer();
+                if (createNewLogLocked(appName()))
+                    queueHeader();
+                appendLog(u"Log truncated at 500KB");
+            }
+        }
+        m_bytesInQueue -= static_cast<std::uint64_t>(text.size());
+    } catch (const std::exception &e) {
+        if (!m_loggingDisabled)
+            printToConsole(HXFormat(u"Exception writing to log: %s\n", e.what()));
+    }
+}
+
+bool HXLog::openCurrentLogForAppend()
+{
+    const int fd = ::open(QFile::encodeName(currentLogPath()).constData(), O_WRONLY | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    ::lseek(fd, 0, SEEK_END);
+    m_fd = fd;
+    return true;
+}
+
+void HXLog::writeBuffered(const QByteArray &bytes)
+{
+    m_buffer.append(bytes);
+    if (m_buffer.size() >= kBufferLimit)
+        flushBuffer();
+}
+
+void HXLog::flushBuffer()
+{
+    if (m_buffer.isEmpty())
+        return;
+    const QByteArray pending = std::exchange(m_buffer, QByteArray());
+    const char *data = pending.constData();
+    qsizetype left = pending.size();
+    while (left > 0 && m_fd >= 0) {
+        const ssize_t written = ::write(m_fd, data, static_cast<std::size_t>(left));
+        if (written < 0) {
+            if (errno == EINTR)
+                continue;
+            if (!m_loggingDisabled)
+                printToConsole(HXFormat(u"Exception writing to log: %s\n", std::strerror(errno)));
+            return;
+        }
+        data += written;
+        left -= written;
+    }
+}
+
+void HXLog::closeFile()
+{
+    flushBuffer();
+    if (m_fd >= 0)
+        ::close(m_fd);
+    m_fd = -1;
+}

@@ -1,0 +1,60 @@
+#pragma once
+
+// The operating-system services the rest of the program needs, one function per
+// service. Only this folder knows which system it runs on.
+
+#include <QString>
+#include <QStringList>
+
+#include <cstdint>
+#include <optional>
+
+namespace platform {
+
+// Login name of the user at the console; none when nobody is logged in or the
+// login screen is showing.
+std::optional<QString> consoleUser();
+
+// Home folder of a user from the account database; none for an unknown user.
+std::optional<QString> homeDirectoryOfUser(const QString &userName);
+
+// Login name of the process's real user.
+QString processUserName();
+
+// True when the process runs with user id 0.
+bool isRoot();
+
+// The system console log (NSLog's counterpart): one line, prefixed the way the
+// platform prefixes such lines.
+void systemLog(const QString &line);
+
+// Version of the running system as major.minor.patch, e.g. "6.1.0".
+QString osVersionString();
+
+int processorCount();
+std::uint64_t physicalMemoryBytes();
+
+// Absolute path of the running executable.
+QString executablePath();
+
+// The per-user temporary folder, without a trailing slash.
+QString temporaryDirectory();
+
+// The per-user cache folder the system names for this user; none when it names none.
+std::optional<QString> userCacheDirectory();
+
+}  // namespace platform
+
+namespace platform {
+
+// Where the user's Trash lies, relative to the home folder.
+QString trashFolderInHome();
+
+}  // namespace platform
+
+namespace platform {
+
+// The arguments the process was started with, program path first.
+QStringList processArguments();
+
+}  // namespace platform

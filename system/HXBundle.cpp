@@ -1,0 +1,49 @@
+#include "system/HXBundle.h"
+
+#include "platform/Platform.h"
+#include "system/HXPath.h"
+#include "system/PropertyList.h"
+
+HXBundle::HXBundle(QString bundlePath)
+    : m_path(std::move(bundlePath)),
+      m_info(PropertyList::readDictionary(m_path + QStringLiteral("/Contents/Info.plist")))
+{
+}
+
+const HXBundle &HXBundle::mainBundle()
+{
+    static const HXBundle *bundle = [] {
+        const QString executable = platform::executablePath();
+        auto *main = new HXBundle(bundlePathForExecutable(executable));
+        main->m_runningExecutable = executable;
+        return main;
+    }();
+    return *bundle;
+}
+
+QString HXBundle::bundlePathForExecutable(const QString &executablePath)
+{
+    const QString folder = HXPath::deletingLastComponent(executablePath);
+    const QString marker = QStringLiteral(".app/Contents/MacOS");
+    if (folder.endsWith(marker))
+        return folder.left(folder.size() - QStringLiteral("/Contents/MacOS").size());
+    return folder;
+}
+
+QString HXBundle::bundleIdentifier() const
+{
+    return m_info.value(QStringLiteral("CFBundleIdentifier")).toString();
+}
+
+QString HXBundle::executablePath() const
+{
+    const QString name = m_info.value(QStringLiteral("CFBundleExecutable")).toString();
+    if (name.isEmpty())
+        return m_runningExecutable;
+    return m_path + QStringLiteral("/Contents/MacOS/") + name;
+}
+
+QString HXBundle::resourcePath() const
+{
+    return m_path + QStringLiteral("/Contents/Resources");
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+// Property lists as macOS writes them (XML or binary), as a tree of QVariants:
+// QVariantMap (dictionary), QVariantList (array), QString, qint64 / quint64
+// (integers; quint64 only above the signed range), double, bool, QDateTime (UTC),
+// QByteArray (data).
+
+#include <QByteArray>
+#include <QString>
+#include <QVariant>
+#include <QVariantMap>
+
+namespace PropertyList {
+
+// Parses XML or binary property-list data; an invalid QVariant when it is neither.
+QVariant fromData(const QByteArray &data);
+
+// Reads a property-list file; a missing, unreadable or malformed file reads as an
+// invalid QVariant.
+QVariant readFile(const QString &path);
+
+// Reads a file whose top level is a dictionary; anything else reads as empty.
+QVariantMap readDictionary(const QString &path);
+
+// Serialises a value tree as XML; an empty array when a value has no plist form.
+QByteArray toXml(const QVariant &value);
+
+// Writes the value tree as XML through a temporary file in the same folder and a
+// rename, so readers see either the old file or the whole new one.
+bool writeXmlFile(const QString &path, const QVariant &value);
+
+}  // namespace PropertyList
