@@ -1,0 +1,7 @@
+#!/usr/bin/env bash
+# Prepares this machine for the integration tests: the test account "anna", whose
+# home /Users/anna exists only inside each test's sandbox. Idempotent.
+set -euo pipefail
+if ! getent passwd anna >/dev/null; then
+  useradd --no-create-home --home-dir /Users/anna --shell /bin/sh --user-group anna
+fi

@@ -1,0 +1,197 @@
+#include "tests/support/Sandbox.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QStandardPaths>
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+struct Account {
+    uid_t uid = 0;
+    gid_t gid = 0;
+};
+
+std::optional<Account> userAccount()
+{
+    const passwd *entry = getpwnam(Sandbox::kUser);
+    if (entry == nullptr)
+        return std::nullopt;
+    return Account{entry->pw_uid, entry->pw_gid};
+}
+
+bool chownTree(const QString &path, const Account &account)
+{
+    if (::lchown(QFile::encodeName(path).constData(), account.uid, account.gid) != 0)
+        return false;
+    QDirIterator it(path, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext())
+        if (::lchown(QFile::encodeName(it.next()).constData(), account.uid, account.gid) != 0)
+            return false;
+    return true;
+}
+
+bool copyTree(const QString &from, const QString &to)
+{
+    const QFileInfo info(from);
+    if (info.isDir()) {
+        if (!QDir().mkpath(to))
+            return false;
+        for (const QString &name : QDir(from).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden))
+            if (!copyTree(from + QLatin1Char('/') + name, to + QLatin1Char('/') + name))
+                return false;
+        return true;
+    }
+    return QFile::copy(from, to);
+}
+
+}  // namespace
+
+QString Sandbox::unavailableReason()
+{
+    if (geteuid() != 0)
+        return QStringLiteral("sandbox tests run as root");
+    if (QStandardPaths::findExecutable(QStringLiteral("bwrap")).isEmpty())
+        return QStringLiteral("bubblewrap (bwrap) is not installed");
+    if (!userAccount())
+        return QStringLiteral("the test account anna does not exist (scripts/setup-tests.sh makes it)");
+    return QString();
+}
+
+Sandbox::Sandbox() : m_root(QDir::tempPath() + QStringLiteral("/mendwell-sandbox-XXXXXX"))
+{
+    for (const char *folder : {"Users", "Library", "Applications", "runtime-root", "runtime-user"})
+        QDir().mkpath(m_root.path() + QLatin1Char('/') + QLatin1String(folder));
+    ::chmod(QFile::encodeName(m_root.path()).constData(), 0755);
+    ::chmod(QFile::encodeName(m_root.path() + QStringLiteral("/runtime-root")).constData(), 0700);
+    ::chmod(QFile::encodeName(m_root.path() + QStringLiteral("/runtime-user")).constData(), 0700);
+    makeFolder(QStringLiteral("/Users/anna"), true);
+    copyTree(QStringLiteral(MENDWELL_BUNDLE_PATH), hostPath(QStringLiteral("/Applications/Mendwell.app")));
+    if (const auto account = userAccount())
+        ::lchown(QFile::encodeName(m_root.path() + QStringLiteral("/runtime-user")).constData(), account->uid,
+                 account->gid);
+}
+
+QString Sandbox::hostPath(const QString &sandboxPath) const
+{
+    return m_root.path() + sandboxPath;
+}
+
+bool Sandbox::makeFolder(const QString &sandboxPath, bool ownedByUser) const
+{
+    const QString path = hostPath(sandboxPath);
+    if (!QDir().mkpath(path))
+        return false;
+    if (!ownedByUser)
+        return true;
+    const auto account = userAccount();
+    return account && chownTree(path, *account);
+}
+
+bool Sandbox::writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser) const
+{
+    const QString path = hostPath(sandboxPath);
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(contents) != contents.size())
+        return false;
+    file.close();
+    if (!ownedByUser)
+        return true;
+    const auto account = userAccount();
+    return account && chownTree(path, *account);
+}
+
+QByteArray Sandbox::readFile(const QString &sandboxPath) const
+{
+    QFile file(hostPath(sandboxPath));
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool Sandbox::exists(const QString &sandboxPath) const
+{
+    return QFileInfo::exists(hostPath(sandboxPath));
+}
+
+QStringList Sandbox::bubblewrapArguments() const
+{
+    QStringList args{QStringLiteral("bwrap")};
+    // A fresh root (bubblewrap's own tmpfs) holding every real top-level folder,
+    // so that /Users, /Library and /Applications can be this test's own.
+    const QStringList own{QStringLiteral("Users"), QStringLiteral("Library"), QStringLiteral("Applications"),
+                          QStringLiteral("proc"),  QStringLiteral("dev"),     QStringLiteral("sys")};
+    for (const QFileInfo &entry :
+         QDir(QStringLiteral("/")).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
+        const QString name = entry.fileName();
+        if (own.contains(name))
+            continue;
+        const QString path = QLatin1Char('/') + name;
+        if (entry.isSymLink())
+            args << QStringLiteral("--symlink") << entry.symLinkTarget() << path;
+        else if (entry.isDir())
+            args << QStringLiteral("--bind") << path << path;
+        else
+            args << QStringLiteral("--ro-bind") << path << path;
+    }
+    args << QStringLiteral("--ro-bind") << QStringLiteral("/sys") << QStringLiteral("/sys");
+    args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Library")) << QStringLiteral("/Library");
+    args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Applications")) << QStringLiteral("/Applications");
+    args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Users")) << QStringLiteral("/Users");
+    // The console user comes from the environment, not from a desktop seat of the
+    // machine the tests happen to run on.
+    if (QFileInfo(QStringLiteral("/run/systemd/seats")).isDir())
+        args << QStringLiteral("--tmpfs") << QStringLiteral("/run/systemd/seats");
+    args << QStringLiteral("--proc") << QStringLiteral("/proc") << QStringLiteral("--dev-bind")
+         << QStringLiteral("/dev") << QStringLiteral("/dev") << QStringLiteral("--unshare-pid")
+         << QStringLiteral("--die-with-parent") << QStringLiteral("--clearenv");
+    return args;
+}
+
+ProcessResult Sandbox::run(const QStringList &arguments, const QStringList &environment, bool asUser) const
+{
+    QStringList args = bubblewrapArguments();
+    QStringList env{QStringLiteral("PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin"),
+                    QStringLiteral("LC_ALL=C.UTF-8")};
+    if (asUser) {
+        env << QStringLiteral("HOME=/Users/anna") << QStringLiteral("USER=anna") << QStringLiteral("LOGNAME=anna")
+            << QStringLiteral("XDG_RUNTIME_DIR=") + m_root.path() + QStringLiteral("/runtime-user");
+    } else {
+        env << QStringLiteral("HOME=/root") << QStringLiteral("USER=root") << QStringLiteral("SUDO_USER=anna")
+            << QStringLiteral("XDG_RUNTIME_DIR=") + m_root.path() + QStringLiteral("/runtime-root");
+    }
+    // Sanitizer settings of the test run reach the program under test.
+    for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS", "QT_QPA_PLATFORM"})
+        if (qEnvironmentVariableIsSet(name))
+            env << QString::fromLatin1(name) + QLatin1Char('=') + qEnvironmentVariable(name);
+    env << environment;
+    for (const QString &assignment : env) {
+        const qsizetype equals = assignment.indexOf(QLatin1Char('='));
+        args << QStringLiteral("--setenv") << assignment.left(equals) << assignment.mid(equals + 1);
+    }
+    args << QStringLiteral("--");
+    if (asUser)
+        args << QStringLiteral("setpriv") << QStringLiteral("--reuid=anna") << QStringLiteral("--regid=anna")
+             << QStringLiteral("--init-groups") << QStringLiteral("--");
+    QStringList command = arguments;
+    if (!command.isEmpty() && command.first() == QLatin1String("Mendwell"))
+        command.first() = mendwellPath();
+    args << command;
+    return runProcess(args);
+}
+
+ProcessResult Sandbox::runAsRoot(const QStringList &arguments, const QStringList &environment) const
+{
+    return run(arguments, environment, false);
+}
+
+ProcessResult Sandbox::runAsUser(const QStringList &arguments, const QStringList &environment) const
+{
+    return run(arguments, environment, true);
+}

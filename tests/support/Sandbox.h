@@ -1,0 +1,57 @@
+#pragma once
+
+// A throw-away system for running the built bundle as a real process: a private
+// mount and process namespace (bubblewrap) in which /Users, /Library and
+// /Applications are folders of this test alone, the console user is "anna" (home
+// /Users/anna) and the bundle is installed as /Applications/Mendwell.app. Every
+// real top-level folder is bound into a fresh root, so nothing of the test reaches
+// the real /Library, /Users or /Applications.
+
+#include "tests/support/Process.h"
+
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+class Sandbox {
+public:
+    static constexpr const char *kUser = "anna";
+
+    // Why sandboxes cannot run here (not root, no bubblewrap, no account anna);
+    // empty when they can.
+    static QString unavailableReason();
+
+    Sandbox();
+
+    // The host path of a path inside the sandbox (under /Users, /Library or
+    // /Applications).
+    QString hostPath(const QString &sandboxPath) const;
+
+    // Creates a folder (with its parents) inside the sandbox, owned by root or anna.
+    bool makeFolder(const QString &sandboxPath, bool ownedByUser = false) const;
+    bool writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser = false) const;
+    QByteArray readFile(const QString &sandboxPath) const;
+    bool exists(const QString &sandboxPath) const;
+
+    // Runs ARGUMENTS inside the sandbox as root, with anna as the console user
+    // (SUDO_USER=anna). "Mendwell" as the program means the installed bundle.
+    ProcessResult runAsRoot(const QStringList &arguments, const QStringList &environment = {}) const;
+    // Runs ARGUMENTS inside the sandbox as anna.
+    ProcessResult runAsUser(const QStringList &arguments, const QStringList &environment = {}) const;
+
+    static QString mendwellPath() { return QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/Mendwell"); }
+
+private:
+    ProcessResult run(const QStringList &arguments, const QStringList &environment, bool asUser) const;
+    QStringList bubblewrapArguments() const;
+
+    QTemporaryDir m_root;
+};
+
+// Skips the calling test when sandboxes cannot run here.
+#define SKIP_WITHOUT_SANDBOX()                                                                          \
+    do {                                                                                                \
+        const QString reason = Sandbox::unavailableReason();                                           \
+        if (!reason.isEmpty())                                                                          \
+            GTEST_SKIP() << reason.toStdString();                                                       \
+    } while (false)
