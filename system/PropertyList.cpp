@@ -36,7 +36,7 @@ QVariant integerValue(plist_t node)
     char *xml = nullptr;
     uint32_t length = 0;
     plist_to_xml(copy.get(), &xml, &length);
-    const bool negative = xml && QByteArray::fromRawData(xml, static_cast<int>(length)).contains('-');
+    const bool negative = xml && QByteArray::fromRawData(xml, static_cast<int>(length)).contains("<integer>-");
     plist_to_xml_free(xml);
     if (negative)
         return QVariant::fromValue(static_cast<qint64>(raw));
@@ -116,6 +116,18 @@ QVariant toVariant(plist_t node)
     }
 }
 
+// plist_new_uint makes a signed node; only libplist's parser makes one that is
+// written back unsigned, which values above the signed range need.
+plist_t unsignedInteger(quint64 value)
+{
+    if (value <= static_cast<quint64>(std::numeric_limits<qint64>::max()))
+        return plist_new_uint(value);
+    const QByteArray xml = "<plist version=\"1.0\"><integer>" + QByteArray::number(value) + "</integer></plist>";
+    plist_t node = nullptr;
+    plist_from_xml(xml.constData(), static_cast<uint32_t>(xml.size()), &node);
+    return node;
+}
+
 plist_t fromVariant(const QVariant &value)
 {
     switch (value.typeId()) {
@@ -134,7 +146,7 @@ plist_t fromVariant(const QVariant &value)
     case QMetaType::ULongLong:
     case QMetaType::UShort:
     case QMetaType::UChar:
-        return plist_new_uint(value.toULongLong());
+        return unsignedInteger(value.toULongLong());
     case QMetaType::Double:
     case QMetaType::Float:
         return plist_new_real(value.toDouble());
