@@ -12,7 +12,7 @@ namespace {
 
 const QString kOwnDomain = QStringLiteral("com.lanternfish.Mendwell");
 
-}  // namespace
+} // namespace
 
 HXUserDefaults &HXUserDefaults::standardUserDefaults()
 {
@@ -21,7 +21,9 @@ HXUserDefaults &HXUserDefaults::standardUserDefaults()
     return *defaults;
 }
 
-HXUserDefaults::HXUserDefaults(const QString &path) : m_path(path) {}
+HXUserDefaults::HXUserDefaults(const QString &path) : m_path(path)
+{
+}
 
 QString HXUserDefaults::pathForDomain(const QString &domain, const QString &preferencesFolder)
 {
@@ -38,7 +40,8 @@ QString HXUserDefaults::ownPreferencesFolder()
 
 QVariantMap HXUserDefaults::persistentDomain(const QString &domain, const QString &preferencesFolder)
 {
-    const QString folder = preferencesFolder.isEmpty() ? HXLocalPaths::prefsDirectory(true) : preferencesFolder;
+    const QString folder =
+        preferencesFolder.isEmpty() ? HXLocalPaths::prefsDirectory(true) : preferencesFolder;
     if (folder.isEmpty())
         return {};
     return PropertyList::readDictionary(pathForDomain(domain, folder));

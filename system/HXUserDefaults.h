@@ -58,8 +58,7 @@ public:
 
     // The whole dictionary of DOMAIN in PREFERENCESFOLDER (by default the user's
     // Preferences folder, which is the console user's when running as root).
-    static QVariantMap persistentDomain(const QString &domain,
-                                        const QString &preferencesFolder = QString());
+    static QVariantMap persistentDomain(const QString &domain, const QString &preferencesFolder = QString());
     // One key of DOMAIN; none when the file or the key is missing.
     static std::optional<QVariant> valueForKey(const QString &key, const QString &domain,
                                                const QString &preferencesFolder = QString());
