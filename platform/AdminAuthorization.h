@@ -1,0 +1,41 @@
+#pragma once
+
+// The administrator right of the platform: a privileged runner (the bundle's
+// "authtool", started through polkit's pkexec on Linux) that executes commands
+// sent by this process alone, over pipes only this process holds. Releasing the
+// last reference ends the runner.
+
+#include <QByteArray>
+#include <QString>
+
+#include <memory>
+#include <optional>
+
+namespace platform {
+
+class AdminAuthorization {
+public:
+    // The polkit action the runner is started under.
+    static constexpr const char *kActionId = "com.lanternfish.mendwell.authtool";
+
+    // Starts RUNNER with administrator rights, letting the system ask the user.
+    // None when the user is not authorized, cancelled, or the runner did not
+    // start; STATUS then holds the system's reason (a non-zero code).
+    static std::shared_ptr<AdminAuthorization> acquire(const QString &runnerPath, int *status = nullptr);
+
+    ~AdminAuthorization();
+    AdminAuthorization(const AdminAuthorization &) = delete;
+    AdminAuthorization &operator=(const AdminAuthorization &) = delete;
+
+    // Sends one request and waits for the runner's reply; none when the runner
+    // has gone (the right is then lost).
+    std::optional<QByteArray> send(const QByteArray &request);
+    bool isValid() const;
+
+private:
+    AdminAuthorization() = default;
+    struct Runner;
+    std::unique_ptr<Runner> m_runner;
+};
+
+} // namespace platform
