@@ -79,6 +79,14 @@ Sandbox::Sandbox() : m_root(QDir::tempPath() + QStringLiteral("/mendwell-sandbox
                  account->gid);
 }
 
+QString Sandbox::installTestProgram(const QString &name) const
+{
+    const QString inside = QStringLiteral("/Applications/TestPrograms/") + name;
+    QDir().mkpath(hostPath(QStringLiteral("/Applications/TestPrograms")));
+    QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/") + name, hostPath(inside));
+    return inside;
+}
+
 QString Sandbox::hostPath(const QString &sandboxPath) const
 {
     return m_root.path() + sandboxPath;
@@ -86,19 +94,27 @@ QString Sandbox::hostPath(const QString &sandboxPath) const
 
 bool Sandbox::makeFolder(const QString &sandboxPath, bool ownedByUser) const
 {
-    const QString path = hostPath(sandboxPath);
-    if (!QDir().mkpath(path))
+    QStringList missing;
+    for (QString probe = sandboxPath; probe.size() > 1 && !exists(probe); probe = QFileInfo(probe).path())
+        missing.prepend(hostPath(probe));
+    if (!QDir().mkpath(hostPath(sandboxPath)))
         return false;
     if (!ownedByUser)
         return true;
     const auto account = userAccount();
-    return account && chownTree(path, *account);
+    if (!account)
+        return false;
+    for (const QString &made : missing)
+        if (::lchown(QFile::encodeName(made).constData(), account->uid, account->gid) != 0)
+            return false;
+    return true;
 }
 
 bool Sandbox::writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser) const
 {
+    if (!makeFolder(QFileInfo(sandboxPath).path(), ownedByUser))
+        return false;
     const QString path = hostPath(sandboxPath);
-    QDir().mkpath(QFileInfo(path).path());
     QFile file(path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(contents) != contents.size())
         return false;

@@ -33,6 +33,10 @@ public:
     QByteArray readFile(const QString &sandboxPath) const;
     bool exists(const QString &sandboxPath) const;
 
+    // Copies the test program NAME (built into the test-programs folder) into the
+    // sandbox and returns its path there.
+    QString installTestProgram(const QString &name) const;
+
     // Runs ARGUMENTS inside the sandbox as root, with anna as the console user
     // (SUDO_USER=anna). "Mendwell" as the program means the installed bundle.
     ProcessResult runAsRoot(const QStringList &arguments, const QStringList &environment = {}) const;
