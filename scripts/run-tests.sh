@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Builds Mendwell and runs every test. Run as root on Debian 12: installs what it
+# needs, creates the test account, builds into build/ and runs ctest.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+bash scripts/install-deps.sh
+bash scripts/setup-tests.sh
+for setup in scripts/setup-*-tests.sh; do
+  [ -e "$setup" ] && bash "$setup"
+done
+
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake --build build
+ctest --test-dir build --output-on-failure "$@"

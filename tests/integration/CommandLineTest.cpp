@@ -1,0 +1,135 @@
+#include "app/HXCommandLine.h"
+#include "system/PropertyList.h"
+#include "tests/support/Sandbox.h"
+
+#include <QFileInfo>
+
+#include <gtest/gtest.h>
+
+#include <pwd.h>
+#include <sys/stat.h>
+
+namespace {
+
+const QString kUserLogs = QStringLiteral("/Users/anna/Library/Logs/Lanternfish");
+const QString kMachineLogs = QStringLiteral("/Library/Logs/Lanternfish");
+
+QStringList textsOf(const QByteArray &log)
+{
+    QStringList texts;
+    for (const QString &line : QString::fromUtf8(log).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        texts.append(line.section(QStringLiteral(" - "), 1));
+    return texts;
+}
+
+class CommandLineTest : public ::testing::Test {
+protected:
+    void SetUp() override { SKIP_WITHOUT_SANDBOX(); }
+    Sandbox box;
+};
+
+TEST_F(CommandLineTest, HelpPrintsExactlyTheHelpTextAndStops)
+{
+    const QByteArray expected = QByteArray(HXCommandLine::helpText) + '\n';
+    for (const QStringList &arguments : {QStringList{QStringLiteral("-help")},
+                                         QStringList{QStringLiteral("-repair"), QStringLiteral("-HELP")},
+                                         QStringList{QStringLiteral("-bogus"), QStringLiteral("-Help")}}) {
+        const ProcessResult result = box.runAsRoot(QStringList{QStringLiteral("Mendwell")} + arguments);
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_EQ(result.out, expected) << arguments.join(' ').toStdString();
+    }
+    EXPECT_TRUE(expected.startsWith("\nMendwell Help\n\n-help - Displays command listings.\n"));
+    EXPECT_TRUE(expected.endsWith("-trashworkspace - Trashes window layout (ignored if -repair is not set).\n"));
+    // -help ran no repair: no log anywhere.
+    EXPECT_FALSE(box.exists(QStringLiteral("/Users/anna/Library")));
+}
+
+TEST_F(CommandLineTest, UnknownSwitchesAreIgnored)
+{
+    const ProcessResult windowed = box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-bogus"), QStringLiteral("-trash")});
+    EXPECT_EQ(windowed.exitCode, 0);
+    EXPECT_FALSE(box.exists(kUserLogs));  // -trash alone does not start a repair
+
+    const ProcessResult repair =
+        box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("--what"), QStringLiteral("-Auto"), QStringLiteral("x")});
+    EXPECT_EQ(repair.exitCode, 0);
+    EXPECT_TRUE(box.exists(kUserLogs));
+}
+
+TEST_F(CommandLineTest, RootRepairWithoutMachineLogFolderSaysItCannotCreateTheLog)
+{
+    const ProcessResult result = box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair"), QStringLiteral("-silent")});
+    EXPECT_EQ(result.exitCode, 0);
+    // The user's folder is made (and left to the user), the machine's is not.
+    ASSERT_TRUE(box.exists(kUserLogs));
+    struct stat info{};
+    ASSERT_EQ(::stat(QFile::encodeName(box.hostPath(kUserLogs)).constData(), &info), 0);
+    EXPECT_EQ(info.st_uid, getpwnam("anna")->pw_uid);
+    EXPECT_FALSE(box.exists(kMachineLogs));
+    EXPECT_TRUE(result.out.startsWith(
+        "Unable to create log file /Library/Logs/Lanternfish/Mendwell.task.1.log - No such file or directory\n"))
+        << result.out.toStdString();
+}
+
+TEST_F(CommandLineTest, RootRepairWritesTaskLogWithHeaderInMachineFolder)
+{
+    ASSERT_TRUE(box.makeFolder(kMachineLogs));
+    const ProcessResult result = box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-REPAIR"), QStringLiteral("-Silent")});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(result.out.isEmpty()) << result.out.toStdString();
+
+    const QStringList texts = textsOf(box.readFile(kMachineLogs + QStringLiteral("/Mendwell.task.1.log")));
+    ASSERT_EQ(texts.size(), 6) << texts.join('\n').toStdString();
+    EXPECT_TRUE(texts[0].startsWith(QStringLiteral("Log started: 20")));
+    EXPECT_EQ(texts[1], QStringLiteral("Version: 100"));
+    EXPECT_EQ(texts[2], QStringLiteral("Path: /Applications/Mendwell.app/Contents/MacOS/Mendwell"));
+    EXPECT_TRUE(texts[3].startsWith(QStringLiteral("System: OS X ")));
+    EXPECT_EQ(texts[4], QStringLiteral("Running in 64-bit mode"));
+    EXPECT_EQ(texts[5], QStringLiteral("Starting repair..."));
+
+    // A second run empties generation 1 in the machine folder; the user's folder is
+    // the one that rotates.
+    ASSERT_TRUE(box.writeFile(kUserLogs + QStringLiteral("/Mendwell.task.1.log"), "user generation one"));
+    box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair")});
+    EXPECT_EQ(box.readFile(kUserLogs + QStringLiteral("/Mendwell.task.2.log")), QByteArray("user generation one"));
+    EXPECT_EQ(textsOf(box.readFile(kMachineLogs + QStringLiteral("/Mendwell.task.1.log"))).size(), 6);
+}
+
+TEST_F(CommandLineTest, UserRepairLogsInTheUsersFolder)
+{
+    const ProcessResult result = box.runAsUser({QStringLiteral("Mendwell"), QStringLiteral("-repair")});
+    EXPECT_EQ(result.exitCode, 0);
+    const QStringList texts = textsOf(box.readFile(kUserLogs + QStringLiteral("/Mendwell.task.1.log")));
+    ASSERT_FALSE(texts.isEmpty());
+    EXPECT_EQ(texts.last(), QStringLiteral("Starting repair..."));
+}
+
+TEST_F(CommandLineTest, DisableLoggingPreference)
+{
+    const QString prefs = QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.global.plist");
+    struct Case {
+        QVariant value;
+        bool disabled;
+    };
+    const Case cases[] = {
+        {QStringLiteral("1"), true},  {true, true},        {QStringLiteral("0"), false}, {QStringLiteral("yes"), false},
+        {qint64(2), false},           {false, false},      {QVariant(), false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.value.isValid() ? c.value.toString().toStdString() + " " + c.value.typeName() : "no key");
+        Sandbox fresh;
+        QVariantMap settings;
+        if (c.value.isValid())
+            settings.insert(QStringLiteral("disable-logging"), c.value);
+        fresh.makeFolder(QStringLiteral("/Users/anna/Library/Preferences"), true);
+        ASSERT_TRUE(PropertyList::writeXmlFile(fresh.hostPath(prefs), settings));
+        for (bool asRoot : {false, true}) {
+            const QStringList command{QStringLiteral("Mendwell"), QStringLiteral("-repair")};
+            const ProcessResult result = asRoot ? fresh.runAsRoot(command) : fresh.runAsUser(command);
+            EXPECT_EQ(result.out.startsWith("Logging is disabled\n"), c.disabled) << result.out.toStdString();
+            EXPECT_EQ(fresh.exists(QStringLiteral("/Users/anna/Library/Logs")), !c.disabled);
+        }
+    }
+}
+
+}  // namespace
