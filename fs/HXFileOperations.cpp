@@ -1,0 +1,572 @@
+#include "fs/HXFileOperations.h"
+
+#include "diagnostics/HXException.h"
+#include "diagnostics/HXLog.h"
+#include "fs/HXArchive.h"
+#include "fs/HXTrash.h"
+#include "platform/Platform.h"
+#include "platform/Workspace.h"
+#include "system/HXAuthorization.h"
+#include "system/HXLocalPaths.h"
+#include "system/HXMainThread.h"
+#include "system/HXPath.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// TODO(H2 file attributes): replace with the shared unlock, unique-name and
+// mount helpers once they land.
+namespace {
+void unlockFile(const QString &)
+{
+}
+void unlockFolder(const QString &)
+{
+}
+bool isDriveMountedForPath(const QString &path)
+{
+    if (!path.startsWith(QLatin1String("/Volumes/")))
+        return true;
+    const QStringList parts = HXPath::components(path);
+    return parts.size() < 3 || QFileInfo::exists(QStringLiteral("/Volumes/") + parts.at(2));
+}
+QString uniqueFilename(const QString &path)
+{
+    QString candidate = path;
+    for (int i = 2; QFileInfo::exists(candidate) || QFileInfo(candidate).isSymLink(); ++i)
+        candidate = path + QLatin1Char(' ') + QString::number(i);
+    return candidate;
+}
+} // namespace
+
+namespace {
+
+using namespace std::chrono_literals;
+
+QString errorDescription(int error, const QString &path)
+{
+    return QStringLiteral("%1: %2").arg(path, QString::fromLocal8Bit(std::strerror(error)));
+}
+
+// The names in FOLDER in the file system's order, hidden ones included; empty
+// when it cannot be listed.
+QStringList contentsOfDirectory(const QString &folder)
+{
+    QStringList names;
+    DIR *dir = ::opendir(QFile::encodeName(folder).constData());
+    if (dir == nullptr)
+        return names;
+    while (const dirent *entry = ::readdir(dir)) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+            continue;
+        names.append(QFile::decodeName(entry->d_name));
+    }
+    ::closedir(dir);
+    return names;
+}
+
+// Removes NAME inside the folder PARENT and everything under it, never following
+// a symbolic link. Returns 0 or the errno of the first failure.
+int removeAt(int parent, const char *name)
+{
+    struct stat info {};
+    if (::fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno;
+    if (!S_ISDIR(info.st_mode))
+        return ::unlinkat(parent, name, 0) == 0 ? 0 : errno;
+    const int fd = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return errno;
+    DIR *dir = ::fdopendir(fd);
+    if (dir == nullptr) {
+        const int error = errno;
+        ::close(fd);
+        return error;
+    }
+    int error = 0;
+    while (const dirent *entry = ::readdir(dir)) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+            continue;
+        if (const int failed = removeAt(fd, entry->d_name); failed != 0 && error == 0)
+            error = failed;
+    }
+    ::closedir(dir);
+    if (error != 0)
+        return error;
+    return ::unlinkat(parent, name, AT_REMOVEDIR) == 0 ? 0 : errno;
+}
+
+int removeItem(const QString &path)
+{
+    const QByteArray name = QFile::encodeName(path);
+    return removeAt(AT_FDCWD, name.constData());
+}
+
+int copyRegularFile(const QByteArray &from, const QByteArray &to, mode_t mode)
+{
+    const int in = ::open(from.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (in < 0)
+        return errno;
+    const int out =
+        ::open(to.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & 07777);
+    if (out < 0) {
+        const int error = errno;
+        ::close(in);
+        return error;
+    }
+    int error = 0;
+    char buffer[64 * 1024];
+    for (;;) {
+        const ssize_t count = ::read(in, buffer, sizeof buffer);
+        if (count < 0) {
+            if (errno == EINTR)
+                continue;
+            error = errno;
+            break;
+        }
+        if (count == 0)
+            break;
+        for (ssize_t done = 0; done < count;) {
+            const ssize_t written = ::write(out, buffer + done, static_cast<size_t>(count - done));
+            if (written < 0) {
+                if (errno == EINTR)
+                    continue;
+                error = errno;
+                break;
+            }
+            done += written;
+        }
+        if (error != 0)
+            break;
+    }
+    ::fchmod(out, mode & 07777);
+    ::close(in);
+    if (::close(out) != 0 && error == 0)
+        error = errno;
+    return error;
+}
+
+// Copies FROM to TO (which must not exist): folders with their contents, links
+// as links, files with their permissions. Returns 0 or the first errno.
+int copyItem(const QString &from, const QString &to)
+{
+    const QByteArray source = QFile::encodeName(from);
+    const QByteArray destination = QFile::encodeName(to);
+    struct stat info {};
+    if (::lstat(source.constData(), &info) != 0)
+        return errno;
+    if (S_ISLNK(info.st_mode)) {
+        QByteArray target(PATH_MAX, '\0');
+        const ssize_t length =
+            ::readlink(source.constData(), target.data(), static_cast<size_t>(target.size()));
+        if (length < 0)
+            return errno;
+        target.truncate(length);
+        return ::symlink(target.constData(), destination.constData()) == 0 ? 0 : errno;
+    }
+    if (S_ISDIR(info.st_mode)) {
+        if (::mkdir(destination.constData(), 0700) != 0)
+            return errno;
+        for (const QString &name : contentsOfDirectory(from))
+            if (const int error = copyItem(from + QLatin1Char('/') + name, to + QLatin1Char('/') + name);
+                error != 0)
+                return error;
+        return ::chmod(destination.constData(), info.st_mode & 07777) == 0 ? 0 : errno;
+    }
+    if (S_ISREG(info.st_mode))
+        return copyRegularFile(source, destination, info.st_mode);
+    return ENOTSUP;
+}
+
+bool pathExists(const QString &path)
+{
+    struct stat info {};
+    return ::stat(QFile::encodeName(path).constData(), &info) == 0;
+}
+
+// Waits until DONE holds or TIMEOUT has passed, keeping the interface alive on the
+// main thread; returns whether DONE holds.
+bool waitUntil(const std::function<bool()> &done, std::chrono::seconds timeout)
+{
+    const auto start = std::chrono::steady_clock::now();
+    while (!done() && std::chrono::steady_clock::now() - start < timeout) {
+        if (HXIsMainThread()) {
+            if (QCoreApplication::instance() != nullptr)
+                QCoreApplication::processEvents(QEventLoop::AllEvents);
+            std::this_thread::sleep_for(10ms);
+        } else {
+            std::this_thread::sleep_for(300ms);
+        }
+    }
+    return done();
+}
+
+} // namespace
+
+namespace HXFileManager {
+
+bool fileExistsAtPath(const QString &path)
+{
+    return !path.isEmpty() && pathExists(path);
+}
+
+bool isDirectoryAtPath(const QString &path)
+{
+    struct stat info {};
+    return !path.isEmpty() && ::stat(QFile::encodeName(path).constData(), &info) == 0 &&
+           S_ISDIR(info.st_mode);
+}
+
+bool isPackageAtPath(const QString &path)
+{
+    return platform::isFilePackage(path);
+}
+
+bool isSymbolicLinkAtPath(const QString &path)
+{
+    char target[1];
+    return !path.isEmpty() && ::readlink(QFile::encodeName(path).constData(), target, sizeof target) >= 0;
+}
+
+bool trashFile(const QString &path, bool shouldAuth)
+{
+    try {
+        unlockFile(path);
+        if (!fileExistsAtPath(path))
+            return true;
+        if (HXTrash::moveToTrash(path, HXLocalPaths::trashDirectory()).trashed)
+            return true;
+        return shouldAuth && HXAuthorization::sharedController().authTrashFile(path);
+    } catch (const std::exception &e) {
+        HXException::logException(e, "+[HXFileManager trashFile:shouldAuth:]");
+        return false;
+    }
+}
+
+bool trashFile(const QString &path, std::chrono::seconds timeout)
+{
+    if (!trashFile(path, true))
+        return false;
+    return waitUntil([&] { return !fileExistsAtPath(path); }, timeout);
+}
+
+bool trashDirectoryContents(const QString &path, bool shouldAuth)
+{
+    bool all = true;
+    for (const QString &name : contentsOfDirectory(path))
+        if (!trashFile(HXPath::appendingComponent(path, name), shouldAuth))
+            all = false;
+    return all;
+}
+
+QStringList trashFilesOfType(const QString &type, const QString &folder)
+{
+    const QString lowered = type.toLower();
+    QStringList trashed;
+    for (const QString &name : contentsOfDirectory(folder)) {
+        const QString path = HXPath::appendingComponent(folder, name);
+        if (isDirectoryAtPath(path)) {
+            // A package with the extension is searched too, never trashed whole.
+            trashed += trashFilesOfType(lowered, path);
+        } else if (HXPath::extension(name).toLower() == lowered) {
+            trashFile(path);
+            trashed.append(path);
+        }
+    }
+    return trashed;
+}
+
+QStringList trashFilesNamed(const QString &fileName, const QString &folder)
+{
+    QStringList trashed;
+    for (const QString &name : contentsOfDirectory(folder)) {
+        const QString path = HXPath::appendingComponent(folder, name);
+        if (isDirectoryAtPath(path)) {
+            trashed += trashFilesNamed(fileName, path);
+        } else if (name == fileName) {
+            trashFile(path);
+            trashed.append(path);
+        }
+    }
+    return trashed;
+}
+
+bool removeFile(const QString &path, bool shouldAuth)
+{
+    try {
+        unlockFile(path);
+        if (!fileExistsAtPath(path))
+            return true;
+        const int error = removeItem(path);
+        if (error == 0)
+            return true;
+        // Written whether or not authorizing follows.
+        HXLog::appendLog(u"Error removing file: %@. Authorizing...", errorDescription(error, path));
+        return shouldAuth && HXAuthorization::sharedController().authRemoveFile(path);
+    } catch (const std::exception &e) {
+        HXException::logException(e, "+[HXFileManager removeFile:shouldAuth:]");
+        return false;
+    }
+}
+
+bool removeFile(const QString &path, std::chrono::seconds timeout)
+{
+    if (!removeFile(path, true))
+        return false;
+    return waitUntil([&] { return !fileExistsAtPath(path); }, timeout);
+}
+
+bool isFolderEmpty(const QString &path)
+{
+    static const QString kDSStore = QStringLiteral(".DS_Store");
+    static const QString kIcon = QStringLiteral("Icon\r");
+    const QStringList names = contentsOfDirectory(path);
+    if (names.isEmpty())
+        return true;
+    if (names.size() == 1 && (names.first() == kDSStore || names.first() == kIcon))
+        return true;
+    for (const QString &name : names) {
+        if (name == kDSStore || name == kIcon)
+            continue;
+        const QString entry = HXPath::appendingComponent(path, name);
+        if (!isDirectoryAtPath(entry) || !isFolderEmpty(entry))
+            return false;
+    }
+    return true;
+}
+
+bool removeFolderIfEmpty(const QString &path)
+{
+    return isFolderEmpty(path) && removeFile(path);
+}
+
+bool createDirectory(const QString &path, bool shouldAuth)
+{
+    try {
+        if (!isDriveMountedForPath(path)) {
+            platform::systemLog(QStringLiteral("Unable to create directory. Drive is not mounted."));
+            return false;
+        }
+        int error = 0;
+        QString built = path.startsWith(QLatin1Char('/')) ? QStringLiteral("/") : QString();
+        for (const QString &component : path.split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
+            built = HXPath::appendingComponent(built, component);
+            if (::mkdir(QFile::encodeName(built).constData(), 0777) != 0 && errno != EEXIST) {
+                error = errno;
+                break;
+            }
+        }
+        if (error == 0 && !isDirectoryAtPath(path))
+            error = path.isEmpty() ? ENOENT : ENOTDIR;
+        if (error == 0)
+            return true;
+        HXLog::appendLog(u"Error creating folder: %@. Authorizing...", errorDescription(error, path));
+        return shouldAuth && HXAuthorization::sharedController().authCreateDir(path);
+    } catch (const std::exception &e) {
+        HXException::logException(e, "+[HXFileManager createDirectory:shouldAuth:]");
+        return false;
+    }
+}
+
+bool createDirectory(const QString &path, std::chrono::seconds timeout)
+{
+    if (!createDirectory(path, true))
+        return false;
+    return waitUntil([&] { return fileExistsAtPath(path); }, timeout);
+}
+
+QString createDirectoryStructure(const QString &source, const QString &destination)
+{
+    const QString folder = (isDirectoryAtPath(source) && !isPackageAtPath(source))
+                               ? source
+                               : HXPath::deletingLastComponent(source);
+    const QString result = HXPath::appendingComponent(destination, folder);
+    if (!fileExistsAtPath(result))
+        createDirectory(result);
+    return result;
+}
+
+bool copyFile(const QString &source, const QString &destination, bool shouldAuth)
+{
+    try {
+        if (source.isEmpty()) {
+            HXLog::appendLogAndPrint(u"Error copying file: source path is nil");
+            return false;
+        }
+        if (destination.isEmpty()) {
+            HXLog::appendLogAndPrint(u"Error copying file %@: destination path is nil", source);
+            return false;
+        }
+        unlockFile(HXPath::deletingLastComponent(destination));
+        const int error = copyItem(source, destination);
+        if (error == 0)
+            return true;
+        HXLog::appendLog(u"Error copying file: %@. Authorizing...", errorDescription(error, destination));
+        return shouldAuth && HXAuthorization::sharedController().authCopyFile(source, destination);
+    } catch (const std::exception &e) {
+        HXException::logException(e, "+[HXFileManager copyFile:toPath:shouldAuth:]");
+        return false;
+    }
+}
+
+bool copyFile(const QString &source, const QString &destination, std::chrono::seconds timeout)
+{
+    if (!copyFile(source, destination, true))
+        return false;
+    return waitUntil([&] { return fileExistsAtPath(destination); }, timeout);
+}
+
+bool copyContentsOfDirectory(const QString &source, const QString &destination, std::chrono::seconds timeout)
+{
+    for (const QString &name : contentsOfDirectory(source)) {
+        HXLog::fastAppendLog(u"File: %@", name);
+        if (!copyFile(HXPath::appendingComponent(source, name), HXPath::appendingComponent(destination, name),
+                      timeout))
+            return false;
+    }
+    return true;
+}
+
+namespace {
+
+// The file manager's move: a rename, or a copy and removal between file systems;
+// an existing destination fails. Returns 0 or the errno.
+int moveItem(const QString &source, const QString &destination)
+{
+    const QByteArray from = QFile::encodeName(source);
+    const QByteArray to = QFile::encodeName(destination);
+    struct stat info {};
+    if (::lstat(from.constData(), &info) != 0)
+        return errno;
+    if (::lstat(to.constData(), &info) == 0)
+        return EEXIST;
+    if (::rename(from.constData(), to.constData()) == 0)
+        return 0;
+    if (errno != EXDEV)
+        return errno;
+    if (const int error = copyItem(source, destination); error != 0) {
+        removeItem(destination);
+        return error;
+    }
+    return removeItem(source);
+}
+
+} // namespace
+
+bool moveFile(const QString &source, const QString &destination, bool shouldAuth)
+{
+    try {
+        if (fileExistsAtPath(destination))
+            unlockFile(destination);
+        // As if the destination were a folder; harmless when it is not.
+        unlockFolder(HXPath::appendingComponent(destination, HXPath::lastComponent(source)));
+        if (source.compare(destination, Qt::CaseInsensitive) == 0) {
+            // A change of letter case only: through a temporary name, as a
+            // case-insensitive volume needs.
+            const QString temporary = uniqueFilename(destination);
+            if (moveItem(source, temporary) == 0 && moveItem(temporary, destination) == 0)
+                return true;
+        }
+        const int error = moveItem(source, destination);
+        if (error == 0)
+            return true;
+        HXLog::appendLog(u"Error moving file: %@.", errorDescription(error, source));
+        if (!shouldAuth)
+            return false;
+        HXLog::appendLog(u"Authorizing...");
+        return HXAuthorization::sharedController().authMoveFile(source, destination);
+    } catch (const std::exception &e) {
+        HXException::logException(e, "+[HXFileManager moveFile:toPath:shouldAuth:]");
+        return false;
+    }
+}
+
+bool moveFile(const QString &source, const QString &destination, std::chrono::seconds timeout)
+{
+    if (!moveFile(source, destination, true))
+        return false;
+    if (source.compare(destination, Qt::CaseInsensitive) == 0) {
+        // The source still exists under its other letter case on a case-insensitive
+        // volume, so there is nothing to wait for.
+        std::this_thread::sleep_for(500us);
+        return true;
+    }
+    return waitUntil([&] { return !fileExistsAtPath(source); }, timeout);
+}
+
+bool compressFile(const QString &source, const QString &destination, bool includeParent)
+{
+    try {
+        if (fileExistsAtPath(destination))
+            trashFile(destination);
+        // Only the archive's presence counts, as with the system's archiver.
+        HXArchive::compress(source, destination, includeParent);
+        return fileExistsAtPath(destination);
+    } catch (const std::exception &e) {
+        HXException::logException(e, "+[HXFileManager compressFile:toDestinationFile:includeParent:]");
+        return false;
+    }
+}
+
+bool decompressFile(const QString &archive, const QString &destinationFolder)
+{
+    try {
+        if (fileExistsAtPath(destinationFolder))
+            HXTrash::moveToTrash(destinationFolder, HXLocalPaths::trashDirectory());
+        HXArchive::decompress(archive, destinationFolder);
+        return fileExistsAtPath(destinationFolder);
+    } catch (const std::exception &e) {
+        HXException::logException(e, "+[HXFileManager decompressFile:toDestinationFolder:]");
+        return false;
+    }
+}
+
+void notifyFileSystemChanged(const QString &path)
+{
+    platform::notifyFolderChanged(path);
+}
+
+std::optional<HXFSRef> stringToFSRef(const QString &path)
+{
+    struct stat info {};
+    if (path.isEmpty() || ::stat(QFile::encodeName(path).constData(), &info) != 0)
+        return std::nullopt;
+    return HXFSRef{QFileInfo(path).canonicalFilePath(), info.st_dev, info.st_ino};
+}
+
+QString stringWithFSRef(const HXFSRef &ref)
+{
+    struct stat info {};
+    if (ref.path.isEmpty() || ::stat(QFile::encodeName(ref.path).constData(), &info) != 0 ||
+        info.st_dev != ref.device || info.st_ino != ref.inode)
+        return QString();
+    return ref.path;
+}
+
+bool registerApplicationWithLaunchServices(const QString &path)
+{
+    return platform::registerApplication(path);
+}
+
+bool createEmptyFile(const QString &path)
+{
+    const QString temporary = HXLocalPaths::tempFile();
+    QSaveFile file(temporary);
+    if (!file.open(QIODevice::WriteOnly) || !file.commit())
+        return false;
+    return moveFile(temporary, path);
+}
+
+} // namespace HXFileManager

@@ -1,0 +1,145 @@
+#include "fs/HXArchive.h"
+
+#include "tests/support/Process.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <archive.h>
+#include <archive_entry.h>
+
+namespace {
+
+class ArchiveTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(m_dir.isValid());
+        root = m_dir.path();
+        folder = root + QStringLiteral("/Adobe Logs");
+        write(QStringLiteral("Adobe Logs/Premiere 1.log"), "first log\n");
+        write(QStringLiteral("Adobe Logs/Crash/report.txt"), QByteArray(100000, 'x'));
+        QDir().mkpath(folder + QStringLiteral("/Empty"));
+        ASSERT_TRUE(QFile::link(QStringLiteral("Premiere 1.log"), folder + QStringLiteral("/latest.log")));
+    }
+
+    void write(const QString &relative, const QByteArray &contents) const
+    {
+        const QString path = root + QLatin1Char('/') + relative;
+        QDir().mkpath(QFileInfo(path).path());
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(contents);
+    }
+
+    static QByteArray read(const QString &path)
+    {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    // The entry names unzip reports, sorted.
+    static QStringList unzipListing(const QString &zip)
+    {
+        const ProcessResult result = runProcess({QStringLiteral("unzip"), QStringLiteral("-Z1"), zip});
+        EXPECT_EQ(result.exitCode, 0) << result.err.constData();
+        QStringList names = QString::fromUtf8(result.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        names.sort();
+        return names;
+    }
+
+    QTemporaryDir m_dir;
+    QString root, folder;
+};
+
+TEST_F(ArchiveTest, EntriesStartWithTheFolderOnlyWhenKeepingTheParent)
+{
+    if (QStandardPaths::findExecutable(QStringLiteral("unzip")).isEmpty())
+        GTEST_SKIP() << "unzip is not installed";
+    const QString withParent = root + QStringLiteral("/with.zip");
+    const QString without = root + QStringLiteral("/without.zip");
+    ASSERT_TRUE(HXArchive::compress(folder, withParent, true));
+    ASSERT_TRUE(HXArchive::compress(folder, without, false));
+
+    EXPECT_EQ(unzipListing(withParent),
+              (QStringList{"Adobe Logs/", "Adobe Logs/Crash/", "Adobe Logs/Crash/report.txt",
+                           "Adobe Logs/Empty/", "Adobe Logs/Premiere 1.log", "Adobe Logs/latest.log"}));
+    EXPECT_EQ(unzipListing(without),
+              (QStringList{"Crash/", "Crash/report.txt", "Empty/", "Premiere 1.log", "latest.log"}));
+
+    // unzip's own check of every entry, and its size column for the big one.
+    const ProcessResult tested = runProcess({QStringLiteral("unzip"), QStringLiteral("-t"), withParent});
+    EXPECT_EQ(tested.exitCode, 0) << tested.out.constData();
+    const ProcessResult listed = runProcess({QStringLiteral("unzip"), QStringLiteral("-l"), without});
+    EXPECT_TRUE(listed.out.contains("   100000  ")) << listed.out.constData();
+
+    // A single file is stored under its own name either way.
+    const QString single = root + QStringLiteral("/single.zip");
+    ASSERT_TRUE(HXArchive::compress(folder + QStringLiteral("/Premiere 1.log"), single, false));
+    EXPECT_EQ(unzipListing(single), QStringList{"Premiere 1.log"});
+}
+
+TEST_F(ArchiveTest, UnpacksWhatItPacked)
+{
+    const QString zip = root + QStringLiteral("/logs.zip");
+    ASSERT_TRUE(HXArchive::compress(folder, zip, true));
+    const QString target = root + QStringLiteral("/out/unpacked");
+    ASSERT_TRUE(HXArchive::decompress(zip, target));
+    const QString unpacked = target + QStringLiteral("/Adobe Logs");
+    EXPECT_EQ(read(unpacked + QStringLiteral("/Premiere 1.log")), QByteArray("first log\n"));
+    EXPECT_EQ(read(unpacked + QStringLiteral("/Crash/report.txt")), QByteArray(100000, 'x'));
+    EXPECT_TRUE(QFileInfo(unpacked + QStringLiteral("/Empty")).isDir());
+    EXPECT_EQ(QFileInfo(unpacked + QStringLiteral("/latest.log")).symLinkTarget(),
+              unpacked + QStringLiteral("/Premiere 1.log"));
+
+    EXPECT_FALSE(
+        HXArchive::decompress(root + QStringLiteral("/missing.zip"), root + QStringLiteral("/none")));
+    EXPECT_FALSE(
+        HXArchive::compress(root + QStringLiteral("/missing"), root + QStringLiteral("/missing.zip"), true));
+    EXPECT_FALSE(QFileInfo::exists(root + QStringLiteral("/missing.zip")));
+}
+
+TEST_F(ArchiveTest, EntriesEscapingTheDestinationAreRefused)
+{
+    const QString zip = root + QStringLiteral("/evil.zip");
+    archive *writer = archive_write_new();
+    archive_write_set_format_zip(writer);
+    ASSERT_EQ(archive_write_open_filename(writer, QFile::encodeName(zip).constData()), ARCHIVE_OK);
+    auto add = [&](const char *name, const char *symlink) {
+        archive_entry *entry = archive_entry_new();
+        archive_entry_set_pathname(entry, name);
+        archive_entry_set_perm(entry, 0644);
+        if (symlink) {
+            archive_entry_set_filetype(entry, AE_IFLNK);
+            archive_entry_set_symlink(entry, symlink);
+            archive_write_header(writer, entry);
+        } else {
+            archive_entry_set_filetype(entry, AE_IFREG);
+            archive_entry_set_size(entry, 4);
+            archive_write_header(writer, entry);
+            archive_write_data(writer, "evil", 4);
+        }
+        archive_entry_free(entry);
+    };
+    add("../outside.txt", nullptr);
+    add("/tmp/absolute-mendwell.txt", nullptr);
+    add("up", "..");
+    add("up/through-link.txt", nullptr);
+    add("fine.txt", nullptr);
+    archive_write_close(writer);
+    archive_write_free(writer);
+
+    const QString target = root + QStringLiteral("/target");
+    EXPECT_FALSE(HXArchive::decompress(zip, target));
+    EXPECT_FALSE(QFileInfo::exists(root + QStringLiteral("/outside.txt")));
+    EXPECT_FALSE(QFileInfo::exists(root + QStringLiteral("/through-link.txt")));
+    EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/tmp/absolute-mendwell.txt")));
+    EXPECT_EQ(read(target + QStringLiteral("/fine.txt")), QByteArray("evil"));
+}
+
+} // namespace
