@@ -1,7 +1,16 @@
 #include "app/HXAppController.h"
 
 #include "diagnostics/HXLog.h"
+#include "platform/Platform.h"
 #include "system/HXBundle.h"
+#include "system/HXFormat.h"
+#include "system/HXMainThread.h"
+
+#include <QApplication>
+#include <QTextCharFormat>
+#include <QTextCursor>
+#include <QTextDocument>
+#include <QTextEdit>
 
 std::unique_ptr<HXAppController> HXAppController::initWithoutGUI()
 {
@@ -36,4 +45,103 @@ QString HXAppController::currentBundlePath()
 QString HXAppController::currentExePath()
 {
     return currentBundlePath() + QStringLiteral("/Contents/MacOS/Mendwell");
+}
+
+void HXAppController::insertText(const QString &text)
+{
+    insertErrorText(text, QColor(Qt::black), false);
+}
+
+void HXAppController::insertBoldText(const QString &text)
+{
+    insertErrorText(text, QColor(Qt::black), true);
+}
+
+void HXAppController::insertErrorText(const QString &text)
+{
+    insertErrorText(text, QColor(Qt::red), false);
+}
+
+void HXAppController::insertBoldErrorText(const QString &text)
+{
+    // Regular weight on purpose: callers rely on how it has always looked.
+    insertErrorText(text, QColor(Qt::red), false);
+}
+
+void HXAppController::insertErrorText(const QString &text, const QColor &color, bool bold)
+{
+    // Lines from the repair thread appear in order and before its next step.
+    HXPerformOnMainThread([&] { insertErrorTextOnMainThread(text, color, bold); }, true);
+}
+
+void HXAppController::insertErrorTextOnMainThread(const QString &text, const QColor &color, bool bold)
+{
+    // The text is the log's format, as it always was.
+    HXLog::appendLog(text);
+    if (!m_hasGUI) {
+        platform::systemLog(HXFormat(u"%@", text));
+        std::lock_guard lock(m_outputMutex);
+        if (!m_outputString || m_outputString->isEmpty())
+            m_outputString = text;
+        else
+            m_outputString = *m_outputString + QStringLiteral("\n\n") + text;
+        return;
+    }
+    QTextEdit *view = m_errorText;
+    if (view == nullptr)
+        return;
+
+    const qsizetype length = view->toPlainText().size();
+    const qsizetype textLength = text.size();
+    view->setReadOnly(false);
+    QTextCursor cursor(view->document());
+    cursor.setPosition(static_cast<int>(length));
+
+    QFont font = QApplication::font();
+    font.setPointSizeF(12.0);
+    font.setBold(bold);
+    QTextCharFormat attributes;
+    attributes.setFont(font);
+
+    qsizetype start = 0;
+    if (length > 0) {
+        // The separator takes the attributes current at the insertion point.
+        cursor.insertText(QStringLiteral("\n\n"));
+        start = length + 2;
+    }
+    cursor.insertText(text, attributes);
+
+    QTextCursor range(view->document());
+    range.setPosition(static_cast<int>(start));
+    range.setPosition(static_cast<int>(start + textLength), QTextCursor::KeepAnchor);
+    QTextCharFormat colour;
+    colour.setForeground(color);
+    range.mergeCharFormat(colour);
+
+    view->setTextCursor(range);
+    view->ensureCursorVisible();
+    view->viewport()->update();
+    view->setReadOnly(true);
+}
+
+void HXAppController::clearErrorText()
+{
+    HXPerformOnMainThread([&] { clearErrorTextOnMainThread(); }, true);
+}
+
+void HXAppController::clearErrorTextOnMainThread()
+{
+    if (QTextEdit *view = m_errorText)
+        view->setPlainText(QString());
+    if (!m_hasGUI) {
+        std::lock_guard lock(m_outputMutex);
+        if (m_outputString)
+            m_outputString = QString();
+    }
+}
+
+std::optional<QString> HXAppController::outputString() const
+{
+    std::lock_guard lock(m_outputMutex);
+    return m_outputString;
 }
