@@ -77,7 +77,8 @@ double spdlogRound(int lines, bool *intact)
     QDir(folder).removeRecursively();
     QDir().mkpath(folder);
     const std::string base = (folder + QStringLiteral("/Bench.log")).toStdString();
-    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(base, HXLog::kSizeLimit, HXLog::kGenerations - 1);
+    auto sink = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(base, HXLog::kSizeLimit,
+                                                                       HXLog::kGenerations - 1);
     spdlog::logger logger("bench", sink);
     logger.set_pattern("%Y-%m-%d %H:%M:%S %z - %v");
     const auto start = Clock::now();
@@ -122,8 +123,8 @@ int runInside(int rounds, int lines)
     }
     const double hxRate = lines / median(hx);
     const double spRate = lines / median(sp);
-    std::printf("lines per round: %d of 101 bytes, %d rounds, rotation at %llu bytes over %d files\n", lines, rounds,
-                static_cast<unsigned long long>(HXLog::kSizeLimit), HXLog::kGenerations);
+    std::printf("lines per round: %d of 101 bytes, %d rounds, rotation at %llu bytes over %d files\n", lines,
+                rounds, static_cast<unsigned long long>(HXLog::kSizeLimit), HXLog::kGenerations);
     std::printf("HXLog : %12.0f lines/s  every line on disk in order: %s\n", hxRate, hxIntact ? "yes" : "NO");
     std::printf("spdlog: %12.0f lines/s  every line on disk in order: %s\n", spRate, spIntact ? "yes" : "NO");
     std::printf("ratio HXLog/spdlog: %.2f\n", hxRate / spRate);

@@ -71,7 +71,7 @@ bool createFolder(const QString &folder)
     if (!QDir().mkpath(folder))
         return false;
     const QString home = HXLocalPaths::userDirectory();
-    struct stat homeInfo{};
+    struct stat homeInfo {};
     if (platform::isRoot() && !home.isEmpty() && folder.startsWith(home + QLatin1Char('/')) &&
         ::stat(QFile::encodeName(home).constData(), &homeInfo) == 0 && homeInfo.st_uid != 0) {
         for (const QString &made : created)
@@ -388,7 +388,8 @@ void HXLog::appendLogOnThread(const QString &text)
                 printToConsole(QByteArray("Unable to open log for output\n"));
             }
         } else {
-            const QByteArray line = (HXCurrentDateDescription() + QStringLiteral(" - ") + text).toUtf8() + '\n';
+            const QByteArray line =
+                (HXCurrentDateDescription() + QStringLiteral(" - ") + text).toUtf8() + '\n';
             writeBuffered(line);
             m_bytesWritten += static_cast<std::uint64_t>(line.size());
             if (m_bytesWritten >= kSizeLimit) {

@@ -29,8 +29,7 @@ public:
 
     // Formats one line and queues it; a short line from a worker thread is on disk
     // when the call returns.
-    template <typename... Args>
-    static void appendLog(QStringView format, const Args &...args)
+    template <typename... Args> static void appendLog(QStringView format, const Args &...args)
     {
         if (format.isNull())
             return;
@@ -38,8 +37,7 @@ public:
     }
 
     // As appendLog, and also prints the text to standard output.
-    template <typename... Args>
-    static void appendLogAndPrint(QStringView format, const Args &...args)
+    template <typename... Args> static void appendLogAndPrint(QStringView format, const Args &...args)
     {
         if (format.isNull())
             return;
@@ -47,8 +45,7 @@ public:
     }
 
     // Formats one line and queues it without ever waiting.
-    template <typename... Args>
-    static void fastAppendLog(QStringView format, const Args &...args)
+    template <typename... Args> static void fastAppendLog(QStringView format, const Args &...args)
     {
         if (format.isNull())
             return;

@@ -111,9 +111,7 @@ QString HXFormatList(QStringView format, std::initializer_list<HXFormatArg> args
         return out;
     }();
     std::size_t next = 0;
-    auto takeArgument = [&]() -> const HXFormatArg * {
-        return next < list.size() ? list[next++] : nullptr;
-    };
+    auto takeArgument = [&]() -> const HXFormatArg * { return next < list.size() ? list[next++] : nullptr; };
 
     QString out;
     out.reserve(format.size() + 16 * static_cast<qsizetype>(list.size()));
@@ -169,8 +167,8 @@ QString HXFormatList(QStringView format, std::initializer_list<HXFormatArg> args
         const HXFormatArg *arg = takeArgument();
         if (arg == nullptr)
             continue;
-        if (type == '@' || type == 's' || type == 'S' || type == 'p'
-            || (std::holds_alternative<QString>(arg->value()) && type != 'c'))
+        if (type == '@' || type == 's' || type == 'S' || type == 'p' ||
+            (std::holds_alternative<QString>(arg->value()) && type != 'c'))
             out.append(pad(argumentAsText(arg->value()), conversion));
         else
             out.append(formatNumber(conversion, arg->value()));

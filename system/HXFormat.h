@@ -30,19 +30,10 @@ public:
     HXFormatArg(const QVariant &value) : m_value(value.toString()) {}
     HXFormatArg(const std::optional<QString> &text) : m_value(text ? *text : QStringLiteral("(null)")) {}
     HXFormatArg(bool value) : m_value(static_cast<long long>(value)) {}
-    template <std::signed_integral T>
-    HXFormatArg(T value) : m_value(static_cast<long long>(value))
-    {
-    }
+    template <std::signed_integral T> HXFormatArg(T value) : m_value(static_cast<long long>(value)) {}
     template <std::unsigned_integral T>
-        requires(!std::same_as<T, bool>)
-    HXFormatArg(T value) : m_value(static_cast<unsigned long long>(value))
-    {
-    }
-    template <std::floating_point T>
-    HXFormatArg(T value) : m_value(static_cast<double>(value))
-    {
-    }
+    requires(!std::same_as<T, bool>) HXFormatArg(T value) : m_value(static_cast<unsigned long long>(value)) {}
+    template <std::floating_point T> HXFormatArg(T value) : m_value(static_cast<double>(value)) {}
     HXFormatArg(const void *pointer) : m_value(pointer) {}
 
     using Value = std::variant<QString, long long, unsigned long long, double, const void *>;
@@ -56,8 +47,7 @@ private:
 // "%%" is one "%", and an incomplete conversion at the end is dropped.
 QString HXFormatList(QStringView format, std::initializer_list<HXFormatArg> args);
 
-template <typename... Args>
-QString HXFormat(QStringView format, const Args &...args)
+template <typename... Args> QString HXFormat(QStringView format, const Args &...args)
 {
     return HXFormatList(format, {HXFormatArg(args)...});
 }

@@ -36,7 +36,8 @@ QVariant integerValue(plist_t node)
     char *xml = nullptr;
     uint32_t length = 0;
     plist_to_xml(copy.get(), &xml, &length);
-    const bool negative = xml && QByteArray::fromRawData(xml, static_cast<int>(length)).contains("<integer>-");
+    const bool negative =
+        xml && QByteArray::fromRawData(xml, static_cast<int>(length)).contains("<integer>-");
     plist_to_xml_free(xml);
     if (negative)
         return QVariant::fromValue(static_cast<qint64>(raw));
@@ -122,7 +123,8 @@ plist_t unsignedInteger(quint64 value)
 {
     if (value <= static_cast<quint64>(std::numeric_limits<qint64>::max()))
         return plist_new_uint(value);
-    const QByteArray xml = "<plist version=\"1.0\"><integer>" + QByteArray::number(value) + "</integer></plist>";
+    const QByteArray xml =
+        "<plist version=\"1.0\"><integer>" + QByteArray::number(value) + "</integer></plist>";
     plist_t node = nullptr;
     plist_from_xml(xml.constData(), static_cast<uint32_t>(xml.size()), &node);
     return node;

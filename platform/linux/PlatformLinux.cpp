@@ -103,8 +103,8 @@ void systemLog(const QString &line)
     const QByteArray stamp =
         QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss.zzz")).toUtf8();
     const QByteArray process = QFileInfo(executablePath()).fileName().toUtf8();
-    std::fprintf(stderr, "%s %s[%d] %s\n", stamp.constData(), process.constData(),
-                 static_cast<int>(getpid()), text.constData());
+    std::fprintf(stderr, "%s %s[%d] %s\n", stamp.constData(), process.constData(), static_cast<int>(getpid()),
+                 text.constData());
     std::fflush(stderr);
     syslog(LOG_NOTICE, "%s", text.constData());
 }
@@ -128,7 +128,7 @@ int processorCount()
 
 std::uint64_t physicalMemoryBytes()
 {
-    struct sysinfo info{};
+    struct sysinfo info {};
     if (sysinfo(&info) != 0)
         return 0;
     return static_cast<std::uint64_t>(info.totalram) * info.mem_unit;

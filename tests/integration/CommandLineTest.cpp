@@ -39,42 +39,47 @@ TEST_F(CommandLineTest, HelpPrintsExactlyTheHelpTextAndStops)
         EXPECT_EQ(result.out, expected) << arguments.join(' ').toStdString();
     }
     EXPECT_TRUE(expected.startsWith("\nMendwell Help\n\n-help - Displays command listings.\n"));
-    EXPECT_TRUE(expected.endsWith("-trashworkspace - Trashes window layout (ignored if -repair is not set).\n"));
+    EXPECT_TRUE(
+        expected.endsWith("-trashworkspace - Trashes window layout (ignored if -repair is not set).\n"));
     // -help ran no repair: no log anywhere.
     EXPECT_FALSE(box.exists(QStringLiteral("/Users/anna/Library")));
 }
 
 TEST_F(CommandLineTest, UnknownSwitchesAreIgnored)
 {
-    const ProcessResult windowed = box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-bogus"), QStringLiteral("-trash")});
+    const ProcessResult windowed =
+        box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-bogus"), QStringLiteral("-trash")});
     EXPECT_EQ(windowed.exitCode, 0);
     EXPECT_FALSE(box.exists(kUserLogs));  // -trash alone does not start a repair
 
-    const ProcessResult repair =
-        box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("--what"), QStringLiteral("-Auto"), QStringLiteral("x")});
+    const ProcessResult repair = box.runAsRoot(
+        {QStringLiteral("Mendwell"), QStringLiteral("--what"), QStringLiteral("-Auto"), QStringLiteral("x")});
     EXPECT_EQ(repair.exitCode, 0);
     EXPECT_TRUE(box.exists(kUserLogs));
 }
 
 TEST_F(CommandLineTest, RootRepairWithoutMachineLogFolderSaysItCannotCreateTheLog)
 {
-    const ProcessResult result = box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair"), QStringLiteral("-silent")});
+    const ProcessResult result =
+        box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair"), QStringLiteral("-silent")});
     EXPECT_EQ(result.exitCode, 0);
     // The user's folder is made (and left to the user), the machine's is not.
     ASSERT_TRUE(box.exists(kUserLogs));
-    struct stat info{};
+    struct stat info {};
     ASSERT_EQ(::stat(QFile::encodeName(box.hostPath(kUserLogs)).constData(), &info), 0);
     EXPECT_EQ(info.st_uid, getpwnam("anna")->pw_uid);
     EXPECT_FALSE(box.exists(kMachineLogs));
-    EXPECT_TRUE(result.out.startsWith(
-        "Unable to create log file /Library/Logs/Lanternfish/Mendwell.task.1.log - No such file or directory\n"))
+    EXPECT_TRUE(
+        result.out.startsWith("Unable to create log file /Library/Logs/Lanternfish/Mendwell.task.1.log - No "
+                              "such file or directory\n"))
         << result.out.toStdString();
 }
 
 TEST_F(CommandLineTest, RootRepairWritesTaskLogWithHeaderInMachineFolder)
 {
     ASSERT_TRUE(box.makeFolder(kMachineLogs));
-    const ProcessResult result = box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-REPAIR"), QStringLiteral("-Silent")});
+    const ProcessResult result =
+        box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-REPAIR"), QStringLiteral("-Silent")});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_TRUE(result.out.isEmpty()) << result.out.toStdString();
 
@@ -91,7 +96,8 @@ TEST_F(CommandLineTest, RootRepairWritesTaskLogWithHeaderInMachineFolder)
     // the one that rotates.
     ASSERT_TRUE(box.writeFile(kUserLogs + QStringLiteral("/Mendwell.task.1.log"), "user generation one"));
     box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair")});
-    EXPECT_EQ(box.readFile(kUserLogs + QStringLiteral("/Mendwell.task.2.log")), QByteArray("user generation one"));
+    EXPECT_EQ(box.readFile(kUserLogs + QStringLiteral("/Mendwell.task.2.log")),
+              QByteArray("user generation one"));
     EXPECT_EQ(textsOf(box.readFile(kMachineLogs + QStringLiteral("/Mendwell.task.1.log"))).size(), 6);
 }
 
@@ -112,11 +118,14 @@ TEST_F(CommandLineTest, DisableLoggingPreference)
         bool disabled;
     };
     const Case cases[] = {
-        {QStringLiteral("1"), true},  {true, true},        {QStringLiteral("0"), false}, {QStringLiteral("yes"), false},
-        {qint64(2), false},           {false, false},      {QVariant(), false},
+        {QStringLiteral("1"), true},  {true, true},
+        {QStringLiteral("0"), false}, {QStringLiteral("yes"), false},
+        {qint64(2), false},           {false, false},
+        {QVariant(), false},
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.value.isValid() ? c.value.toString().toStdString() + " " + c.value.typeName() : "no key");
+        SCOPED_TRACE(c.value.isValid() ? c.value.toString().toStdString() + " " + c.value.typeName()
+                                       : "no key");
         Sandbox fresh;
         QVariantMap settings;
         if (c.value.isValid())

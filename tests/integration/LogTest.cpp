@@ -19,7 +19,10 @@ protected:
         driver = box.installTestProgram(QStringLiteral("mendwell-logdriver"));
     }
 
-    ProcessResult drive(const QStringList &arguments) const { return box.runAsUser(QStringList{driver} + arguments); }
+    ProcessResult drive(const QStringList &arguments) const
+    {
+        return box.runAsUser(QStringList{driver} + arguments);
+    }
 
     QString generation(const QString &name, int number) const
     {
@@ -41,22 +44,27 @@ protected:
 TEST_F(LogTest, NewLogShiftsFiveGenerationsAndWritesHeader)
 {
     for (int i = 1; i <= 5; ++i)
-        ASSERT_TRUE(box.writeFile(generation(QStringLiteral("Rot"), i), QByteArray("gen ") + QByteArray::number(i), true));
+        ASSERT_TRUE(box.writeFile(generation(QStringLiteral("Rot"), i),
+                                  QByteArray("gen ") + QByteArray::number(i), true));
     const ProcessResult result = drive({QStringLiteral("create"), QStringLiteral("Rot")});
     ASSERT_EQ(result.exitCode, 0) << result.out.toStdString() << result.err.toStdString();
 
     for (int i = 2; i <= 5; ++i)
-        EXPECT_EQ(box.readFile(generation(QStringLiteral("Rot"), i)), QByteArray("gen ") + QByteArray::number(i - 1));
+        EXPECT_EQ(box.readFile(generation(QStringLiteral("Rot"), i)),
+                  QByteArray("gen ") + QByteArray::number(i - 1));
     const QStringList header = lines(generation(QStringLiteral("Rot"), 1));
     ASSERT_GE(header.size(), 4);
-    EXPECT_TRUE(QRegularExpression(QStringLiteral(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d [+-]\d{4} - Log started: \d{4}-)"))
+    EXPECT_TRUE(QRegularExpression(
+                    QStringLiteral(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d [+-]\d{4} - Log started: \d{4}-)"))
                     .match(header[0])
                     .hasMatch())
         << header[0].toStdString();
-    EXPECT_TRUE(textOf(header[1]).startsWith(QStringLiteral("Path: /Applications/TestPrograms/mendwell-logdriver")));
-    EXPECT_TRUE(QRegularExpression(QStringLiteral(R"(^System: OS X \d+\.\d+\.\d+, \d+ CPU\(s\), \d+\.\d\d GB RAM$)"))
-                    .match(textOf(header[2]))
-                    .hasMatch())
+    EXPECT_TRUE(
+        textOf(header[1]).startsWith(QStringLiteral("Path: /Applications/TestPrograms/mendwell-logdriver")));
+    EXPECT_TRUE(
+        QRegularExpression(QStringLiteral(R"(^System: OS X \d+\.\d+\.\d+, \d+ CPU\(s\), \d+\.\d\d GB RAM$)"))
+            .match(textOf(header[2]))
+            .hasMatch())
         << header[2].toStdString();
     EXPECT_EQ(textOf(header[3]), QStringLiteral("Running in 64-bit mode"));
     EXPECT_FALSE(box.exists(generation(QStringLiteral("Rot"), 6)));
@@ -73,14 +81,15 @@ TEST_F(LogTest, NothingRotatesWithoutAGenerationOne)
     EXPECT_FALSE(lines(generation(QStringLiteral("Gap"), 1)).isEmpty());
 
     const ProcessResult listed = drive({QStringLiteral("available"), QStringLiteral("Gap")});
-    EXPECT_EQ(QString::fromUtf8(listed.out),
-              generation(QStringLiteral("Gap"), 1) + QLatin1Char('\n') + generation(QStringLiteral("Gap"), 2) +
-                  QLatin1Char('\n') + generation(QStringLiteral("Gap"), 4) + QLatin1Char('\n'));
+    EXPECT_EQ(QString::fromUtf8(listed.out), generation(QStringLiteral("Gap"), 1) + QLatin1Char('\n') +
+                                                 generation(QStringLiteral("Gap"), 2) + QLatin1Char('\n') +
+                                                 generation(QStringLiteral("Gap"), 4) + QLatin1Char('\n'));
 }
 
 TEST_F(LogTest, FullLogTurnsOverWithTruncationNoticeAfterHeader)
 {
-    const ProcessResult result = drive({QStringLiteral("fill"), QStringLiteral("Big"), QStringLiteral("600000")});
+    const ProcessResult result =
+        drive({QStringLiteral("fill"), QStringLiteral("Big"), QStringLiteral("600000")});
     ASSERT_EQ(result.exitCode, 0) << result.out.toStdString();
 
     const qint64 fullSize = QFileInfo(box.hostPath(generation(QStringLiteral("Big"), 2))).size();
@@ -109,15 +118,16 @@ TEST_F(LogTest, FullLogTurnsOverWithTruncationNoticeAfterHeader)
 TEST_F(LogTest, ShortLineFromWorkerIsOnDiskWhenTheCallReturns)
 {
     for (int attempt = 0; attempt < 3; ++attempt) {
-        const ProcessResult result = drive({QStringLiteral("worker"), QStringLiteral("Flush"), QStringLiteral("99")});
+        const ProcessResult result =
+            drive({QStringLiteral("worker"), QStringLiteral("Flush"), QStringLiteral("99")});
         EXPECT_EQ(result.out, QByteArray("on-disk\n"));
     }
 }
 
 TEST_F(LogTest, PrintedCopyDoublesPercentWhileLogFormatsAgain)
 {
-    const ProcessResult result =
-        drive({QStringLiteral("print"), QStringLiteral("Print"), QStringLiteral("  Progress 100% of %@ done\n")});
+    const ProcessResult result = drive(
+        {QStringLiteral("print"), QStringLiteral("Print"), QStringLiteral("  Progress 100% of %@ done\n")});
     EXPECT_EQ(result.out, QByteArray("Progress 100%% of  done\n"));
     const QStringList logged = lines(generation(QStringLiteral("Print"), 1));
     ASSERT_FALSE(logged.isEmpty());

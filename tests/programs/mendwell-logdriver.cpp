@@ -42,7 +42,8 @@ int main(int argc, char **argv)
         const qulonglong target = argument(argc, argv, 3).toULongLong();
         qulonglong total = 0;
         for (int i = 0; total < target; ++i) {
-            HXLog::appendLog(u"%@", QStringLiteral("line %1 ").arg(i, 8, 10, QLatin1Char('0')).leftJustified(100, u'x'));
+            HXLog::appendLog(
+                u"%@", QStringLiteral("line %1 ").arg(i, 8, 10, QLatin1Char('0')).leftJustified(100, u'x'));
             HXLog::finishWriting();
             total += 100 + 28;  // text, date and separator
         }

@@ -2,8 +2,8 @@
 
 #include <QProcess>
 
-ProcessResult runProcess(const QStringList &arguments, const QStringList &environment, const QByteArray &input,
-                         std::chrono::seconds limit)
+ProcessResult runProcess(const QStringList &arguments, const QStringList &environment,
+                         const QByteArray &input, std::chrono::seconds limit)
 {
     ProcessResult result;
     if (arguments.isEmpty())

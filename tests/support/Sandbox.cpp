@@ -44,7 +44,8 @@ bool copyTree(const QString &from, const QString &to)
     if (info.isDir()) {
         if (!QDir().mkpath(to))
             return false;
-        for (const QString &name : QDir(from).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden))
+        for (const QString &name :
+             QDir(from).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden))
             if (!copyTree(from + QLatin1Char('/') + name, to + QLatin1Char('/') + name))
                 return false;
         return true;
@@ -158,7 +159,8 @@ QStringList Sandbox::bubblewrapArguments() const
     }
     args << QStringLiteral("--ro-bind") << QStringLiteral("/sys") << QStringLiteral("/sys");
     args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Library")) << QStringLiteral("/Library");
-    args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Applications")) << QStringLiteral("/Applications");
+    args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Applications"))
+         << QStringLiteral("/Applications");
     args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Users")) << QStringLiteral("/Users");
     // The console user comes from the environment, not from a desktop seat of the
     // machine the tests happen to run on.
@@ -176,14 +178,16 @@ ProcessResult Sandbox::run(const QStringList &arguments, const QStringList &envi
     QStringList env{QStringLiteral("PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin"),
                     QStringLiteral("LC_ALL=C.UTF-8")};
     if (asUser) {
-        env << QStringLiteral("HOME=/Users/anna") << QStringLiteral("USER=anna") << QStringLiteral("LOGNAME=anna")
+        env << QStringLiteral("HOME=/Users/anna") << QStringLiteral("USER=anna")
+            << QStringLiteral("LOGNAME=anna")
             << QStringLiteral("XDG_RUNTIME_DIR=") + m_root.path() + QStringLiteral("/runtime-user");
     } else {
         env << QStringLiteral("HOME=/root") << QStringLiteral("USER=root") << QStringLiteral("SUDO_USER=anna")
             << QStringLiteral("XDG_RUNTIME_DIR=") + m_root.path() + QStringLiteral("/runtime-root");
     }
     // Sanitizer settings of the test run reach the program under test.
-    for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS", "QT_QPA_PLATFORM"})
+    for (const char *name :
+         {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS", "QT_QPA_PLATFORM"})
         if (qEnvironmentVariableIsSet(name))
             env << QString::fromLatin1(name) + QLatin1Char('=') + qEnvironmentVariable(name);
     env << environment;

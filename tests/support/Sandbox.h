@@ -43,7 +43,10 @@ public:
     // Runs ARGUMENTS inside the sandbox as anna.
     ProcessResult runAsUser(const QStringList &arguments, const QStringList &environment = {}) const;
 
-    static QString mendwellPath() { return QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/Mendwell"); }
+    static QString mendwellPath()
+    {
+        return QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/Mendwell");
+    }
 
 private:
     ProcessResult run(const QStringList &arguments, const QStringList &environment, bool asUser) const;
@@ -53,9 +56,9 @@ private:
 };
 
 // Skips the calling test when sandboxes cannot run here.
-#define SKIP_WITHOUT_SANDBOX()                                                                          \
-    do {                                                                                                \
-        const QString reason = Sandbox::unavailableReason();                                           \
-        if (!reason.isEmpty())                                                                          \
-            GTEST_SKIP() << reason.toStdString();                                                       \
+#define SKIP_WITHOUT_SANDBOX()                                                                               \
+    do {                                                                                                     \
+        const QString reason = Sandbox::unavailableReason();                                                 \
+        if (!reason.isEmpty())                                                                               \
+            GTEST_SKIP() << reason.toStdString();                                                            \
     } while (false)

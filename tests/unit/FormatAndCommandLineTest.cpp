@@ -28,7 +28,8 @@ TEST(Format, MissingArgumentsAndOddFormats)
 TEST(ConsoleCopy, DoublesPercentAndDropsObjectsAndNul)
 {
     EXPECT_EQ(HXLog::consoleCopy(QStringLiteral("50% of %@ done")), QStringLiteral("50%% of  done"));
-    EXPECT_EQ(HXLog::consoleCopy(QStringLiteral("a") + QChar(u'\0') + QStringLiteral("b")), QStringLiteral("ab"));
+    EXPECT_EQ(HXLog::consoleCopy(QStringLiteral("a") + QChar(u'\0') + QStringLiteral("b")),
+              QStringLiteral("ab"));
     EXPECT_EQ(HXLog::consoleCopy(QStringLiteral("%%")), QStringLiteral("%%%%"));
 }
 

@@ -57,13 +57,15 @@ TEST(ProtectedDirectoryRule, SystemTreesOnlyWithoutExactMatch)
         EXPECT_FALSE(isProtected(path, true));
     }
     EXPECT_FALSE(isProtected("/opt/usr", false));
-    EXPECT_TRUE(HXLocalPaths::isPathSystemDirectory(QStringLiteral("/var/tmp")));  // exactMatch defaults to NO
+    EXPECT_TRUE(
+        HXLocalPaths::isPathSystemDirectory(QStringLiteral("/var/tmp")));  // exactMatch defaults to NO
 }
 
 TEST(RootRule, RebasesRootFoldersIntoConsoleHome)
 {
     const QString anna = QStringLiteral("/Users/anna");
-    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/var/root/Library"), QStringLiteral("/var/root"), anna),
+    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/var/root/Library"),
+                                                  QStringLiteral("/var/root"), anna),
               QStringLiteral("/Users/anna/Library"));
     EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/root/Library/Application Support"),
                                                   QStringLiteral("/root"), anna),
@@ -72,18 +74,22 @@ TEST(RootRule, RebasesRootFoldersIntoConsoleHome)
     EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/private/var/root/Library"),
                                                   QStringLiteral("/root"), anna),
               QStringLiteral("/Users/anna/t/Library"));
-    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/root/Desktop"), QStringLiteral("/root"), anna + "/"),
+    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/root/Desktop"), QStringLiteral("/root"),
+                                                  anna + "/"),
               QStringLiteral("/Users/anna/Desktop"));
     // Nobody at the console: no folder at all rather than root's own.
-    EXPECT_TRUE(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/root/Library"), QStringLiteral("/root"), QString())
+    EXPECT_TRUE(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/root/Library"), QStringLiteral("/root"),
+                                                    QString())
                     .isEmpty());
 }
 
 TEST(SearchPaths, MacLayoutForBothDomains)
 {
     const QString home = QStringLiteral("/Users/anna");
-    EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::Library, home), QStringLiteral("/Users/anna/Library"));
-    EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::Caches, home), QStringLiteral("/Users/anna/Library/Caches"));
+    EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::Library, home),
+              QStringLiteral("/Users/anna/Library"));
+    EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::Caches, home),
+              QStringLiteral("/Users/anna/Library/Caches"));
     EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::ApplicationSupport, QString()),
               QStringLiteral("/Library/Application Support"));
     EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::AdminApplications, QString()),
@@ -100,7 +106,8 @@ TEST(TimeMachineVolume, NeedsVolumesAndExactComponent)
 {
     EXPECT_FALSE(HXLocalPaths::isPathOnTimeMachineVolume(QStringLiteral("/Backups.backupdb/x")));
     EXPECT_FALSE(HXLocalPaths::isPathOnTimeMachineVolume(QStringLiteral("/Volumes/TM/Backups.backupdb2")));
-    EXPECT_TRUE(HXLocalPaths::isPathOnTimeMachineVolume(QStringLiteral("/Volumes/TM/Backups.backupdb/host/Latest")));
+    EXPECT_TRUE(
+        HXLocalPaths::isPathOnTimeMachineVolume(QStringLiteral("/Volumes/TM/Backups.backupdb/host/Latest")));
     EXPECT_TRUE(HXLocalPaths::isPathOnTimeMachineVolume(QStringLiteral("/Volumes/TM/Backups.backupdb")));
 }
 

@@ -15,7 +15,8 @@ namespace {
 
 QVariantMap sampleTree()
 {
-    QVariantMap nested{{QStringLiteral("flag"), false}, {QStringLiteral("list"), QVariantList{1, QStringLiteral("two")}}};
+    QVariantMap nested{{QStringLiteral("flag"), false},
+                       {QStringLiteral("list"), QVariantList{1, QStringLiteral("two")}}};
     return {
         {QStringLiteral("string"), QStringLiteral("Grüße & <tags>")},
         {QStringLiteral("negative"), QVariant::fromValue<qint64>(-42)},
@@ -57,7 +58,8 @@ TEST(PropertyList, XmlFileRoundTripKeepsEveryType)
     ASSERT_TRUE(PropertyList::writeXmlFile(path, sampleTree()));
     expectSameTree(PropertyList::readDictionary(path));
     // Only the file itself is left: the temporary file was renamed over it.
-    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{QStringLiteral("round.plist")});
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden),
+              QStringList{QStringLiteral("round.plist")});
 }
 
 TEST(PropertyList, ReadsBinaryAndXmlWrittenElsewhere)
@@ -99,9 +101,12 @@ TEST(PropertyList, BadFilesReadAsEmpty)
     EXPECT_TRUE(PropertyList::readDictionary(dir.filePath(QStringLiteral("missing.plist"))).isEmpty());
     EXPECT_TRUE(PropertyList::readDictionary(write("empty.plist", QByteArray())).isEmpty());
     EXPECT_TRUE(PropertyList::readDictionary(write("garbage.plist", "not a property list at all")).isEmpty());
-    EXPECT_TRUE(PropertyList::readDictionary(write("cut.plist", "<?xml version=\"1.0\"?><plist><dict><key>a")).isEmpty());
-    EXPECT_TRUE(PropertyList::readDictionary(write("cutbin.plist", QByteArray("bplist00\xd1\x01", 10))).isEmpty());
-    EXPECT_TRUE(PropertyList::readDictionary(write("array.plist", PropertyList::toXml(QVariantList{1, 2}))).isEmpty());
+    EXPECT_TRUE(PropertyList::readDictionary(write("cut.plist", "<?xml version=\"1.0\"?><plist><dict><key>a"))
+                    .isEmpty());
+    EXPECT_TRUE(
+        PropertyList::readDictionary(write("cutbin.plist", QByteArray("bplist00\xd1\x01", 10))).isEmpty());
+    EXPECT_TRUE(PropertyList::readDictionary(write("array.plist", PropertyList::toXml(QVariantList{1, 2})))
+                    .isEmpty());
     EXPECT_FALSE(PropertyList::readFile(dir.filePath(QStringLiteral("array.plist"))).toList().isEmpty());
     EXPECT_TRUE(PropertyList::readDictionary(dir.path()).isEmpty());  // a folder is unreadable
 }
@@ -109,10 +114,12 @@ TEST(PropertyList, BadFilesReadAsEmpty)
 TEST(PropertyList, WriteFailsCleanly)
 {
     QTemporaryDir dir;
-    EXPECT_FALSE(PropertyList::writeXmlFile(dir.filePath(QStringLiteral("no/such/folder/x.plist")), QVariantMap{}));
+    EXPECT_FALSE(
+        PropertyList::writeXmlFile(dir.filePath(QStringLiteral("no/such/folder/x.plist")), QVariantMap{}));
     // A value with no property-list form writes nothing and keeps the old file.
     const QString path = dir.filePath(QStringLiteral("keep.plist"));
     ASSERT_TRUE(PropertyList::writeXmlFile(path, QVariantMap{{QStringLiteral("a"), 1}}));
-    EXPECT_FALSE(PropertyList::writeXmlFile(path, QVariantMap{{QStringLiteral("bad"), QVariant::fromValue(QSize(1, 2))}}));
+    EXPECT_FALSE(PropertyList::writeXmlFile(
+        path, QVariantMap{{QStringLiteral("bad"), QVariant::fromValue(QSize(1, 2))}}));
     EXPECT_EQ(PropertyList::readDictionary(path).value(QStringLiteral("a")).toLongLong(), 1);
 }
