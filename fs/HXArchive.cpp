@@ -76,7 +76,7 @@ bool isContained(const QByteArray &extracted)
     return true;
 }
 
-} // namespace
+}  // namespace
 
 namespace HXArchive {
 
@@ -192,4 +192,4 @@ bool decompress(const QString &archivePath, const QString &destination)
     return ok;
 }
 
-} // namespace HXArchive
+}  // namespace HXArchive

@@ -18,4 +18,4 @@ bool compress(const QString &source, const QString &destination, bool keepParent
 // symbolic links) are refused.
 bool decompress(const QString &archive, const QString &destination);
 
-} // namespace HXArchive
+}  // namespace HXArchive

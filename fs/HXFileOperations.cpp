@@ -3,7 +3,10 @@
 #include "diagnostics/HXException.h"
 #include "diagnostics/HXLog.h"
 #include "fs/HXArchive.h"
+#include "fs/HXFileAttributes.h"
+#include "fs/HXFileNames.h"
 #include "fs/HXTrash.h"
+#include "fs/HXVolumes.h"
 #include "platform/Platform.h"
 #include "platform/Workspace.h"
 #include "system/HXAuthorization.h"
@@ -25,31 +28,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-// TODO(H2 file attributes): replace with the shared unlock, unique-name and
-// mount helpers once they land.
-namespace {
-void unlockFile(const QString &)
-{
-}
-void unlockFolder(const QString &)
-{
-}
-bool isDriveMountedForPath(const QString &path)
-{
-    if (!path.startsWith(QLatin1String("/Volumes/")))
-        return true;
-    const QStringList parts = HXPath::components(path);
-    return parts.size() < 3 || QFileInfo::exists(QStringLiteral("/Volumes/") + parts.at(2));
-}
-QString uniqueFilename(const QString &path)
-{
-    QString candidate = path;
-    for (int i = 2; QFileInfo::exists(candidate) || QFileInfo(candidate).isSymLink(); ++i)
-        candidate = path + QLatin1Char(' ') + QString::number(i);
-    return candidate;
-}
-} // namespace
 
 namespace {
 
@@ -213,7 +191,7 @@ bool waitUntil(const std::function<bool()> &done, std::chrono::seconds timeout)
     return done();
 }
 
-} // namespace
+}  // namespace
 
 namespace HXFileManager {
 
@@ -463,7 +441,7 @@ int moveItem(const QString &source, const QString &destination)
     return removeItem(source);
 }
 
-} // namespace
+}  // namespace
 
 bool moveFile(const QString &source, const QString &destination, bool shouldAuth)
 {
@@ -569,4 +547,4 @@ bool createEmptyFile(const QString &path)
     return moveFile(temporary, path);
 }
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

@@ -82,4 +82,4 @@ bool registerApplicationWithLaunchServices(const QString &path);
 // Creates an empty file at PATH through a temporary file and moveFile.
 bool createEmptyFile(const QString &path);
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

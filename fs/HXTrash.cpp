@@ -186,7 +186,7 @@ bool openVolumeTrash(TrashFolders &trash, const QString &topdir, uid_t owner, in
     return openFilesAndInfo(trash, own, owner, error);
 }
 
-} // namespace
+}  // namespace
 
 namespace HXTrash {
 
@@ -301,4 +301,4 @@ Outcome moveToTrash(const QString &path, const QString &trashFilesFolder)
     return outcome;
 }
 
-} // namespace HXTrash
+}  // namespace HXTrash

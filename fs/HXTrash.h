@@ -36,4 +36,4 @@ QByteArray trashInfo(const QString &originalPath, const QDateTime &deletionDate)
 // PATH percent-encoded the way .trashinfo records store it ("/" kept).
 QByteArray encodedPath(const QString &path);
 
-} // namespace HXTrash
+}  // namespace HXTrash

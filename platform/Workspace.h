@@ -18,4 +18,4 @@ int notifyFolderChanged(const QString &path);
 // not an application bundle.
 bool registerApplication(const QString &path);
 
-} // namespace platform
+}  // namespace platform

@@ -33,4 +33,4 @@ bool registerApplication(const QString &path)
     return QFileInfo(path + QStringLiteral("/Contents/Info.plist")).isFile();
 }
 
-} // namespace platform
+}  // namespace platform

@@ -142,4 +142,4 @@ TEST_F(ArchiveTest, EntriesEscapingTheDestinationAreRefused)
     EXPECT_EQ(read(target + QStringLiteral("/fine.txt")), QByteArray("evil"));
 }
 
-} // namespace
+}  // namespace

@@ -226,4 +226,4 @@ TEST_F(TrashTest, ItemsOnAnotherFileSystemGoToThatVolumesTrash)
         QDir(volumeTrash).removeRecursively();
 }
 
-} // namespace
+}  // namespace

@@ -1,0 +1,186 @@
+// Trashing many small files: HXFileManager::trashFile against trash-put
+// (trash-cli) and gio trash (GLib), each on its own copy of the same tree in the
+// same home trash, in one run. The tools get every file in one call, their
+// fastest use; trashFile is called once per file, as the program calls it.
+//
+//   trash_bench [FILES]      (default 10000)
+//
+// The home trash is the one HXLocalPaths names: run it as a user, or as root with
+// SUDO_USER naming the user. Whatever the run put in that trash is removed again.
+
+#include "fs/HXFileManager.h"
+#include "system/HXLocalPaths.h"
+#include "system/HXPath.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <optional>
+
+namespace {
+
+constexpr int kFilesPerFolder = 100;
+
+struct Tree {
+    QString root;
+    QStringList files;
+};
+
+// FILES small files in folders of a hundred, named so the run can find them in
+// the trash afterwards.
+Tree makeTree(const QString &parent, const QString &tag, int files)
+{
+    Tree tree{HXPath::appendingComponent(parent, tag), {}};
+    const QByteArray contents(64, 'm');
+    for (int i = 0; i < files; ++i) {
+        const QString folder =
+            tree.root + QStringLiteral("/d%1").arg(i / kFilesPerFolder, 3, 10, QLatin1Char('0'));
+        if (i % kFilesPerFolder == 0)
+            QDir().mkpath(folder);
+        const QString path = folder + QStringLiteral("/%1-%2.txt").arg(tag).arg(i, 5, 10, QLatin1Char('0'));
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(contents) != contents.size())
+            return {};
+        tree.files.append(path);
+    }
+    return tree;
+}
+
+int remaining(const Tree &tree)
+{
+    int count = 0;
+    for (const QString &path : tree.files)
+        count += QFile::exists(path) ? 1 : 0;
+    return count;
+}
+
+std::optional<double> timed(const std::function<bool()> &work)
+{
+    const auto start = std::chrono::steady_clock::now();
+    if (!work())
+        return std::nullopt;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+bool runTool(const QStringList &command, const QStringList &files, const QString &dataHome)
+{
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("XDG_DATA_HOME"), dataHome);
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::ForwardedChannels);
+    process.start(command.first(), command.mid(1) + files);
+    return process.waitForStarted() && process.waitForFinished(-1) && process.exitCode() == 0;
+}
+
+// Removes from the trash whatever carries TAG in its name.
+void removeFromTrash(const QString &trashRoot, const QString &tag)
+{
+    for (const char *sub : {"files", "info"}) {
+        const QString folder = HXPath::appendingComponent(trashRoot, QLatin1String(sub));
+        for (const QString &name : QDir(folder).entryList(QDir::Files | QDir::NoDotAndDotDot | QDir::Hidden))
+            if (name.contains(tag))
+                QFile::remove(HXPath::appendingComponent(folder, name));
+    }
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    const int files = argc > 1 ? QString::fromLocal8Bit(argv[1]).toInt() : 10000;
+    const QString home = HXLocalPaths::userDirectory();
+    const QString trashFiles = HXLocalPaths::trashDirectory();
+    if (home.isEmpty() || trashFiles.isEmpty() || files <= 0) {
+        std::fprintf(stderr, "No home trash: run as a user, or as root with SUDO_USER naming one.\n");
+        return 1;
+    }
+    const QString trashRoot = HXPath::deletingLastComponent(trashFiles);
+    const QString dataHome = HXPath::deletingLastComponent(trashRoot);
+    const bool trashExisted = QFileInfo::exists(trashRoot);
+    QDir().mkpath(trashFiles);
+    QDir().mkpath(HXPath::appendingComponent(trashRoot, QStringLiteral("info")));
+
+    // Inside the home, so every tool moves within one file system.
+    QTemporaryDir work(HXPath::appendingComponent(home, QStringLiteral(".mendwell-trash-bench-XXXXXX")));
+    if (!work.isValid()) {
+        std::fprintf(stderr, "Cannot create the work folder in %s.\n", qPrintable(home));
+        return 1;
+    }
+    const QString run = QFileInfo(work.path()).fileName().section(QLatin1Char('-'), -1);
+
+    struct Contender {
+        const char *label;
+        QString tag;
+        std::function<bool(const Tree &)> trash;
+        std::optional<double> seconds;
+        bool available = true;
+    };
+    QList<Contender> contenders{
+        {"trashFile:", QStringLiteral("mw") + run,
+         [](const Tree &tree) {
+             bool all = true;
+             for (const QString &path : tree.files)
+                 all = HXFileManager::trashFile(path) && all;
+             return all;
+         },
+         std::nullopt},
+        {"gio trash", QStringLiteral("gio") + run,
+         [&](const Tree &tree) {
+             return runTool({QStringLiteral("gio"), QStringLiteral("trash")}, tree.files, dataHome);
+         },
+         std::nullopt},
+        {"trash-put", QStringLiteral("tp") + run,
+         [&](const Tree &tree) { return runTool({QStringLiteral("trash-put")}, tree.files, dataHome); },
+         std::nullopt},
+    };
+
+    std::printf("Trashing %d files of 64 bytes (%d per folder) into %s\n", files, kFilesPerFolder,
+                qPrintable(trashRoot));
+    int status = 0;
+    for (Contender &contender : contenders) {
+        const QString program = contender.tag.startsWith(QLatin1String("gio"))  ? QStringLiteral("gio")
+                                : contender.tag.startsWith(QLatin1String("tp")) ? QStringLiteral("trash-put")
+                                                                                : QString();
+        if (!program.isEmpty() && QStandardPaths::findExecutable(program).isEmpty()) {
+            std::printf("%-11s not installed\n", contender.label);
+            contender.available = false;
+            continue;
+        }
+        const Tree tree = makeTree(work.path(), contender.tag, files);
+        if (tree.files.size() != files) {
+            std::fprintf(stderr, "Cannot write the tree for %s.\n", contender.label);
+            status = 1;
+            break;
+        }
+        contender.seconds = timed([&] { return contender.trash(tree); });
+        const int left = remaining(tree);
+        removeFromTrash(trashRoot, contender.tag);
+        if (!contender.seconds || left != 0) {
+            std::printf("%-11s failed (%d files left)\n", contender.label, left);
+            contender.seconds.reset();
+            status = 1;
+            continue;
+        }
+        std::printf("%-11s %6d files in %8.3f s = %9.0f files/s\n", contender.label, files,
+                    *contender.seconds, files / *contender.seconds);
+    }
+    if (!trashExisted)
+        QDir(trashRoot).removeRecursively();
+
+    const std::optional<double> ours = contenders.at(0).seconds;
+    for (int i = 1; i < contenders.size() && ours; ++i)
+        if (contenders.at(i).seconds)
+            std::printf("trashFile: is %.2f times as fast as %s\n", *contenders.at(i).seconds / *ours,
+                        contenders.at(i).label);
+    return status;
+}
