@@ -6,12 +6,13 @@
 #include <QColor>
 #include <QPointer>
 #include <QString>
+#include <QTextEdit>
 
 #include <memory>
 #include <mutex>
 #include <optional>
 
-class QTextEdit;
+
 
 class HXAppController {
 public:
