@@ -9,6 +9,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <atomic>
 #include <mutex>
 #include <optional>
 #include <sys/types.h>
@@ -19,9 +20,9 @@ namespace platform {
 class ChildProcess {
 public:
     enum class Stream {
-        Inherit, // the parent's own stream
-        Null,    // the null device
-        Pipe,    // a fresh pipe; the parent keeps the other end
+        Inherit,  // the parent's own stream
+        Null,     // the null device
+        Pipe,     // a fresh pipe; the parent keeps the other end
     };
 
     ChildProcess(QString launchPath, QStringList arguments);
@@ -66,6 +67,8 @@ public:
     // Sends SIGTERM (or SIGKILL) while the child has not been reaped.
     void terminate();
     void kill();
+    // True once terminate() or kill() was called.
+    bool terminationRequested() const { return m_terminationRequested.load(); }
 
 private:
     void closeEnd(int index);
@@ -78,11 +81,12 @@ private:
     std::optional<QMap<QString, QString>> m_environment;
     std::vector<int> m_inherited;
     QString m_workingDirectory;
-    int m_parentEnds[3] = {-1, -1, -1};
+    std::atomic<int> m_parentEnds[3] = {-1, -1, -1};
     pid_t m_pid = -1;
 
-    std::mutex m_mutex; // guards the reaped state, so no signal reaches a reused pid
+    std::mutex m_mutex;  // guards the reaped state, so no signal reaches a reused pid
     bool m_reaped = false;
+    std::atomic<bool> m_terminationRequested{false};
     int m_rawStatus = 0;
 };
 
@@ -93,4 +97,4 @@ bool isExecutableFile(const QString &path);
 // its kin); such a path is never run.
 bool isPackage(const QString &path);
 
-} // namespace platform
+}  // namespace platform

@@ -14,6 +14,7 @@
 #include <any>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -123,6 +124,9 @@ public:
 private:
     HXTaskEx() = default;
 
+    void startTimer(std::chrono::seconds timeout);
+    void runTimer(std::chrono::seconds timeout, std::uint64_t generation);
+    void finishTimedRun();
     void cancelTimer();
 
     mutable std::mutex m_taskMutex;
@@ -135,5 +139,5 @@ private:
     // Timer state: a finished run wakes its timer.
     std::mutex m_timerMutex;
     std::condition_variable m_timerWake;
-    bool m_timerCancelled = false;
+    std::uint64_t m_timerGeneration = 0;
 };
