@@ -1,0 +1,20 @@
+#pragma once
+
+// An X display of the test's own: Xvfb on the first free display number.
+
+#include <QProcess>
+#include <QString>
+
+class TestDisplay {
+public:
+    TestDisplay();
+    ~TestDisplay();
+
+    bool isRunning() const { return !m_display.isEmpty(); }
+    // ":N"
+    QString display() const { return m_display; }
+
+private:
+    QProcess m_server;
+    QString m_display;
+};
