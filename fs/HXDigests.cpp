@@ -18,7 +18,7 @@ QString finishedDigest(EVP_MD_CTX *context)
         QByteArray(reinterpret_cast<const char *>(digest), static_cast<qsizetype>(length)).toHex());
 }
 
-} // namespace
+}  // namespace
 
 QString md5HashWithContext(EVP_MD_CTX *context)
 {
@@ -30,4 +30,4 @@ QString sha1HashWithContext(EVP_MD_CTX *context)
     return finishedDigest(context);
 }
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

@@ -14,4 +14,4 @@ namespace HXFileManager {
 QString md5HashWithContext(EVP_MD_CTX *context);
 QString sha1HashWithContext(EVP_MD_CTX *context);
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

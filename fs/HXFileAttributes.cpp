@@ -2,12 +2,9 @@
 
 #include "diagnostics/HXLog.h"
 #include "platform/ExtendedAttributes.h"
-#include "platform/FileDates.h"
 #include "platform/FileFlags.h"
 #include "platform/Platform.h"
-#include "system/HXAuthorization.h"
 #include "system/HXFormat.h"
-#include "system/HXTaskEx.h"
 
 #include <QFile>
 #include <QStringDecoder>
@@ -26,10 +23,6 @@
 namespace HXFileManager {
 
 namespace {
-
-using namespace std::chrono_literals;
-
-const QString kTouchTool = QStringLiteral("/usr/bin/touch");
 
 // Longest attribute value metadataValueForKey reads.
 constexpr std::size_t kMetadataReadLimit = 255;
@@ -106,7 +99,7 @@ void setFolderLocked(const QString &folder, bool locked)
     }
 }
 
-} // namespace
+}  // namespace
 
 std::uint64_t fileSize(const QString &path)
 {
@@ -189,28 +182,6 @@ bool setMetadataValue(const QString &value, const QString &key, const QString &p
     return platform::writeExtendedAttribute(path, key, value.toUtf8()) == 0;
 }
 
-bool touchFile(const QString &path, bool setCreationDate)
-{
-    if (path.isEmpty())
-        return false;
-    bool touched = false;
-    if (::access(QFile::encodeName(path).constData(), W_OK) == 0) {
-        HXTaskEx::runTask(kTouchTool, {QStringLiteral("-c"), path}, 5s);
-        if (setCreationDate)
-            platform::setCreationDate(path, QDateTime::currentDateTimeUtc());
-        touched = true;
-    } else {
-        if (setCreationDate)
-            platform::setCreationDate(path, QDateTime::currentDateTimeUtc());
-        // "-h": as administrator, a link is touched itself, never what it points to.
-        touched = HXAuthorization::sharedController().authExecTask(
-                      kTouchTool, {QStringLiteral("-c"), QStringLiteral("-h"), path}, false) == 0;
-    }
-    // File browsers here watch their folders themselves; there is nobody to tell
-    // that the item changed.
-    return touched;
-}
-
 bool setModificationDate(const QDateTime &date, const QString &path)
 {
     const qint64 msecs = date.toMSecsSinceEpoch();
@@ -225,4 +196,4 @@ bool setModificationDate(const QDateTime &date, const QString &path)
     return ::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, 0) == 0;
 }
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

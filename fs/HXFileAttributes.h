@@ -46,4 +46,4 @@ bool touchFile(const QString &path, bool setCreationDate = false);
 
 bool setModificationDate(const QDateTime &date, const QString &path);
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

@@ -42,4 +42,4 @@ QString uniqueFilename(const QString &path)
     }
 }
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

@@ -13,4 +13,4 @@ QString validateFilename(const QString &name);
 // folder, the first that is free.
 QString uniqueFilename(const QString &path);
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

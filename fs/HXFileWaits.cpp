@@ -61,7 +61,7 @@ private:
     std::optional<std::pair<std::optional<QDateTime>, QDateTime>> m_odd;
 };
 
-} // namespace
+}  // namespace
 
 void waitForFileCreation(const QString &path, std::chrono::seconds timeout)
 {
@@ -95,4 +95,4 @@ void waitForFileWrites(const QString &path, const QString &lockFile)
     HXLog::appendLog(u"File %@ finished writing.", path);
 }
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

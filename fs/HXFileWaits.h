@@ -17,4 +17,4 @@ void waitForFileCreation(const QString &path, std::chrono::seconds timeout);
 // being written now, or when LOCKFILE (a name in PATH's folder) exists.
 void waitForFileWrites(const QString &path, const QString &lockFile = QString());
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

@@ -50,7 +50,7 @@ std::uint16_t flagsWord(const QByteArray &info)
                                       static_cast<unsigned char>(info[kFlagsOffset + 1]));
 }
 
-} // namespace
+}  // namespace
 
 std::uint16_t finderColorIndexForPath(const QString &path)
 {
@@ -103,4 +103,4 @@ std::optional<HXFinderColor> finderColorForPath(const QString &path)
     return finderColorForColorIndex(finderColorIndexForPath(path));
 }
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

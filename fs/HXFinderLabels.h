@@ -33,4 +33,4 @@ void setFinderColorIndex(unsigned int index, const QString &path);
 std::optional<HXFinderColor> finderColorForColorIndex(unsigned int index);
 std::optional<HXFinderColor> finderColorForPath(const QString &path);
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

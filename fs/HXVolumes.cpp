@@ -26,7 +26,7 @@ QString volumeFolder(const QStringList &components)
     return components.mid(0, 3).join(QLatin1Char('/'));
 }
 
-} // namespace
+}  // namespace
 
 std::optional<QVariantMap> infoForDiskAtMountpoint(const QString &mountPoint)
 {
@@ -71,4 +71,4 @@ std::optional<QString> volumeMountPointForPath(const QString &path)
     return QStringLiteral("/");
 }
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

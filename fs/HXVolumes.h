@@ -23,4 +23,4 @@ bool isDriveMountedForPath(const QString &path);
 // under "/Volumes" that no mounted volume holds.
 std::optional<QString> volumeMountPointForPath(const QString &path);
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

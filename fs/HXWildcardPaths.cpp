@@ -47,7 +47,7 @@ QStringList patternComponents(const QString &pattern)
     return parts;
 }
 
-} // namespace
+}  // namespace
 
 QStringList filesMatchingWildcardPath(const QString &pattern, const QString &basePath, bool searchSubdirs)
 {
@@ -108,4 +108,4 @@ std::optional<QString> decodeWildcardPath(const QString &pattern, const QString 
     return HXPath::appendingComponent(basePath, pattern);
 }
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

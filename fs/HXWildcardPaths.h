@@ -22,4 +22,4 @@ QStringList filesMatchingWildcardPath(const QString &pattern);
 // which is none when there is no base path.
 std::optional<QString> decodeWildcardPath(const QString &pattern, const QString &basePath = QString());
 
-} // namespace HXFileManager
+}  // namespace HXFileManager

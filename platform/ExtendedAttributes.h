@@ -24,4 +24,4 @@ long long readExtendedAttribute(const QString &path, const QString &name, void *
 // Creates or replaces attribute NAME with VALUE. Returns 0 or the error number.
 int writeExtendedAttribute(const QString &path, const QString &name, const QByteArray &value);
 
-} // namespace platform
+}  // namespace platform

@@ -10,4 +10,4 @@ namespace platform {
 // Sets the creation (birth) date of PATH; false when the system does not allow it.
 bool setCreationDate(const QString &path, const QDateTime &date);
 
-} // namespace platform
+}  // namespace platform

@@ -17,4 +17,4 @@ std::optional<bool> isImmutable(const QString &path);
 // succeeds, since there is nothing to clear.
 int setImmutable(const QString &path, bool immutable);
 
-} // namespace platform
+}  // namespace platform

@@ -22,4 +22,4 @@ QStringList mountedLocalVolumePaths();
 // mounted exactly there.
 std::optional<QVariantMap> diskInformation(const QString &mountPoint);
 
-} // namespace platform
+}  // namespace platform

@@ -16,7 +16,7 @@ QByteArray attributeName(const QString &name)
     return "user." + name.toUtf8();
 }
 
-} // namespace
+}  // namespace
 
 long long extendedAttributeSize(const QString &path, const QString &name, int *error)
 {
@@ -44,4 +44,4 @@ int writeExtendedAttribute(const QString &path, const QString &name, const QByte
     return result == 0 ? 0 : errno;
 }
 
-} // namespace platform
+}  // namespace platform

@@ -11,4 +11,4 @@ bool setCreationDate(const QString &path, const QDateTime &date)
     return false;
 }
 
-} // namespace platform
+}  // namespace platform

@@ -60,7 +60,7 @@ int openForFlags(const QByteArray &path, const struct statx &info)
     return ::open(path.constData(), flags);
 }
 
-} // namespace
+}  // namespace
 
 std::optional<bool> isImmutable(const QString &path)
 {
@@ -108,4 +108,4 @@ int setImmutable(const QString &path, bool immutable)
     return ::ioctl(fd.get(), FS_IOC_SETFLAGS, &flags) == 0 ? 0 : errno;
 }
 
-} // namespace platform
+}  // namespace platform

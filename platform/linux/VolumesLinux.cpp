@@ -83,7 +83,7 @@ QString deviceAlias(const QString &folder, const QString &device)
     return QString();
 }
 
-} // namespace
+}  // namespace
 
 QStringList mountedLocalVolumePaths()
 {
@@ -135,4 +135,4 @@ std::optional<QVariantMap> diskInformation(const QString &mountPoint)
     return info;
 }
 
-} // namespace platform
+}  // namespace platform

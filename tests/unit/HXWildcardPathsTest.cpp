@@ -32,7 +32,7 @@ protected:
     QTemporaryDir m_dir;
 };
 
-} // namespace
+}  // namespace
 
 TEST(WildcardMatch, ComparesWholeNamesWithStarAndQuestionMark)
 {
@@ -48,7 +48,7 @@ TEST(WildcardMatch, ComparesWholeNamesWithStarAndQuestionMark)
     EXPECT_TRUE(HXWildcardMatches(u"a", u"?"));
     EXPECT_FALSE(HXWildcardMatches(u"ab", u"?"));
     EXPECT_TRUE(HXWildcardMatches(u"abc", u"a?c"));
-    EXPECT_TRUE(HXWildcardMatches(u"a\U0001F600c", u"a?c")); // one character, two UTF-16 units
+    EXPECT_TRUE(HXWildcardMatches(u"a\U0001F600c", u"a?c"));  // one character, two UTF-16 units
     EXPECT_TRUE(HXWildcardMatches(u"memorybalancer.xml", u"memorybalancer*.xml"));
     EXPECT_TRUE(HXWildcardMatches(u"aXbXbXc", u"a*b*c"));
     EXPECT_FALSE(HXWildcardMatches(u"aXbXbX", u"a*b*c"));
@@ -108,7 +108,7 @@ TEST_F(WildcardPaths, StarsInSeveralComponentsKeepOnlyBranchesThatExist)
     makeFile(u"Adobe/Premiere Pro/5.0/Layouts/Effects.xml"_s);
     makeFile(u"Adobe/Premiere Pro/5.0/Layouts/notes.txt"_s);
     makeFolder(u"Adobe/Premiere Pro/5.5/Other"_s);
-    makeFile(u"Adobe/Premiere Pro/6.0"_s); // a file where the pattern wants a folder
+    makeFile(u"Adobe/Premiere Pro/6.0"_s);  // a file where the pattern wants a folder
 
     QStringList found = filesMatchingWildcardPath(path(u"Adobe/Premiere Pro/*/Layouts/*.xml"_s));
     found.sort();

@@ -1,0 +1,43 @@
+#include "fs/HXFileAttributes.h"
+
+#include "platform/FileDates.h"
+#include "system/HXAuthorization.h"
+#include "system/HXTaskEx.h"
+
+#include <QFile>
+
+#include <unistd.h>
+
+namespace HXFileManager {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+const QString kTouchTool = QStringLiteral("/usr/bin/touch");
+
+}  // namespace
+
+bool touchFile(const QString &path, bool setCreationDate)
+{
+    if (path.isEmpty())
+        return false;
+    bool touched = false;
+    if (::access(QFile::encodeName(path).constData(), W_OK) == 0) {
+        HXTaskEx::runTask(kTouchTool, {QStringLiteral("-c"), path}, 5s);
+        if (setCreationDate)
+            platform::setCreationDate(path, QDateTime::currentDateTimeUtc());
+        touched = true;
+    } else {
+        if (setCreationDate)
+            platform::setCreationDate(path, QDateTime::currentDateTimeUtc());
+        // "-h": as administrator, a link is touched itself, never what it points to.
+        touched = HXAuthorization::sharedController().authExecTask(
+                      kTouchTool, {QStringLiteral("-c"), QStringLiteral("-h"), path}, false) == 0;
+    }
+    // File browsers here watch their folders themselves; there is nobody to tell
+    // that the item changed.
+    return touched;
+}
+
+}  // namespace HXFileManager
