@@ -120,7 +120,7 @@ bool compress(const QString &source, const QString &destination, bool keepParent
 
 bool decompress(const QString &archivePath, const QString &destination)
 {
-    if (!QDir().mkpath(destination))
+    if (!QFileInfo(archivePath).isFile() || !QDir().mkpath(destination))
         return false;
     // Resolved, so that the symbolic-link guard only judges links inside the archive.
     const QString root = QFileInfo(destination).canonicalFilePath();

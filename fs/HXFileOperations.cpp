@@ -451,10 +451,12 @@ bool moveFile(const QString &source, const QString &destination, bool shouldAuth
         // As if the destination were a folder; harmless when it is not.
         unlockFolder(HXPath::appendingComponent(destination, HXPath::lastComponent(source)));
         if (source.compare(destination, Qt::CaseInsensitive) == 0) {
-            // A change of letter case only: through a temporary name, as a
-            // case-insensitive volume needs.
+            // A change of letter case only: through a free name, as a case-insensitive
+            // volume needs. Where the destination name is already free (a
+            // case-sensitive volume) the plain move below does it.
             const QString temporary = uniqueFilename(destination);
-            if (moveItem(source, temporary) == 0 && moveItem(temporary, destination) == 0)
+            if (temporary != destination && moveItem(source, temporary) == 0 &&
+                moveItem(temporary, destination) == 0)
                 return true;
         }
         const int error = moveItem(source, destination);
