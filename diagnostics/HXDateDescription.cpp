@@ -9,7 +9,7 @@ QString HXDateDescription(std::time_t when)
     return QString::fromLatin1(text);
 }
 
-QString HXCurrentDateDescription()
+const QString &HXCurrentDateDescription()
 {
     // The log asks for this once per line; the text only changes once a second.
     thread_local std::time_t cachedSecond = -1;
@@ -20,4 +20,16 @@ QString HXCurrentDateDescription()
         cachedText = HXDateDescription(now);
     }
     return cachedText;
+}
+
+const QByteArray &HXCurrentDateDescriptionUtf8()
+{
+    thread_local std::time_t cachedSecond = -1;
+    thread_local QByteArray cachedBytes;
+    const std::time_t now = std::time(nullptr);
+    if (now != cachedSecond) {
+        cachedSecond = now;
+        cachedBytes = HXDateDescription(now).toUtf8();
+    }
+    return cachedBytes;
 }

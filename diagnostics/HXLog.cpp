@@ -267,14 +267,19 @@ void HXLog::appendTextToLog(const QString &text)
     if (trimmed.isEmpty())
         return;
     const auto length = static_cast<std::uint64_t>(trimmed.size());
+    bool wakeWriter = false;
     {
         std::lock_guard lock(m_queueMutex);
         if (!m_queueOpen)
             return;
         m_bytesInQueue += length;
         m_queue.push_back(std::move(trimmed));
+        // A writer busy with a batch finds the line when it comes back for more;
+        // only an idle one needs waking.
+        wakeWriter = !m_writing;
     }
-    m_queueChanged.notify_one();
+    if (wakeWriter)
+        m_queueChanged.notify_one();
 }
 
 void HXLog::appendFormatted(const QString &text)
@@ -388,10 +393,7 @@ void HXLog::appendLogOnThread(const QString &text)
                 printToConsole(QByteArray("Unable to open log for output\n"));
             }
         } else {
-            const QByteArray line =
-                (HXCurrentDateDescription() + QStringLiteral(" - ") + text).toUtf8() + '\n';
-            writeBuffered(line);
-            m_bytesWritten += static_cast<std::uint64_t>(line.size());
+            m_bytesWritten += appendLine(text);
             if (m_bytesWritten >= kSizeLimit) {
                 flushBuffer();
                 if (createNewLogLocked(appName()))
@@ -416,20 +418,35 @@ bool HXLog::openCurrentLogForAppend()
     return true;
 }
 
-void HXLog::writeBuffered(const QByteArray &bytes)
+std::uint64_t HXLog::appendLine(const QString &text)
 {
-    m_buffer.append(bytes);
+    // "<date> - <text>\n", encoded straight into the write buffer.
+    const QByteArray &date = HXCurrentDateDescriptionUtf8();
+    const qsizetype start = m_buffer.size();
+    if (m_buffer.capacity() < kBufferLimit)
+        m_buffer.reserve(2 * kBufferLimit);
+    m_buffer.resize(start + date.size() + 3 + m_encoder.requiredSpace(text.size()) + 1);
+    char *out = m_buffer.data() + start;
+    std::memcpy(out, date.constData(), static_cast<std::size_t>(date.size()));
+    out += date.size();
+    *out++ = ' ';
+    *out++ = '-';
+    *out++ = ' ';
+    out = m_encoder.appendToBuffer(out, text);
+    *out++ = '\n';
+    const qsizetype length = out - (m_buffer.data() + start);
+    m_buffer.resize(start + length);
     if (m_buffer.size() >= kBufferLimit)
         flushBuffer();
+    return static_cast<std::uint64_t>(length);
 }
 
 void HXLog::flushBuffer()
 {
     if (m_buffer.isEmpty())
         return;
-    const QByteArray pending = std::exchange(m_buffer, QByteArray());
-    const char *data = pending.constData();
-    qsizetype left = pending.size();
+    const char *data = m_buffer.constData();
+    qsizetype left = m_buffer.size();
     while (left > 0 && m_fd >= 0) {
         const ssize_t written = ::write(m_fd, data, static_cast<std::size_t>(left));
         if (written < 0) {
@@ -437,11 +454,12 @@ void HXLog::flushBuffer()
                 continue;
             if (!m_loggingDisabled)
                 printToConsole(HXFormat(u"Exception writing to log: %s\n", std::strerror(errno)));
-            return;
+            break;
         }
         data += written;
         left -= written;
     }
+    m_buffer.resize(0);  // keeps the capacity for the next lines
 }
 
 void HXLog::closeFile()

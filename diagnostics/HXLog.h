@@ -7,6 +7,7 @@
 #include "system/HXFormat.h"
 
 #include <QString>
+#include <QStringConverter>
 #include <QStringList>
 
 #include <atomic>
@@ -90,7 +91,7 @@ private:
     bool createNewLogLocked(const QString &name);
     static void queueHeader();
     bool openCurrentLogForAppend();
-    void writeBuffered(const QByteArray &bytes);
+    std::uint64_t appendLine(const QString &text);
     void flushBuffer();
     void closeFile();
     bool isWriterThread() const { return std::this_thread::get_id() == m_writer.get_id(); }
@@ -109,6 +110,7 @@ private:
     mutable std::recursive_mutex m_fileMutex;
     int m_fd = -1;
     QByteArray m_buffer;
+    QStringEncoder m_encoder{QStringEncoder::Utf8};
     QString m_appName;
     bool m_appNameSet = false;
 

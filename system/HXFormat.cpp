@@ -104,6 +104,11 @@ QString formatNumber(const Conversion &conversion, const HXFormatArg::Value &val
 
 QString HXFormatList(QStringView format, std::initializer_list<HXFormatArg> args)
 {
+    // The common cases: plain text, and one object as the whole format.
+    if (!format.contains(QLatin1Char('%')))
+        return format.toString();
+    if (format == u"%@" && args.size() == 1)
+        return argumentAsText(args.begin()->value());
     const std::vector<const HXFormatArg *> list = [&] {
         std::vector<const HXFormatArg *> out;
         for (const HXFormatArg &arg : args)
