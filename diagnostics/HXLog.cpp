@@ -140,13 +140,21 @@ HXLog::HXLog()
 
 HXLog &HXLog::sharedController()
 {
-    static HXLog *instance = [] {
-        auto *log = new HXLog();
-        if (QCoreApplication *app = QCoreApplication::instance())
-            QObject::connect(app, &QCoreApplication::aboutToQuit, [] { HXLog::willTerminate(); });
-        return log;
-    }();
+    static HXLog *instance = new HXLog();
+    instance->observeApplicationEnd();
     return *instance;
+}
+
+void HXLog::observeApplicationEnd()
+{
+    // The application object may come after the log's first use; watch for it
+    // from the first call that finds one.
+    if (m_observingApplicationEnd.load(std::memory_order_acquire))
+        return;
+    QCoreApplication *app = QCoreApplication::instance();
+    if (app == nullptr || m_observingApplicationEnd.exchange(true))
+        return;
+    QObject::connect(app, &QCoreApplication::aboutToQuit, [] { HXLog::willTerminate(); });
 }
 
 QString HXLog::appName() const

@@ -86,6 +86,7 @@ private:
     static void appendFormatted(const QString &text);
     static void appendAndPrintFormatted(const QString &text);
 
+    void observeApplicationEnd();
     void runWriter();
     void appendLogOnThread(const QString &text);
     bool createNewLogLocked(const QString &name);
@@ -117,4 +118,5 @@ private:
     std::atomic<std::uint64_t> m_bytesWritten{0};
     std::atomic<std::uint64_t> m_bytesInQueue{0};
     std::atomic<bool> m_loggingDisabled{false};
+    std::atomic<bool> m_observingApplicationEnd{false};
 };

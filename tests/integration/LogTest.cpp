@@ -145,4 +145,18 @@ TEST_F(LogTest, UncaughtExceptionReasonReachesDiskBeforeTheEnd)
     EXPECT_EQ(textOf(logged.last()), QStringLiteral("disk on fire"));
 }
 
+TEST_F(LogTest, WillTerminateWritesWhatLittleIsQueuedThenCloses)
+{
+    // Fewer than 20 queued lines are written before the end; later lines are dropped
+    // and the name is forgotten.
+    ProcessResult result = drive({QStringLiteral("quit"), QStringLiteral("Quit"), QStringLiteral("5")});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.out, QByteArray("mendwell-logdriver\n"));
+    QStringList logged = lines(generation(QStringLiteral("Quit"), 1));
+    ASSERT_FALSE(logged.isEmpty());
+    EXPECT_EQ(textOf(logged.last()), QStringLiteral("before quit 4"));
+    EXPECT_EQ(logged.filter(QStringLiteral("before quit")).size(), 5);
+    EXPECT_TRUE(logged.filter(QStringLiteral("after quit")).isEmpty());
+}
+
 }  // namespace

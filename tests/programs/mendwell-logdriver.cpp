@@ -8,10 +8,14 @@
 //   print NAME TEXT         start a log, then appendLogAndPrint TEXT
 //   throw TEXT              let an exception with reason TEXT escape
 //   available NAME          list the existing generations
+//   quit NAME COUNT         in an application that quits, log COUNT lines just
+//                           before it ends and one line after
 
 #include "diagnostics/HXLog.h"
 
+#include <QCoreApplication>
 #include <QFile>
+#include <QTimer>
 
 #include <cstdio>
 #include <stdexcept>
@@ -69,6 +73,21 @@ int main(int argc, char **argv)
         HXLog::sharedController().setAppName(argument(argc, argv, 2));
         for (const QString &path : HXLog::availableLogs())
             std::printf("%s\n", qPrintable(path));
+    } else if (command == QLatin1String("quit")) {
+        HXLog::fastAppendLog(u"before the application exists");
+        QCoreApplication app(argc, argv);
+        HXLog::createNewLog(argument(argc, argv, 2));
+        HXLog::finishWriting();
+        const int count = argument(argc, argv, 3).toInt();
+        QTimer::singleShot(0, &app, [&] {
+            for (int i = 0; i < count; ++i)
+                HXLog::fastAppendLog(u"before quit %@", i);
+            app.quit();
+        });
+        app.exec();
+        HXLog::fastAppendLog(u"after quit");
+        std::printf("%s\n", qPrintable(HXLog::sharedController().appName()));
+        return 0;
     } else {
         std::fprintf(stderr, "unknown command\n");
         return 2;
