@@ -118,7 +118,13 @@ void HXAppController::insertErrorTextOnMainThread(const QString &text, const QCo
     colour.setForeground(color);
     range.mergeCharFormat(colour);
 
-    view->setTextCursor(range);
+    // Both ends into view, leaving the caret after the line and nothing selected.
+    QTextCursor caret(view->document());
+    caret.setPosition(static_cast<int>(start));
+    view->setTextCursor(caret);
+    view->ensureCursorVisible();
+    caret.setPosition(static_cast<int>(start + textLength));
+    view->setTextCursor(caret);
     view->ensureCursorVisible();
     view->viewport()->update();
     view->setReadOnly(true);

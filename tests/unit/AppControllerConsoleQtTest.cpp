@@ -91,7 +91,7 @@ QColor separatorColourBefore(QTextEdit &view, const QString &needle)
     qFatal("no line %s", qPrintable(needle));
 }
 
-} // namespace
+}  // namespace
 
 class AppControllerConsoleQtTest : public QObject {
     Q_OBJECT
@@ -118,6 +118,8 @@ void AppControllerConsoleQtTest::windowedLinesCarryTheirOwnColourAndWeight()
     controller.insertErrorText(QStringLiteral("fifth"), QColor(Qt::blue), true);
     QCOMPARE(view.toPlainText(), QStringLiteral("first 100% %d\n\nsecond\n\nthird\n\nfourth\n\nfifth"));
     QVERIFY(view.isReadOnly());
+    QVERIFY2(!view.textCursor().hasSelection(), "the new line is scrolled to, not selected");
+    QCOMPARE(view.textCursor().position(), view.toPlainText().size());
 
     const Style first = styleOf(view, QStringLiteral("first 100% %d"));
     QCOMPARE(first.colour, QColor(Qt::black));
