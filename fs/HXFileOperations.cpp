@@ -5,6 +5,7 @@
 #include "fs/HXArchive.h"
 #include "fs/HXFileAttributes.h"
 #include "fs/HXFileNames.h"
+#include "fs/HXFileTree.h"
 #include "fs/HXTrash.h"
 #include "fs/HXVolumes.h"
 #include "platform/Platform.h"
@@ -36,136 +37,6 @@ using namespace std::chrono_literals;
 QString errorDescription(int error, const QString &path)
 {
     return QStringLiteral("%1: %2").arg(path, QString::fromLocal8Bit(std::strerror(error)));
-}
-
-// The names in FOLDER in the file system's order, hidden ones included; empty
-// when it cannot be listed.
-QStringList contentsOfDirectory(const QString &folder)
-{
-    QStringList names;
-    DIR *dir = ::opendir(QFile::encodeName(folder).constData());
-    if (dir == nullptr)
-        return names;
-    while (const dirent *entry = ::readdir(dir)) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
-            continue;
-        names.append(QFile::decodeName(entry->d_name));
-    }
-    ::closedir(dir);
-    return names;
-}
-
-// Removes NAME inside the folder PARENT and everything under it, never following
-// a symbolic link. Returns 0 or the errno of the first failure.
-int removeAt(int parent, const char *name)
-{
-    struct stat info {};
-    if (::fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0)
-        return errno;
-    if (!S_ISDIR(info.st_mode))
-        return ::unlinkat(parent, name, 0) == 0 ? 0 : errno;
-    const int fd = ::openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0)
-        return errno;
-    DIR *dir = ::fdopendir(fd);
-    if (dir == nullptr) {
-        const int error = errno;
-        ::close(fd);
-        return error;
-    }
-    int error = 0;
-    while (const dirent *entry = ::readdir(dir)) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
-            continue;
-        if (const int failed = removeAt(fd, entry->d_name); failed != 0 && error == 0)
-            error = failed;
-    }
-    ::closedir(dir);
-    if (error != 0)
-        return error;
-    return ::unlinkat(parent, name, AT_REMOVEDIR) == 0 ? 0 : errno;
-}
-
-int removeItem(const QString &path)
-{
-    const QByteArray name = QFile::encodeName(path);
-    return removeAt(AT_FDCWD, name.constData());
-}
-
-int copyRegularFile(const QByteArray &from, const QByteArray &to, mode_t mode)
-{
-    const int in = ::open(from.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (in < 0)
-        return errno;
-    const int out =
-        ::open(to.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & 07777);
-    if (out < 0) {
-        const int error = errno;
-        ::close(in);
-        return error;
-    }
-    int error = 0;
-    char buffer[64 * 1024];
-    for (;;) {
-        const ssize_t count = ::read(in, buffer, sizeof buffer);
-        if (count < 0) {
-            if (errno == EINTR)
-                continue;
-            error = errno;
-            break;
-        }
-        if (count == 0)
-            break;
-        for (ssize_t done = 0; done < count;) {
-            const ssize_t written = ::write(out, buffer + done, static_cast<size_t>(count - done));
-            if (written < 0) {
-                if (errno == EINTR)
-                    continue;
-                error = errno;
-                break;
-            }
-            done += written;
-        }
-        if (error != 0)
-            break;
-    }
-    ::fchmod(out, mode & 07777);
-    ::close(in);
-    if (::close(out) != 0 && error == 0)
-        error = errno;
-    return error;
-}
-
-// Copies FROM to TO (which must not exist): folders with their contents, links
-// as links, files with their permissions. Returns 0 or the first errno.
-int copyItem(const QString &from, const QString &to)
-{
-    const QByteArray source = QFile::encodeName(from);
-    const QByteArray destination = QFile::encodeName(to);
-    struct stat info {};
-    if (::lstat(source.constData(), &info) != 0)
-        return errno;
-    if (S_ISLNK(info.st_mode)) {
-        QByteArray target(PATH_MAX, '\0');
-        const ssize_t length =
-            ::readlink(source.constData(), target.data(), static_cast<size_t>(target.size()));
-        if (length < 0)
-            return errno;
-        target.truncate(length);
-        return ::symlink(target.constData(), destination.constData()) == 0 ? 0 : errno;
-    }
-    if (S_ISDIR(info.st_mode)) {
-        if (::mkdir(destination.constData(), 0700) != 0)
-            return errno;
-        for (const QString &name : contentsOfDirectory(from))
-            if (const int error = copyItem(from + QLatin1Char('/') + name, to + QLatin1Char('/') + name);
-                error != 0)
-                return error;
-        return ::chmod(destination.constData(), info.st_mode & 07777) == 0 ? 0 : errno;
-    }
-    if (S_ISREG(info.st_mode))
-        return copyRegularFile(source, destination, info.st_mode);
-    return ENOTSUP;
 }
 
 bool pathExists(const QString &path)
@@ -243,7 +114,7 @@ bool trashFile(const QString &path, std::chrono::seconds timeout)
 bool trashDirectoryContents(const QString &path, bool shouldAuth)
 {
     bool all = true;
-    for (const QString &name : contentsOfDirectory(path))
+    for (const QString &name : HXFileTree::entries(path))
         if (!trashFile(HXPath::appendingComponent(path, name), shouldAuth))
             all = false;
     return all;
@@ -253,7 +124,7 @@ QStringList trashFilesOfType(const QString &type, const QString &folder)
 {
     const QString lowered = type.toLower();
     QStringList trashed;
-    for (const QString &name : contentsOfDirectory(folder)) {
+    for (const QString &name : HXFileTree::entries(folder)) {
         const QString path = HXPath::appendingComponent(folder, name);
         if (isDirectoryAtPath(path)) {
             // A package with the extension is searched too, never trashed whole.
@@ -269,7 +140,7 @@ QStringList trashFilesOfType(const QString &type, const QString &folder)
 QStringList trashFilesNamed(const QString &fileName, const QString &folder)
 {
     QStringList trashed;
-    for (const QString &name : contentsOfDirectory(folder)) {
+    for (const QString &name : HXFileTree::entries(folder)) {
         const QString path = HXPath::appendingComponent(folder, name);
         if (isDirectoryAtPath(path)) {
             trashed += trashFilesNamed(fileName, path);
@@ -287,7 +158,7 @@ bool removeFile(const QString &path, bool shouldAuth)
         unlockFile(path);
         if (!fileExistsAtPath(path))
             return true;
-        const int error = removeItem(path);
+        const int error = HXFileTree::remove(path);
         if (error == 0)
             return true;
         // Written whether or not authorizing follows.
@@ -310,7 +181,7 @@ bool isFolderEmpty(const QString &path)
 {
     static const QString kDSStore = QStringLiteral(".DS_Store");
     static const QString kIcon = QStringLiteral("Icon\r");
-    const QStringList names = contentsOfDirectory(path);
+    const QStringList names = HXFileTree::entries(path);
     if (names.isEmpty())
         return true;
     if (names.size() == 1 && (names.first() == kDSStore || names.first() == kIcon))
@@ -388,7 +259,7 @@ bool copyFile(const QString &source, const QString &destination, bool shouldAuth
             return false;
         }
         unlockFile(HXPath::deletingLastComponent(destination));
-        const int error = copyItem(source, destination);
+        const int error = HXFileTree::copy(source, destination);
         if (error == 0)
             return true;
         HXLog::appendLog(u"Error copying file: %@. Authorizing...", errorDescription(error, destination));
@@ -408,7 +279,7 @@ bool copyFile(const QString &source, const QString &destination, std::chrono::se
 
 bool copyContentsOfDirectory(const QString &source, const QString &destination, std::chrono::seconds timeout)
 {
-    for (const QString &name : contentsOfDirectory(source)) {
+    for (const QString &name : HXFileTree::entries(source)) {
         HXLog::fastAppendLog(u"File: %@", name);
         if (!copyFile(HXPath::appendingComponent(source, name), HXPath::appendingComponent(destination, name),
                       timeout))
@@ -434,11 +305,11 @@ int moveItem(const QString &source, const QString &destination)
         return 0;
     if (errno != EXDEV)
         return errno;
-    if (const int error = copyItem(source, destination); error != 0) {
-        removeItem(destination);
+    if (const int error = HXFileTree::copy(source, destination); error != 0) {
+        HXFileTree::remove(destination);
         return error;
     }
-    return removeItem(source);
+    return HXFileTree::remove(source);
 }
 
 }  // namespace

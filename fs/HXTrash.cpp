@@ -1,5 +1,6 @@
 #include "fs/HXTrash.h"
 
+#include "fs/HXFileTree.h"
 #include "system/HXPath.h"
 
 #include <QDir>
@@ -186,6 +187,25 @@ bool openVolumeTrash(TrashFolders &trash, const QString &topdir, uid_t owner, in
     return openFilesAndInfo(trash, own, owner, error);
 }
 
+// Across mounts a rename is refused: the item is copied into the trash and then
+// removed. A failed copy leaves nothing in the trash; a folder removed only in
+// part keeps its complete copy there, so nothing is lost either way.
+int copyThenRemove(const QString &original, const QString &trashed, bool &keepRecord)
+{
+    keepRecord = false;
+    if (const int error = HXFileTree::copy(original, trashed); error != 0) {
+        HXFileTree::remove(trashed);
+        return error;
+    }
+    const int error = HXFileTree::remove(original);
+    if (error == 0)
+        return 0;
+    keepRecord = QFileInfo(original).isDir() && !QFileInfo(original).isSymLink();
+    if (!keepRecord)
+        HXFileTree::remove(trashed);
+    return error;
+}
+
 }  // namespace
 
 namespace HXTrash {
@@ -247,12 +267,12 @@ Outcome moveToTrash(const QString &path, const QString &trashFilesFolder)
         return outcome;
     }
     if (filesInfo.st_dev != item.st_dev) {
-        // Moving between file systems would copy; the volume's own trash keeps it a rename.
+        // Moving between file systems would copy; the volume's own trash keeps it a
+        // rename. Without one the item is copied into the home trash below.
+        TrashFolders volume;
         const QString topdir = mountPointOf(HXPath::deletingLastComponent(original), item.st_dev);
-        if (!openVolumeTrash(trash, topdir, owner, error)) {
-            outcome.error = error;
-            return outcome;
-        }
+        if (openVolumeTrash(volume, topdir, owner, error))
+            trash = std::move(volume);
     }
 
     const QByteArray record = trashInfo(original, QDateTime::currentDateTime());
@@ -286,9 +306,16 @@ Outcome moveToTrash(const QString &path, const QString &trashFilesFolder)
             return outcome;
         }
         if (::renameat(AT_FDCWD, originalName.constData(), trash.files.get(), trashName.constData()) != 0) {
-            outcome.error = errno;
-            ::unlinkat(trash.info.get(), infoName.constData(), 0);
-            return outcome;
+            bool keepRecord = false;
+            outcome.error =
+                errno == EXDEV
+                    ? copyThenRemove(original, trash.root + QStringLiteral("/files/") + candidate, keepRecord)
+                    : errno;
+            if (outcome.error != 0) {
+                if (!keepRecord)
+                    ::unlinkat(trash.info.get(), infoName.constData(), 0);
+                return outcome;
+            }
         }
         // The directorysizes cache is keyed by trash name and checked against the
         // record's time, so a new entry never makes it wrong: it stays untouched.
