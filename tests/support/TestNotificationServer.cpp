@@ -58,7 +58,7 @@ TestNotificationServer::TestNotificationServer(const QString &display, const QSt
     // with activation start a second one.
     for (int attempt = 0; attempt < 300 && m_server.state() == QProcess::Running; ++attempt) {
         const ProcessResult owner = runProcess(
-            {QStringLiteral("dbus-send"), QStringLiteral("--address=") + busAddress,
+            {QStringLiteral("dbus-send"), QStringLiteral("--bus=") + busAddress,
              QStringLiteral("--print-reply=literal"), QStringLiteral("--dest=org.freedesktop.DBus"),
              QStringLiteral("/org/freedesktop/DBus"), QStringLiteral("org.freedesktop.DBus.NameHasOwner"),
              QStringLiteral("string:org.freedesktop.Notifications")});

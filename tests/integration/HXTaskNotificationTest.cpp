@@ -1,0 +1,190 @@
+// Progress reports from a real reporting process (in the sandbox, as the console
+// user) to stand-in client applications, on a session bus of the test's own.
+
+#include "system/HXTaskNotification.h"
+#include "tests/support/Sandbox.h"
+#include "tests/support/TestSessionBus.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusReply>
+#include <QProcess>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <memory>
+
+namespace {
+
+TestSessionBus *bus = nullptr;
+
+const QString kKestrelkit = QString::fromLatin1(HXTaskNotification::kPreferredClientName);
+const QString kMarlin = QString::fromLatin1(HXTaskNotification::kFallbackClientName);
+const QString kEverything =
+    QStringLiteral("incrementRemoteProgress,postFinishedTask,postError,postErrorString,"
+                   "postDisconnect,postErrorForApp,postErrorStringUserInfo");
+const QString kLog = QStringLiteral("/Users/anna/Library/Logs/Lanternfish/taskreporter.1.log");
+
+// A stand-in client owning NAME and implementing METHODS.
+class Client {
+public:
+    Client(const QString &name, const QString &methods) : m_name(name)
+    {
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/taskcallbackclient"), {name, methods});
+        while (!m_process.canReadLine() && m_process.state() != QProcess::NotRunning)
+            m_process.waitForReadyRead(1000);
+    }
+
+    ~Client()
+    {
+        ::kill(static_cast<pid_t>(m_process.processId()), SIGCONT);
+        m_process.kill();
+        m_process.waitForFinished();
+    }
+
+    bool isReady() const { return m_process.state() == QProcess::Running; }
+    void freeze() const { ::kill(static_cast<pid_t>(m_process.processId()), SIGSTOP); }
+
+    // Every message received so far. The reporter has exited and the bus has
+    // queued its messages before this question, so they come first.
+    QStringList received() const
+    {
+        const QDBusMessage call = QDBusMessage::createMethodCall(
+            m_name, QStringLiteral("/"), QStringLiteral("com.lanternfish.test.Recorder"),
+            QStringLiteral("Received"));
+        const QDBusReply<QStringList> reply = QDBusConnection::sessionBus().call(call);
+        EXPECT_TRUE(reply.isValid()) << reply.error().message().toStdString();
+        return reply.value();
+    }
+
+private:
+    QString m_name;
+    QProcess m_process;
+};
+
+class HXTaskNotificationTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        SKIP_WITHOUT_SANDBOX();
+        ASSERT_TRUE(bus != nullptr && bus->isRunning());
+        reporter = box.installTestProgram(QStringLiteral("taskreporter"));
+    }
+
+    // Runs the reporter with REPORTS; returns its output ("<report> <microseconds>").
+    QStringList report(const QStringList &reports)
+    {
+        const ProcessResult result =
+            box.runAsUser(QStringList{reporter} + reports, {bus->environmentEntry()});
+        EXPECT_EQ(result.exitCode, 0) << result.err.constData();
+        return QString::fromUtf8(result.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
+
+    // The reporter's log lines after the header, without their dates.
+    QStringList loggedLines() const
+    {
+        QStringList lines;
+        for (const QString &line :
+             QString::fromUtf8(box.readFile(kLog)).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+            lines.append(line.section(QStringLiteral(" - "), 1));
+        return lines.mid(headerLines);
+    }
+
+    const QStringList allReports{
+        QStringLiteral("progress"), QStringLiteral("finished"), QStringLiteral("error"),
+        QStringLiteral("errorstring=Unable to quit Adobe Premiere Pro application - busy"),
+        QStringLiteral("disconnect")};
+    Sandbox box;
+    QString reporter;
+    int headerLines = 0;
+
+    void measureHeader()
+    {
+        report({});
+        headerLines = static_cast<int>(
+            QString::fromUtf8(box.readFile(kLog)).split(QLatin1Char('\n'), Qt::SkipEmptyParts).size());
+    }
+};
+
+TEST_F(HXTaskNotificationTest, WithoutAClientEveryReportVanishesWithoutALogLine)
+{
+    measureHeader();
+    const QStringList out = report(allReports);
+    EXPECT_EQ(out.size(), allReports.size());
+    for (const QString &line : out)
+        std::printf("no client: %s us\n", qPrintable(line));
+    EXPECT_EQ(loggedLines(), QStringList());
+}
+
+TEST_F(HXTaskNotificationTest, OnlyTheSuiteApplicationHearsWhenBothClientsRunAndGetsTheRicherMessages)
+{
+    Client kestrelkit(kKestrelkit, kEverything);
+    Client marlin(kMarlin, kEverything);
+    ASSERT_TRUE(kestrelkit.isReady() && marlin.isReady());
+    measureHeader();
+    const QStringList out = report(allReports);
+    for (const QString &line : out)
+        std::printf("client: %s us\n", qPrintable(line));
+
+    EXPECT_EQ(
+        kestrelkit.received(),
+        (QStringList{
+            QStringLiteral("incrementRemoteProgress|oneway"),
+            QStringLiteral("postFinishedTask|oneway"),
+            QStringLiteral(
+                "postErrorForApp|oneway|{code=42,description=Something failed,domain=HXTestDomain}|"
+                "taskreporter"),
+            QStringLiteral("postErrorStringUserInfo|oneway|Unable to quit Adobe Premiere Pro application - "
+                           "busy|{appName=taskreporter}"),
+            QStringLiteral("postDisconnect|oneway"),
+        }));
+    EXPECT_EQ(marlin.received(), QStringList());
+    EXPECT_EQ(loggedLines(), QStringList());
+}
+
+TEST_F(HXTaskNotificationTest, AClientWithThePlainMessagesOnlyGetsTheTextAloneAndNothingItLacks)
+{
+    Client marlin(kMarlin, QStringLiteral("postErrorString,postError"));
+    ASSERT_TRUE(marlin.isReady());
+    measureHeader();
+    report(allReports);
+    EXPECT_EQ(
+        marlin.received(),
+        (QStringList{
+            QStringLiteral("postError|oneway|{code=42,description=Something failed,domain=HXTestDomain}"),
+            QStringLiteral("postErrorString|oneway|Unable to quit Adobe Premiere Pro application - busy"),
+        }));
+    EXPECT_EQ(loggedLines(), QStringList());
+}
+
+TEST_F(HXTaskNotificationTest, AClientThatStopsAnsweringCostsOneLogLinePerReport)
+{
+    Client kestrelkit(kKestrelkit, kEverything);
+    ASSERT_TRUE(kestrelkit.isReady());
+    measureHeader();
+    kestrelkit.freeze();
+    report({QStringLiteral("progress"), QStringLiteral("errorstring=lost")});
+    const QStringList lines = loggedLines();
+    ASSERT_EQ(lines.size(), 2) << lines.join(QLatin1Char('\n')).toStdString();
+    EXPECT_TRUE(lines[0].startsWith(
+        QLatin1String("Exception in +[HXTaskNotification postIncrementProgress]. NSPortTimeoutException - ")))
+        << lines[0].toStdString();
+    EXPECT_TRUE(lines[1].startsWith(
+        QLatin1String("Exception in +[HXTaskNotification postTaskErrorString:]. NSPortTimeoutException - ")))
+        << lines[1].toStdString();
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    TestSessionBus sessionBus;
+    sessionBus.useForThisProcess();
+    bus = &sessionBus;
+    QCoreApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
