@@ -3,7 +3,7 @@
 // The administrator right of the platform: a privileged runner (the bundle's
 // "authtool", started through polkit's pkexec on Linux) that executes commands
 // sent by this process alone, over pipes only this process holds. Releasing the
-// last reference ends the runner.
+// last reference ends the runner, and with it the right.
 
 #include <QByteArray>
 #include <QString>
@@ -17,25 +17,38 @@ class AdminAuthorization {
 public:
     // The polkit action the runner is started under.
     static constexpr const char *kActionId = "com.lanternfish.mendwell.authtool";
+    // The runner's first message: it runs with the rights and listens.
+    static constexpr const char *kReadyMessage = "authtool-ready";
 
-    // Starts RUNNER with administrator rights, letting the system ask the user.
-    // None when the user is not authorized, cancelled, or the runner did not
-    // start; STATUS then holds the system's reason (a non-zero code).
+    // Starts RUNNER with administrator rights, letting the system ask the user
+    // (blocks until the user has answered). None when the user is not
+    // authorized, cancelled, or the runner did not start; STATUS then holds the
+    // system's reason (a non-zero code).
     static std::shared_ptr<AdminAuthorization> acquire(const QString &runnerPath, int *status = nullptr);
+
+    // The same from given credentials, without asking anyone. None with STATUS
+    // when the platform takes no credentials from a program (Linux: polkit
+    // authenticates only through its agents).
+    static std::shared_ptr<AdminAuthorization> acquire(const QString &runnerPath, const QString &user,
+                                                       const QString &password, int *status = nullptr);
 
     ~AdminAuthorization();
     AdminAuthorization(const AdminAuthorization &) = delete;
     AdminAuthorization &operator=(const AdminAuthorization &) = delete;
 
     // Sends one request and waits for the runner's reply; none when the runner
-    // has gone (the right is then lost).
+    // has gone (the right is then lost for good).
     std::optional<QByteArray> send(const QByteArray &request);
     bool isValid() const;
 
 private:
-    AdminAuthorization() = default;
+    AdminAuthorization();
     struct Runner;
     std::unique_ptr<Runner> m_runner;
 };
 
-} // namespace platform
+// One length-prefixed message on a pipe; false or none when the pipe has ended.
+bool writeMessage(int fd, const QByteArray &message);
+std::optional<QByteArray> readMessage(int fd);
+
+}  // namespace platform
