@@ -8,7 +8,10 @@
 #include "system/HXPath.h"
 
 #include <QDataStream>
+#include <QFile>
 #include <QIODevice>
+
+#include <sys/stat.h>
 
 #include <memory>
 #include <vector>
@@ -163,7 +166,11 @@ int performFileOperation(const HXPrivilegedRequest &request)
         std::optional<platform::ConfinedPath> base;
         while (true) {
             base = platform::ConfinedPath::openFolder(existing, &error);
-            if (base || existing == QLatin1String("/"))
+            // Only a missing folder is made; anything else in its place (a link
+            // above all) refuses the whole path.
+            struct stat info {};
+            if (base || existing == QLatin1String("/") ||
+                ::lstat(QFile::encodeName(existing).constData(), &info) == 0)
                 break;
             missing.prepend(HXPath::lastComponent(existing));
             existing = HXPath::deletingLastComponent(existing);
