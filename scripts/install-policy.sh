@@ -8,9 +8,11 @@ set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 bundle="${1:-/Applications/Mendwell.app}"
 actions="${2:-/usr/share/polkit-1/actions}"
-policy="$here/../resources/com.lanternfish.mendwell.policy"
+policy="${POLICY:-$here/../resources/com.lanternfish.mendwell.policy}"
 [ -f "$policy" ] || policy="$bundle/Contents/Resources/com.lanternfish.mendwell.policy"
-runner="$(cd "$bundle" && pwd -P)/Contents/MacOS/authtool"
+# The real path: pkexec compares the program it is given with this one.
+[ -d "$bundle" ] && bundle="$(cd "$bundle" && pwd -P)"
+runner="$bundle/Contents/MacOS/authtool"
 mkdir -p "$actions"
 target="$actions/com.lanternfish.mendwell.policy"
 tmp="$(mktemp "$actions/.com.lanternfish.mendwell.policy.XXXXXX")"
