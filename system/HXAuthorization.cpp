@@ -168,7 +168,7 @@ int HXAuthorization::authExecTask(const QString &tool, const QStringList &parame
         return kStatusMissingTool;
     }
     HXPrivilegedRequest request;
-    request.tool = tool;
+    request.tool = absolute(tool);
     request.arguments = parameters;
     request.wait = !async;
     if (platform::isRoot()) {
