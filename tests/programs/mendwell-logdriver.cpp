@@ -74,7 +74,7 @@ int main(int argc, char **argv)
         for (const QString &path : HXLog::availableLogs())
             std::printf("%s\n", qPrintable(path));
     } else if (command == QLatin1String("quit")) {
-        HXLog::fastAppendLog(u"before the application exists");
+        HXLog::sharedController();  // first used before the application exists
         QCoreApplication app(argc, argv);
         HXLog::createNewLog(argument(argc, argv, 2));
         HXLog::finishWriting();
