@@ -2,6 +2,7 @@
 
 #include "platform/FileDates.h"
 #include "system/HXAuthorization.h"
+#include "system/HXPrivilegedRequest.h"
 #include "system/HXTaskEx.h"
 
 #include <QFile>
@@ -10,21 +11,14 @@
 
 namespace HXFileManager {
 
-namespace {
-
-using namespace std::chrono_literals;
-
-const QString kTouchTool = QStringLiteral("/usr/bin/touch");
-
-}  // namespace
-
 bool touchFile(const QString &path, bool setCreationDate)
 {
+    using namespace std::chrono_literals;
     if (path.isEmpty())
         return false;
     bool touched = false;
     if (::access(QFile::encodeName(path).constData(), W_OK) == 0) {
-        HXTaskEx::runTask(kTouchTool, {QStringLiteral("-c"), path}, 5s);
+        HXTaskEx::runTask(HXSystemTools::touch(), {QStringLiteral("-c"), path}, 5s);
         if (setCreationDate)
             platform::setCreationDate(path, QDateTime::currentDateTimeUtc());
         touched = true;
@@ -33,7 +27,7 @@ bool touchFile(const QString &path, bool setCreationDate)
             platform::setCreationDate(path, QDateTime::currentDateTimeUtc());
         // "-h": as administrator, a link is touched itself, never what it points to.
         touched = HXAuthorization::sharedController().authExecTask(
-                      kTouchTool, {QStringLiteral("-c"), QStringLiteral("-h"), path}, false) == 0;
+                      HXSystemTools::touch(), {QStringLiteral("-c"), QStringLiteral("-h"), path}, false) == 0;
     }
     // File browsers here watch their folders themselves; there is nobody to tell
     // that the item changed.
