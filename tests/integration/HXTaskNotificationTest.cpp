@@ -145,18 +145,25 @@ TEST_F(HXTaskNotificationTest, OnlyTheSuiteApplicationHearsWhenBothClientsRunAnd
     EXPECT_EQ(loggedLines(), QStringList());
 }
 
-TEST_F(HXTaskNotificationTest, AClientWithThePlainMessagesOnlyGetsTheTextAloneAndNothingItLacks)
+TEST_F(HXTaskNotificationTest, AClientWithThePlainMessagesOnlyGetsThoseAndNothingItLacks)
 {
-    Client marlin(kMarlin, QStringLiteral("postErrorString,postError"));
-    ASSERT_TRUE(marlin.isReady());
     measureHeader();
-    report(allReports);
-    EXPECT_EQ(
-        marlin.received(),
-        (QStringList{
-            QStringLiteral("postError|oneway|{code=42,description=Something failed,domain=HXTestDomain}"),
-            QStringLiteral("postErrorString|oneway|Unable to quit Adobe Premiere Pro application - busy"),
-        }));
+    {
+        Client marlin(kMarlin, QStringLiteral("postErrorString"));
+        ASSERT_TRUE(marlin.isReady());
+        report(allReports);
+        EXPECT_EQ(marlin.received(),
+                  QStringList{QStringLiteral(
+                      "postErrorString|oneway|Unable to quit Adobe Premiere Pro application - busy")});
+    }
+    {
+        Client marlin(kMarlin, QStringLiteral("postError"));
+        ASSERT_TRUE(marlin.isReady());
+        report(allReports);
+        EXPECT_EQ(marlin.received(),
+                  QStringList{QStringLiteral(
+                      "postError|oneway|{code=42,description=Something failed,domain=HXTestDomain}")});
+    }
     EXPECT_EQ(loggedLines(), QStringList());
 }
 

@@ -15,6 +15,7 @@
 #include <QDBusMessage>
 #include <QDBusVirtualObject>
 #include <QStringList>
+#include <QThread>
 
 #include <cstdio>
 
@@ -112,7 +113,7 @@ private:
     QStringList m_received;
 };
 
-} // namespace
+}  // namespace
 
 int main(int argc, char **argv)
 {
@@ -124,8 +125,16 @@ int main(int argc, char **argv)
     }
     QDBusConnection bus = QDBusConnection::sessionBus();
     Client client(args.at(2).split(QLatin1Char(','), Qt::SkipEmptyParts));
-    if (!bus.registerVirtualObject(QStringLiteral("/"), &client, QDBusConnection::SingleNode) ||
-        !bus.registerService(args.at(1))) {
+    bool registered = bus.registerVirtualObject(QStringLiteral("/"), &client, QDBusConnection::SingleNode);
+    // A client of the same name that just ended may still hold the name for a moment.
+    bool named = false;
+    for (int attempt = 0; registered && !named && attempt < 50; ++attempt) {
+        named = bus.registerService(args.at(1));
+        if (!named)
+            QThread::msleep(100);
+    }
+    registered = registered && named;
+    if (!registered) {
         std::fprintf(stderr, "cannot register: %s\n", qPrintable(bus.lastError().message()));
         return 1;
     }
