@@ -1,0 +1,77 @@
+// Runs one HXFileManager operation from the command line, so tests can run it
+// as a real process in the sandbox as root or as the console user. Prints the
+// result ("YES"/"NO", or one path per line) and exits 0 for YES.
+//   trash PATH [noauth]          remove PATH [noauth]       mkdir PATH [noauth]
+//   move FROM TO [noauth]        copy FROM TO [noauth]
+//   trashtype TYPE FOLDER        trashnamed NAME FOLDER     trashcontents
+//   FOLDER zip FROM TO [noparent]       unzip ZIP FOLDER           trashfolder
+// With the environment variable MENDWELL_TEST_ADMIN=user:password the right is
+// acquired from those credentials before the operation.
+
+#include "diagnostics/HXLog.h"
+#include "fs/HXFileManager.h"
+#include "system/HXAuthorization.h"
+#include "system/HXLocalPaths.h"
+
+#include <QCoreApplication>
+
+#include <cstdio>
+
+namespace {
+
+int report(bool result)
+{
+    std::printf("%s\n", result ? "YES" : "NO");
+    return result ? 0 : 1;
+}
+
+int report(const QStringList &paths)
+{
+    for (const QString &path : paths)
+        std::printf("%s\n", path.toUtf8().constData());
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    const QStringList args = app.arguments().mid(1);
+    if (args.isEmpty())
+        return 2;
+    HXLog::createNewLog(QStringLiteral("mendwell-fileops"));
+    const QString admin = qEnvironmentVariable("MENDWELL_TEST_ADMIN");
+    if (!admin.isEmpty()) {
+        const qsizetype colon = admin.indexOf(QLatin1Char(':'));
+        HXAuthorization::sharedController(false).authStartWithUser(admin.left(colon), admin.mid(colon + 1));
+    }
+    const QString command = args.at(0);
+    auto arg = [&](int index) { return index < args.size() ? args.at(index) : QString(); };
+    const bool auth = !args.contains(QStringLiteral("noauth"));
+    int status = 2;
+    if (command == QLatin1String("trash"))
+        status = report(HXFileManager::trashFile(arg(1), auth));
+    else if (command == QLatin1String("remove"))
+        status = report(HXFileManager::removeFile(arg(1), auth));
+    else if (command == QLatin1String("mkdir"))
+        status = report(HXFileManager::createDirectory(arg(1), auth));
+    else if (command == QLatin1String("move"))
+        status = report(HXFileManager::moveFile(arg(1), arg(2), auth));
+    else if (command == QLatin1String("copy"))
+        status = report(HXFileManager::copyFile(arg(1), arg(2), auth));
+    else if (command == QLatin1String("trashtype"))
+        status = report(HXFileManager::trashFilesOfType(arg(1), arg(2)));
+    else if (command == QLatin1String("trashnamed"))
+        status = report(HXFileManager::trashFilesNamed(arg(1), arg(2)));
+    else if (command == QLatin1String("trashcontents"))
+        status = report(HXFileManager::trashDirectoryContents(arg(1)));
+    else if (command == QLatin1String("zip"))
+        status = report(HXFileManager::compressFile(arg(1), arg(2), arg(3) != QLatin1String("noparent")));
+    else if (command == QLatin1String("unzip"))
+        status = report(HXFileManager::decompressFile(arg(1), arg(2)));
+    else if (command == QLatin1String("trashfolder"))
+        status = report(QStringList{HXLocalPaths::trashDirectory()});
+    HXLog::finishWriting();
+    return status;
+}
