@@ -30,7 +30,8 @@ extern char **environ;
 
 namespace {
 
-// An Xvfb of our own for the life of the test; its display in DISPLAY.
+// An Xvfb of our own for the life of the test; its display in DISPLAY. It ends
+// itself when its last client goes, so even a crashed test leaves none behind.
 class VirtualDisplay {
 public:
     bool start()
@@ -42,8 +43,8 @@ public:
         if (::pipe(fds) != 0)
             return false;
         const QByteArray fd = QByteArray::number(fds[1]);
-        const char *argv[] = {program.constData(), "-displayfd", fd.constData(), "-screen",  "0",
-                              "1024x640x24",       "-nolisten",  "tcp",          "-noreset", nullptr};
+        const char *argv[] = {program.constData(), "-displayfd", fd.constData(), "-screen",    "0",
+                              "1024x640x24",       "-nolisten",  "tcp",          "-terminate", nullptr};
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addclose(&actions, fds[0]);
