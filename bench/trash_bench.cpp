@@ -1,12 +1,15 @@
 // Trashing many small files: HXFileManager::trashFile against trash-put
 // (trash-cli) and gio trash (GLib), each on its own copy of the same tree in the
 // same home trash, in one run. The tools get every file in one call, their
-// fastest use; trashFile is called once per file, as the program calls it.
+// fastest use; trashFile is called once per file, as the program calls it, and
+// runs last.
 //
 //   trash_bench [FILES]      (default 10000)
 //
 // The home trash is the one HXLocalPaths names: run it as a user, or as root with
-// SUDO_USER naming the user. Whatever the run put in that trash is removed again.
+// SUDO_USER naming the user. As root each tool gets a fresh ext4 volume mounted
+// over that home in a private mount namespace; otherwise the run works in the real
+// home and removes from its trash whatever it put there.
 
 #include "fs/HXFileManager.h"
 #include "system/HXLocalPaths.h"
@@ -25,6 +28,7 @@
 #include <functional>
 #include <optional>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -96,6 +100,40 @@ void removeFromTrash(const QString &trashRoot, const QString &tag)
 
 }  // namespace
 
+// A fresh ext4 volume mounted over the home for each tool, inside a private mount
+// namespace: every tool starts from the same, unchurned file system, and nothing
+// of the run reaches the real home.
+class FreshVolume {
+public:
+    bool mount(const QString &home)
+    {
+        struct stat owner {};
+        if (::stat(QFile::encodeName(home).constData(), &owner) != 0)
+            return false;
+        QFile image(m_image.filePath(QStringLiteral("volume.img")));
+        if (!image.open(QIODevice::WriteOnly) || !image.resize(1024LL * 1024 * 1024))
+            return false;
+        image.close();
+        if (QProcess::execute(QStringLiteral("mkfs.ext4"),
+                              {QStringLiteral("-q"), QStringLiteral("-F"), QStringLiteral("-N"),
+                               QStringLiteral("200000"), image.fileName()}) != 0 ||
+            QProcess::execute(QStringLiteral("mount"),
+                              {QStringLiteral("-o"), QStringLiteral("loop"), image.fileName(), home}) != 0)
+            return false;
+        m_home = home;
+        return ::chown(QFile::encodeName(home).constData(), owner.st_uid, owner.st_gid) == 0;
+    }
+    ~FreshVolume()
+    {
+        if (!m_home.isEmpty())
+            QProcess::execute(QStringLiteral("umount"), {m_home});
+    }
+
+private:
+    QTemporaryDir m_image;
+    QString m_home;
+};
+
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
@@ -106,29 +144,32 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "No home trash: run as a user, or as root with SUDO_USER naming one.\n");
         return 1;
     }
+    // As root the run moves into a private mount namespace and uses fresh volumes.
+    const bool fresh = ::geteuid() == 0 &&
+                       !QStandardPaths::findExecutable(QStringLiteral("mkfs.ext4")).isEmpty() &&
+                       !QStandardPaths::findExecutable(QStringLiteral("unshare")).isEmpty();
+    if (fresh && !qEnvironmentVariableIsSet("MENDWELL_TRASH_BENCH_NAMESPACE")) {
+        qputenv("MENDWELL_TRASH_BENCH_NAMESPACE", "1");
+        QProcess inner;
+        inner.setProcessChannelMode(QProcess::ForwardedChannels);
+        inner.start(QStringLiteral("unshare"),
+                    QStringList{QStringLiteral("--mount"), QStringLiteral("--propagation"),
+                                QStringLiteral("private"), QStringLiteral("--"),
+                                QCoreApplication::applicationFilePath()} +
+                        app.arguments().mid(1));
+        return inner.waitForStarted() && inner.waitForFinished(-1) ? inner.exitCode() : 1;
+    }
     const QString trashRoot = HXPath::deletingLastComponent(trashFiles);
     const QString dataHome = HXPath::deletingLastComponent(trashRoot);
     const bool trashExisted = QFileInfo::exists(trashRoot);
-    QDir().mkpath(trashFiles);
-    QDir().mkpath(HXPath::appendingComponent(trashRoot, QStringLiteral("info")));
-
-    // Inside the home, so every tool moves within one file system.
-    QTemporaryDir work(HXPath::appendingComponent(home, QStringLiteral(".mendwell-trash-bench-XXXXXX")));
-    if (!work.isValid()) {
-        std::fprintf(stderr, "Cannot create the work folder in %s.\n", qPrintable(home));
-        return 1;
-    }
-    const QString run = QFileInfo(work.path()).fileName().section(QLatin1Char('-'), -1);
+    const QString run = HXLocalPaths::randomString(8);
 
     struct Contender {
         const char *label;
         QString tag;
         std::function<bool(const Tree &)> trash;
         std::optional<double> seconds;
-        bool available = true;
     };
-    // trashFile: runs last, when the file system has already churned through the
-    // other runs' files, the least favourable place.
     QList<Contender> contenders{
         {"gio trash", QStringLiteral("gio") + run,
          [&](const Tree &tree) {
@@ -148,8 +189,8 @@ int main(int argc, char **argv)
          std::nullopt},
     };
 
-    std::printf("Trashing %d files of 64 bytes (%d per folder) into %s\n", files, kFilesPerFolder,
-                qPrintable(trashRoot));
+    std::printf("Trashing %d files of 64 bytes (%d per folder) into %s%s\n", files, kFilesPerFolder,
+                qPrintable(trashRoot), fresh ? " (a fresh ext4 volume for each tool)" : "");
     int status = 0;
     for (Contender &contender : contenders) {
         const QString program = contender.tag.startsWith(QLatin1String("gio"))  ? QStringLiteral("gio")
@@ -157,14 +198,21 @@ int main(int argc, char **argv)
                                                                                 : QString();
         if (!program.isEmpty() && QStandardPaths::findExecutable(program).isEmpty()) {
             std::printf("%-11s not installed\n", contender.label);
-            contender.available = false;
             continue;
         }
-        const Tree tree = makeTree(work.path(), contender.tag, files);
+        FreshVolume volume;
+        if (fresh && !volume.mount(home)) {
+            std::fprintf(stderr, "Cannot mount a fresh volume over %s.\n", qPrintable(home));
+            return 1;
+        }
+        QDir().mkpath(trashFiles);
+        QDir().mkpath(HXPath::appendingComponent(trashRoot, QStringLiteral("info")));
+        // Inside the home, so every tool moves within one file system.
+        QTemporaryDir work(HXPath::appendingComponent(home, QStringLiteral(".mendwell-trash-bench-XXXXXX")));
+        const Tree tree = work.isValid() ? makeTree(work.path(), contender.tag, files) : Tree{};
         if (tree.files.size() != files) {
             std::fprintf(stderr, "Cannot write the tree for %s.\n", contender.label);
-            status = 1;
-            break;
+            return 1;
         }
         // Nothing is deleted until every tool has run: ext4 passes over recently freed
         // inodes when it allocates, which would slow whoever runs after a clean-up.
@@ -179,11 +227,15 @@ int main(int argc, char **argv)
         }
         std::printf("%-11s %6d files in %8.3f s = %9.0f files/s\n", contender.label, files,
                     *contender.seconds, files / *contender.seconds);
+        if (fresh)
+            work.setAutoRemove(false);
     }
-    for (const Contender &contender : contenders)
-        removeFromTrash(trashRoot, contender.tag);
-    if (!trashExisted)
-        QDir(trashRoot).removeRecursively();
+    if (!fresh) {
+        for (const Contender &contender : contenders)
+            removeFromTrash(trashRoot, contender.tag);
+        if (!trashExisted)
+            QDir(trashRoot).removeRecursively();
+    }
 
     const std::optional<double> ours = contenders.last().seconds;
     for (int i = 0; i + 1 < contenders.size() && ours; ++i)

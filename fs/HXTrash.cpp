@@ -9,6 +9,8 @@
 #include <QUrl>
 
 #include <cerrno>
+#include <memory>
+#include <mutex>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -141,6 +143,7 @@ QString mountPointOf(QString parent, dev_t device)
 
 struct TrashFolders {
     QString root;
+    uid_t owner = 0;
     DirFd files;
     DirFd info;
 };
@@ -185,6 +188,38 @@ bool openVolumeTrash(TrashFolders &trash, const QString &topdir, uid_t owner, in
     }
     trash.root = HXPath::appendingComponent(topdir, QStringLiteral(".Trash-") + QString::fromLatin1(uid));
     return openFilesAndInfo(trash, own, owner, error);
+}
+
+// The home trash's folders, opened once and kept while the path still leads to
+// them: trashing many items then costs a rename and a record each.
+std::shared_ptr<TrashFolders> homeTrash(const QString &root, int &error)
+{
+    static std::mutex mutex;
+    static std::shared_ptr<TrashFolders> cached;
+    const QByteArray files = QFile::encodeName(root + QStringLiteral("/files"));
+    const QByteArray info = QFile::encodeName(root + QStringLiteral("/info"));
+    auto same = [](const DirFd &fd, const QByteArray &path) {
+        struct stat opened {};
+        struct stat named {};
+        return ::fstat(fd.get(), &opened) == 0 && opened.st_nlink > 0 &&
+               ::stat(path.constData(), &named) == 0 && opened.st_dev == named.st_dev &&
+               opened.st_ino == named.st_ino;
+    };
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (cached && cached->root == root && cached->owner == trashOwner(root) &&
+            same(cached->files, files) && same(cached->info, info))
+            return cached;
+    }
+    auto trash = std::make_shared<TrashFolders>();
+    trash->root = root;
+    trash->owner = trashOwner(root);
+    DirFd rootFd = openPath(root, trash->owner, true, error);
+    if (!rootFd.valid() || !openFilesAndInfo(*trash, rootFd, trash->owner, error))
+        return nullptr;
+    const std::lock_guard<std::mutex> lock(mutex);
+    cached = trash;
+    return trash;
 }
 
 // Across mounts a rename is refused: the item is copied into the trash and then
@@ -252,28 +287,29 @@ Outcome moveToTrash(const QString &path, const QString &trashFilesFolder)
         return outcome;
     }
 
-    TrashFolders trash;
-    trash.root = HXPath::deletingLastComponent(QDir::cleanPath(trashFilesFolder));
-    const uid_t owner = trashOwner(trash.root);
     int error = 0;
-    DirFd root = openPath(trash.root, owner, true, error);
-    if (!root.valid() || !openFilesAndInfo(trash, root, owner, error)) {
+    const std::shared_ptr<TrashFolders> home =
+        homeTrash(HXPath::deletingLastComponent(QDir::cleanPath(trashFilesFolder)), error);
+    if (!home) {
         outcome.error = error;
         return outcome;
     }
+    const uid_t owner = home->owner;
+    TrashFolders *trashFolders = home.get();
+    TrashFolders volume;
     struct stat filesInfo {};
-    if (::fstat(trash.files.get(), &filesInfo) != 0) {
+    if (::fstat(home->files.get(), &filesInfo) != 0) {
         outcome.error = errno;
         return outcome;
     }
     if (filesInfo.st_dev != item.st_dev) {
         // Moving between file systems would copy; the volume's own trash keeps it a
         // rename. Without one the item is copied into the home trash below.
-        TrashFolders volume;
         const QString topdir = mountPointOf(HXPath::deletingLastComponent(original), item.st_dev);
         if (openVolumeTrash(volume, topdir, owner, error))
-            trash = std::move(volume);
+            trashFolders = &volume;
     }
+    const TrashFolders &trash = *trashFolders;
 
     const QByteArray record = trashInfo(original, QDateTime::currentDateTime());
     for (int attempt = 1; attempt <= kMaxAttempts; ++attempt) {
