@@ -12,8 +12,6 @@
 #include <mutex>
 #include <optional>
 
-
-
 class HXAppController {
 public:
     // A controller without window, text view or log of its own; initWithoutGUI

@@ -12,7 +12,7 @@ namespace {
 
 const QString kOwnDomain = QStringLiteral("com.lanternfish.Mendwell");
 
-} // namespace
+}  // namespace
 
 HXUserDefaults &HXUserDefaults::standardUserDefaults()
 {

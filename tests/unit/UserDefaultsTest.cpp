@@ -122,4 +122,4 @@ TEST(UserDefaultsValues, StandardDefaultsLiveInTheProcessOwnPreferences)
               HXUserDefaults::ownPreferencesFolder() + QStringLiteral("/com.lanternfish.Mendwell.plist"));
 }
 
-} // namespace
+}  // namespace
