@@ -5,12 +5,9 @@
 //   move FROM TO [noauth]        copy FROM TO [noauth]
 //   trashtype TYPE FOLDER        trashnamed NAME FOLDER     trashcontents
 //   FOLDER zip FROM TO [noparent]       unzip ZIP FOLDER           trashfolder
-// With the environment variable MENDWELL_TEST_ADMIN=user:password the right is
-// acquired from those credentials before the operation.
 
 #include "diagnostics/HXLog.h"
 #include "fs/HXFileManager.h"
-#include "system/HXAuthorization.h"
 #include "system/HXLocalPaths.h"
 
 #include <QCoreApplication>
@@ -41,11 +38,6 @@ int main(int argc, char **argv)
     if (args.isEmpty())
         return 2;
     HXLog::createNewLog(QStringLiteral("mendwell-fileops"));
-    const QString admin = qEnvironmentVariable("MENDWELL_TEST_ADMIN");
-    if (!admin.isEmpty()) {
-        const qsizetype colon = admin.indexOf(QLatin1Char(':'));
-        HXAuthorization::sharedController(false).authStartWithUser(admin.left(colon), admin.mid(colon + 1));
-    }
     const QString command = args.at(0);
     auto arg = [&](int index) { return index < args.size() ? args.at(index) : QString(); };
     const bool auth = !args.contains(QStringLiteral("noauth"));
