@@ -13,6 +13,7 @@
 #include <QFileInfo>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -282,9 +283,10 @@ void HXLog::appendTextToLog(const QString &text)
             return;
         m_bytesInQueue += length;
         m_queue.push_back(std::move(trimmed));
-        // A writer busy with a batch finds the line when it comes back for more;
-        // only an idle one needs waking.
-        wakeWriter = !m_writing;
+        m_queueLength.fetch_add(1, std::memory_order_relaxed);
+        // A writer that is awake finds the line when it looks for more; only a
+        // sleeping one needs waking.
+        wakeWriter = !m_writerAwake;
     }
     if (wakeWriter)
         m_queueChanged.notify_one();
@@ -353,6 +355,7 @@ void HXLog::willTerminate()
             log.m_queueDrained.wait(lock, [&] { return log.pendingOperations() == 0; });
         else
             log.m_queue.clear();
+        log.m_queueLength.store(0, std::memory_order_relaxed);
         log.m_queueOpen = false;
     }
     log.m_queueChanged.notify_all();
@@ -369,14 +372,23 @@ void HXLog::runWriter()
     std::deque<QString> batch;
     for (;;) {
         {
-            std::unique_lock lock(m_queueMutex);
+            std::lock_guard lock(m_queueMutex);
             m_writing = false;
             if (m_queue.empty())
                 m_queueDrained.notify_all();
-            m_queueChanged.wait(lock, [&] { return !m_queue.empty() || !m_queueOpen; });
+        }
+        waitBrieflyForLines();
+        {
+            std::unique_lock lock(m_queueMutex);
+            if (m_queue.empty() && m_queueOpen) {
+                m_writerAwake = false;
+                m_queueChanged.wait(lock, [&] { return !m_queue.empty() || !m_queueOpen; });
+                m_writerAwake = true;
+            }
             if (!m_queueOpen)
                 return;
             batch.swap(m_queue);
+            m_queueLength.store(0, std::memory_order_relaxed);
             m_writing = true;
         }
         // Lines queued while this batch is written (the header after a turnover)
@@ -386,6 +398,18 @@ void HXLog::runWriter()
         batch.clear();
         std::lock_guard fileLock(m_fileMutex);
         flushBuffer();
+    }
+}
+
+void HXLog::waitBrieflyForLines() const
+{
+    // Lines come in bursts. Looking again for a few microseconds before sleeping
+    // spares every caller in a burst the cost of waking the writer.
+    constexpr auto kSpin = std::chrono::microseconds(50);
+    const auto until = std::chrono::steady_clock::now() + kSpin;
+    for (int round = 0; m_queueLength.load(std::memory_order_relaxed) == 0; ++round) {
+        if (round % 64 == 63 && std::chrono::steady_clock::now() >= until)
+            return;
     }
 }
 

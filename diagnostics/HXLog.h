@@ -88,6 +88,7 @@ private:
 
     void observeApplicationEnd();
     void runWriter();
+    void waitBrieflyForLines() const;
     void appendLogOnThread(const QString &text);
     bool createNewLogLocked(const QString &name);
     static void queueHeader();
@@ -104,6 +105,8 @@ private:
     std::condition_variable m_queueDrained;
     std::deque<QString> m_queue;
     bool m_writing = false;
+    bool m_writerAwake = true;
+    std::atomic<std::size_t> m_queueLength{0};
     bool m_queueOpen = true;
     std::thread m_writer;
 
