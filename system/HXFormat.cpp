@@ -66,35 +66,35 @@ QString pad(QString text, const Conversion &conversion)
 
 QString formatNumber(const Conversion &conversion, const HXFormatArg::Value &value)
 {
-    QByteArray spec = "%" + conversion.flags.toLatin1();
+    QByteArray printfFormat = "%" + conversion.flags.toLatin1();
     if (conversion.width >= 0)
-        spec += QByteArray::number(conversion.width);
+        printfFormat += QByteArray::number(conversion.width);
     if (conversion.precision >= 0)
-        spec += "." + QByteArray::number(conversion.precision);
+        printfFormat += "." + QByteArray::number(conversion.precision);
     const char type = conversion.type.toLatin1();
     char buffer[512];
     switch (type) {
     case 'd':
     case 'i':
-        spec += "lld";
-        std::snprintf(buffer, sizeof buffer, spec.constData(), argumentAsSigned(value));
+        printfFormat += "lld";
+        std::snprintf(buffer, sizeof buffer, printfFormat.constData(), argumentAsSigned(value));
         break;
     case 'u':
     case 'o':
     case 'x':
     case 'X':
-        spec += "ll";
-        spec += type;
-        std::snprintf(buffer, sizeof buffer, spec.constData(),
+        printfFormat += "ll";
+        printfFormat += type;
+        std::snprintf(buffer, sizeof buffer, printfFormat.constData(),
                       static_cast<unsigned long long>(argumentAsSigned(value)));
         break;
     case 'c':
-        spec += 'c';
-        std::snprintf(buffer, sizeof buffer, spec.constData(), static_cast<int>(argumentAsSigned(value)));
+        printfFormat += 'c';
+        std::snprintf(buffer, sizeof buffer, printfFormat.constData(), static_cast<int>(argumentAsSigned(value)));
         break;
     default:  // f F e E g G a A
-        spec += type;
-        std::snprintf(buffer, sizeof buffer, spec.constData(), argumentAsDouble(value));
+        printfFormat += type;
+        std::snprintf(buffer, sizeof buffer, printfFormat.constData(), argumentAsDouble(value));
         break;
     }
     return QString::fromLatin1(buffer);
