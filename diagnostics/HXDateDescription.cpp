@@ -1,5 +1,29 @@
 #include "diagnostics/HXDateDescription.h"
 
+namespace {
+
+// The log asks for the date once per line; its text only changes once a second.
+struct CachedDescription {
+    std::time_t second = -1;
+    QString text;
+    QByteArray utf8;
+
+    const CachedDescription &now()
+    {
+        const std::time_t current = std::time(nullptr);
+        if (current != second) {
+            second = current;
+            text = HXDateDescription(current);
+            utf8 = text.toUtf8();
+        }
+        return *this;
+    }
+};
+
+thread_local CachedDescription cache;
+
+}  // namespace
+
 QString HXDateDescription(std::time_t when)
 {
     std::tm parts{};
@@ -11,25 +35,10 @@ QString HXDateDescription(std::time_t when)
 
 const QString &HXCurrentDateDescription()
 {
-    // The log asks for this once per line; the text only changes once a second.
-    thread_local std::time_t cachedSecond = -1;
-    thread_local QString cachedText;
-    const std::time_t now = std::time(nullptr);
-    if (now != cachedSecond) {
-        cachedSecond = now;
-        cachedText = HXDateDescription(now);
-    }
-    return cachedText;
+    return cache.now().text;
 }
 
 const QByteArray &HXCurrentDateDescriptionUtf8()
 {
-    thread_local std::time_t cachedSecond = -1;
-    thread_local QByteArray cachedBytes;
-    const std::time_t now = std::time(nullptr);
-    if (now != cachedSecond) {
-        cachedSecond = now;
-        cachedBytes = HXDateDescription(now).toUtf8();
-    }
-    return cachedBytes;
+    return cache.now().utf8;
 }
