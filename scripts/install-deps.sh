@@ -7,7 +7,7 @@ packages=(
   qt6-base-dev qt6-tools-dev libqt6uitools6 libqt6dbus6 libqt6network6
   libplist-dev libssl-dev libarchive-dev libxkbcommon-dev libsystemd-dev
   libgtest-dev libgmock-dev
-  bubblewrap util-linux passwd dbus dbus-x11 xvfb xauth x11-apps imagemagick
+  bubblewrap util-linux e2fsprogs passwd dbus dbus-x11 xvfb xauth x11-apps imagemagick
   dunst libnotify-bin policykit-1 trash-cli unzip zip libglib2.0-bin
   libspdlog-dev
 )
