@@ -2,6 +2,7 @@
 
 #include "diagnostics/HXLog.h"
 #include "platform/Platform.h"
+#include "system/HXAuthorization.h"
 #include "system/HXBundle.h"
 #include "system/HXFormat.h"
 #include "system/HXMainThread.h"
@@ -15,16 +16,23 @@
 std::unique_ptr<HXAppController> HXAppController::initWithoutGUI()
 {
     std::unique_ptr<HXAppController> controller(new HXAppController());
-    // Crash detection with the program's own settings file and the no-window
-    // authorization object join here as those services are built.
+    // Crash detection with the program's own settings file joins here when it is built.
     HXLog::createNewLog(QStringLiteral("Mendwell.task"));
     controller->m_hasGUI = false;
+    // Without -hotkey the repair must never show a password dialog: fix the
+    // privileged-operations controller in its no-window form before anything
+    // else creates it.
+    if (!platform::processArguments().contains(QStringLiteral("-hotkey")))
+        HXAuthorization::sharedController(false);
     return controller;
 }
 
 void HXAppController::setHasGUI(bool hasGUI)
 {
     m_hasGUI = hasGUI;
+    // Deliberately the no-window form, even when the flag is switched on.
+    if (hasGUI)
+        HXAuthorization::sharedController(false);
 }
 
 void HXAppController::startRepair(bool trashPreferences, bool trashWorkspaces, bool silent)
