@@ -74,25 +74,25 @@ std::optional<HXFinderColor> finderColorForColorIndex(unsigned int index)
     switch (index) {
     case 2:
     case 3:
-        return HXFinderColor{0.0, 0.0, 0.72, 1.0}; // gray
+        return HXFinderColor{0.0, 0.0, 0.72, 1.0};  // gray
     case 4:
     case 5:
-        return HXFinderColor{0.2056, 0.5, 0.85, 1.0}; // green
+        return HXFinderColor{0.2056, 0.5, 0.85, 1.0};  // green
     case 6:
     case 7:
-        return HXFinderColor{0.7917, 0.26, 0.86, 1.0}; // purple
+        return HXFinderColor{0.7917, 0.26, 0.86, 1.0};  // purple
     case 8:
     case 9:
-        return HXFinderColor{0.5789, 0.56, 0.98, 1.0}; // blue
+        return HXFinderColor{0.5789, 0.56, 0.98, 1.0};  // blue
     case 10:
     case 11:
-        return HXFinderColor{0.1388, 0.54, 0.95, 1.0}; // yellow
+        return HXFinderColor{0.1388, 0.54, 0.95, 1.0};  // yellow
     case 12:
     case 13:
-        return HXFinderColor{0.0083, 0.54, 1.0, 1.0}; // red
+        return HXFinderColor{0.0083, 0.54, 1.0, 1.0};  // red
     case 14:
     case 15:
-        return HXFinderColor{0.0888, 0.52, 0.98, 1.0}; // orange
+        return HXFinderColor{0.0888, 0.52, 0.98, 1.0};  // orange
     default:
         return std::nullopt;
     }

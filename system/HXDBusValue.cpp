@@ -106,7 +106,7 @@ QVariant fromArgument(const QDBusArgument &argument)
     }
 }
 
-} // namespace
+}  // namespace
 
 QVariant fromWire(const QVariant &value)
 {
@@ -133,4 +133,4 @@ QVariantMap fromWire(const QVariantMap &dictionary)
     return plain;
 }
 
-} // namespace HXDBusValue
+}  // namespace HXDBusValue

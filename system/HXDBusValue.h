@@ -17,4 +17,4 @@ QVariantMap toWire(const QVariantMap &dictionary);
 QVariant fromWire(const QVariant &value);
 QVariantMap fromWire(const QVariantMap &dictionary);
 
-} // namespace HXDBusValue
+}  // namespace HXDBusValue

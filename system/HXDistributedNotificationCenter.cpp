@@ -26,7 +26,7 @@ private:
     HXDistributedNotificationCenter *m_center;
 };
 
-} // namespace
+}  // namespace
 
 HXDistributedNotificationCenter &HXDistributedNotificationCenter::defaultCenter()
 {

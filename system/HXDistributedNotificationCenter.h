@@ -44,6 +44,6 @@ private:
     bool listenLocked();
 
     std::mutex m_mutex;
-    QObject *m_listener = nullptr; // lives on the main thread, never freed
+    QObject *m_listener = nullptr;  // lives on the main thread, never freed
     HXObserverList m_observers;
 };

@@ -90,7 +90,8 @@ QString formatNumber(const Conversion &conversion, const HXFormatArg::Value &val
         break;
     case 'c':
         printfFormat += 'c';
-        std::snprintf(buffer, sizeof buffer, printfFormat.constData(), static_cast<int>(argumentAsSigned(value)));
+        std::snprintf(buffer, sizeof buffer, printfFormat.constData(),
+                      static_cast<int>(argumentAsSigned(value)));
         break;
     default:  // f F e E g G a A
         printfFormat += type;

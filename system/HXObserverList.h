@@ -29,7 +29,7 @@ private:
         ObserverId id = 0;
         QString name;
         HXNotificationObserver observer;
-        bool removed = false; // guarded by m_mutex
+        bool removed = false;  // guarded by m_mutex
     };
 
     mutable std::mutex m_mutex;

@@ -11,7 +11,7 @@ const QString kBusInterface = QStringLiteral("org.freedesktop.DBus");
 // Questions to the bus daemon itself; it answers at once unless it is wedged.
 constexpr int kBusTimeoutMs = 5000;
 
-} // namespace
+}  // namespace
 
 namespace HXSessionBus {
 
@@ -44,4 +44,4 @@ bool flush()
     return bus.call(call, QDBus::Block, kBusTimeoutMs).type() == QDBusMessage::ReplyMessage;
 }
 
-} // namespace HXSessionBus
+}  // namespace HXSessionBus

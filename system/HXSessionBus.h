@@ -21,4 +21,4 @@ bool nameHasOwner(const QString &name);
 // the sender does next. False when the bus did not answer.
 bool flush();
 
-} // namespace HXSessionBus
+}  // namespace HXSessionBus

@@ -129,7 +129,7 @@ template <typename Body> void report(const char *method, Body body)
     }
 }
 
-} // namespace
+}  // namespace
 
 QString HXTaskNotification::processName()
 {

@@ -35,7 +35,7 @@ struct NotificationImage {
     QByteArray data;
 };
 
-} // namespace
+}  // namespace
 
 Q_DECLARE_METATYPE(NotificationImage)
 
@@ -70,7 +70,7 @@ NotificationImage imageData(const QImage &icon)
     return image;
 }
 
-} // namespace
+}  // namespace
 
 HXGrowl::HXGrowl()
 {
@@ -162,7 +162,7 @@ void HXGrowl::post(const QString &title, const QString &description, const QImag
     if (!bus.isConnected())
         return;
     QVariantMap hints{
-        {QStringLiteral("urgency"), QVariant::fromValue<uchar>(1)}, // priority 0: normal
+        {QStringLiteral("urgency"), QVariant::fromValue<uchar>(1)},  // priority 0: normal
         {QStringLiteral("category"),
          notificationName.isEmpty() ? QString::fromLatin1(kDefaultNotificationName) : notificationName},
     };
@@ -174,7 +174,8 @@ void HXGrowl::post(const QString &title, const QString &description, const QImag
 
     QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kInterface, QStringLiteral("Notify"));
     call << applicationNameForGrowl() << 0u << appIcon << title << description
-         << QStringList{kDefaultAction, QString()} << hints << -1; // -1: the server's own expiry (not sticky)
+         << QStringList{kDefaultAction, QString()} << hints
+         << -1;  // -1: the server's own expiry (not sticky)
 
     // Held across the call so that a click arriving at once on the main thread
     // waits until the notice's click context is known.
