@@ -1,3 +1,4 @@
+#include "tests/support/TestFiles.h"
 #include "tests/support/PolkitNamespace.h"
 
 #include <QDir>
@@ -26,20 +27,6 @@ bool chownTo(const QString &path, const char *user)
 {
     const passwd *entry = getpwnam(user);
     return entry && ::lchown(QFile::encodeName(path).constData(), entry->pw_uid, entry->pw_gid) == 0;
-}
-
-bool copyTree(const QString &from, const QString &to)
-{
-    if (QFileInfo(from).isDir()) {
-        if (!QDir().mkpath(to))
-            return false;
-        for (const QString &name :
-             QDir(from).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden))
-            if (!copyTree(from + QLatin1Char('/') + name, to + QLatin1Char('/') + name))
-                return false;
-        return true;
-    }
-    return QFile::copy(from, to);
 }
 
 // Registers pkttyagent for this very process, waits until it is registered, then

@@ -1,4 +1,5 @@
 #include "tests/support/Sandbox.h"
+#include "tests/support/TestFiles.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -36,21 +37,6 @@ bool chownTree(const QString &path, const Account &account)
         if (::lchown(QFile::encodeName(it.next()).constData(), account.uid, account.gid) != 0)
             return false;
     return true;
-}
-
-bool copyTree(const QString &from, const QString &to)
-{
-    const QFileInfo info(from);
-    if (info.isDir()) {
-        if (!QDir().mkpath(to))
-            return false;
-        for (const QString &name :
-             QDir(from).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden))
-            if (!copyTree(from + QLatin1Char('/') + name, to + QLatin1Char('/') + name))
-                return false;
-        return true;
-    }
-    return QFile::copy(from, to);
 }
 
 }  // namespace
