@@ -1,5 +1,5 @@
-#include "tests/support/TestFiles.h"
 #include "tests/support/PolkitNamespace.h"
+#include "tests/support/TestFiles.h"
 
 #include <QDir>
 #include <QFile>
