@@ -6,7 +6,7 @@
 #include "system/HXLocalPaths.h"
 #include "system/HXMainThread.h"
 #include "system/HXPath.h"
-#include "system/PropertyList.h"
+#include "system/HXUserDefaults.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -44,9 +44,10 @@ QByteArray cString(const QString &text)
 
 bool loggingDisabledByPreference()
 {
-    const QString file = HXPath::appendingComponent(HXLocalPaths::prefsDirectory(true),
-                                                    QStringLiteral("com.lanternfish.global.plist"));
-    const QVariant value = PropertyList::readDictionary(file).value(QStringLiteral("disable-logging"));
+    const QVariant value = HXUserDefaults::valueForKey(QStringLiteral("disable-logging"),
+                                                       QStringLiteral("com.lanternfish.global"))
+                               .value_or(QVariant());
+    // Stricter than the usual truth values: only "1", true or the number 1.
     if (value.typeId() == QMetaType::QString)
         return value.toString() == QLatin1String("1");
     if (value.typeId() == QMetaType::Bool)
