@@ -7,6 +7,7 @@
 #include <QStringDecoder>
 
 #include <cerrno>
+#include <optional>
 #include <poll.h>
 #include <thread>
 #include <unistd.h>
@@ -38,33 +39,13 @@ void reportNotExecutable(const QString &path)
     HXLog::appendLogAndPrint(u"Error: %@ is not executable", path);
 }
 
-bool runAndWait(const QString &path, const QStringList &arguments, const TaskStore &store)
+// Runs the tool to its end with its output discarded: its exit status, or none
+// when it could not be run.
+std::optional<int> runToEnd(const QString &path, const QStringList &arguments, const TaskStore &store)
 {
     if (path.isEmpty() || !isRunnable(path)) {
         reportNotExecutable(path);
-        return false;
-    }
-    try {
-        auto task = std::make_shared<platform::ChildProcess>(path, arguments);
-        task->setStandardOutput(platform::ChildProcess::Stream::Null);
-        task->setStandardError(platform::ChildProcess::Stream::Null);
-        store(task);
-        QString error;
-        if (!task->launch(&error))
-            throw HXException(QStringLiteral("NSInvalidArgumentException"), error);
-        task->waitUntilExit();
-        return true;
-    } catch (const std::exception &e) {
-        HXLog::appendLog(u"Exception running task %@: %@", path, HXException::reasonOf(e));
-        return false;
-    }
-}
-
-int terminationCode(const QString &path, const QStringList &arguments, const TaskStore &store)
-{
-    if (path.isEmpty() || !isRunnable(path)) {
-        reportNotExecutable(path);
-        return -1;
+        return std::nullopt;
     }
     try {
         auto task = std::make_shared<platform::ChildProcess>(path, arguments);
@@ -79,8 +60,18 @@ int terminationCode(const QString &path, const QStringList &arguments, const Tas
         return task->terminationStatus().value_or(-1);
     } catch (const std::exception &e) {
         HXLog::appendLog(u"Exception running task %@: %@", path, HXException::reasonOf(e));
-        return -1;
+        return std::nullopt;
     }
+}
+
+bool runAndWait(const QString &path, const QStringList &arguments, const TaskStore &store)
+{
+    return runToEnd(path, arguments, store).has_value();
+}
+
+int terminationCode(const QString &path, const QStringList &arguments, const TaskStore &store)
+{
+    return runToEnd(path, arguments, store).value_or(-1);
 }
 
 // Reads standard output and standard error together until both end, so a child
