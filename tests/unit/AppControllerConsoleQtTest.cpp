@@ -1,8 +1,8 @@
 #include "app/HXAppController.h"
 #include "system/HXMainThread.h"
+#include "tests/support/StderrCapture.h"
 
 #include <QApplication>
-#include <QTemporaryFile>
 #include <QTest>
 #include <QTextBlock>
 #include <QTextCursor>
@@ -12,42 +12,7 @@
 #include <atomic>
 #include <thread>
 
-#include <unistd.h>
-
 namespace {
-
-// Standard error redirected into a temporary file while alive.
-class StderrCapture {
-public:
-    StderrCapture()
-    {
-        m_file.open();
-        std::fflush(stderr);
-        m_saved = ::dup(STDERR_FILENO);
-        ::dup2(m_file.handle(), STDERR_FILENO);
-    }
-    ~StderrCapture() { restore(); }
-    QString text()
-    {
-        restore();
-        m_file.seek(0);
-        return QString::fromUtf8(m_file.readAll());
-    }
-
-private:
-    void restore()
-    {
-        if (m_saved < 0)
-            return;
-        std::fflush(stderr);
-        ::dup2(m_saved, STDERR_FILENO);
-        ::close(m_saved);
-        m_saved = -1;
-    }
-
-    QTemporaryFile m_file;
-    int m_saved = -1;
-};
 
 struct Style {
     QColor colour;

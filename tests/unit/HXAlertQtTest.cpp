@@ -1,6 +1,7 @@
 #include "system/HXUserDefaults.h"
 #include "system/PropertyList.h"
 #include "ui/HXAlert.h"
+#include "tests/support/StderrCapture.h"
 
 #include <QApplication>
 #include <QCheckBox>
@@ -9,15 +10,12 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTemporaryDir>
-#include <QTemporaryFile>
 #include <QTest>
 #include <QTimer>
 
 #include <atomic>
 #include <functional>
 #include <thread>
-
-#include <unistd.h>
 
 using namespace std::chrono_literals;
 
@@ -91,34 +89,6 @@ private:
     std::atomic<bool> m_done{false};
     std::atomic<qint64> m_result{-100};
     std::thread m_thread;
-};
-
-// Standard error redirected into a temporary file while alive.
-class StderrCapture {
-public:
-    StderrCapture()
-    {
-        m_file.open();
-        std::fflush(stderr);
-        m_saved = ::dup(STDERR_FILENO);
-        ::dup2(m_file.handle(), STDERR_FILENO);
-    }
-    ~StderrCapture() { text(); }
-    QString text()
-    {
-        if (m_saved >= 0) {
-            std::fflush(stderr);
-            ::dup2(m_saved, STDERR_FILENO);
-            ::close(m_saved);
-            m_saved = -1;
-        }
-        m_file.seek(0);
-        return QString::fromUtf8(m_file.readAll());
-    }
-
-private:
-    QTemporaryFile m_file;
-    int m_saved = -1;
 };
 
 }  // namespace
