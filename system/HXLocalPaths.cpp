@@ -16,6 +16,27 @@ QString processHome()
     return platform::homeDirectoryOfUser(platform::processUserName()).value_or(QString());
 }
 
+// The homes a user-domain folder is computed from, looked up once: the process's
+// own and, as root, the console user's (whose home the folders are moved into).
+struct Homes {
+    QString process = processHome();
+    QString user = platform::isRoot() ? HXLocalPaths::userDirectory() : process;
+};
+
+QString userDomainPath(HXDirectory kind, const Homes &homes)
+{
+    const QString entry =
+        HXLocalPaths::searchPathEntry(kind, homes.process.isEmpty() ? QStringLiteral("/") : homes.process);
+    if (entry.isEmpty() || !platform::isRoot())
+        return entry;
+    return HXLocalPaths::rebaseIntoConsoleHome(entry, homes.process, homes.user);
+}
+
+QString inFolder(const QString &folder, const char *name)
+{
+    return folder.isEmpty() ? QString() : HXPath::appendingComponent(folder, QString::fromUtf8(name));
+}
+
 }  // namespace
 
 QString HXLocalPaths::searchPathEntry(HXDirectory kind, const QString &home)
@@ -66,11 +87,7 @@ QString HXLocalPaths::pathForDirectory(HXDirectory kind, bool userDomain)
 {
     if (!userDomain)
         return searchPathEntry(kind, QString());
-    const QString home = processHome();
-    const QString entry = searchPathEntry(kind, home.isEmpty() ? QStringLiteral("/") : home);
-    if (entry.isEmpty() || !platform::isRoot())
-        return entry;
-    return rebaseIntoConsoleHome(entry, home, userDirectory());
+    return userDomainPath(kind, Homes());
 }
 
 QString HXLocalPaths::applicationDirectory(bool user)
@@ -95,8 +112,7 @@ QString HXLocalPaths::libraryDirectory(bool user)
 
 QString HXLocalPaths::prefsDirectory(bool user)
 {
-    const QString library = libraryDirectory(user);
-    return library.isEmpty() ? QString() : HXPath::appendingComponent(library, QStringLiteral("Preferences"));
+    return inFolder(libraryDirectory(user), "Preferences");
 }
 
 QString HXLocalPaths::cacheDirectory(bool user)
@@ -200,23 +216,28 @@ bool HXLocalPaths::isPathSystemDirectory(const QString &path, bool exactMatch)
     if (compared.endsWith(QLatin1Char('/')))
         compared.chop(2);
 
+    // The same folders the operations of this class name, with the homes looked
+    // up once for the whole check.
+    const Homes homes;
+    const QString userLibrary = userDomainPath(HXDirectory::Library, homes);
+    const QString localLibrary = searchPathEntry(HXDirectory::Library, QString());
     const std::array<QString, 20> protectedFolders = {
-        applicationDirectory(true),
-        applicationDirectory(false),
-        adminApplicationDirectory(true),
-        adminApplicationDirectory(false),
-        documentDirectory(true),
-        documentDirectory(false),
-        libraryDirectory(true),
-        libraryDirectory(false),
-        prefsDirectory(true),
-        prefsDirectory(false),
-        cacheDirectory(true),
-        cacheDirectory(false),
-        appSupportDirectory(true),
-        appSupportDirectory(false),
-        desktopDirectory(),
-        userDirectory(),
+        userDomainPath(HXDirectory::Applications, homes),
+        searchPathEntry(HXDirectory::Applications, QString()),
+        userDomainPath(HXDirectory::AdminApplications, homes),
+        searchPathEntry(HXDirectory::AdminApplications, QString()),
+        userDomainPath(HXDirectory::Documents, homes),
+        searchPathEntry(HXDirectory::Documents, QString()),
+        userLibrary,
+        localLibrary,
+        inFolder(userLibrary, "Preferences"),
+        inFolder(localLibrary, "Preferences"),
+        userDomainPath(HXDirectory::Caches, homes),
+        searchPathEntry(HXDirectory::Caches, QString()),
+        userDomainPath(HXDirectory::ApplicationSupport, homes),
+        searchPathEntry(HXDirectory::ApplicationSupport, QString()),
+        userDomainPath(HXDirectory::Desktop, homes),
+        homes.user,
         systemLibraryDirectory(),
         localDocumentationDirectory(),
         QStringLiteral("/Users/Shared"),
