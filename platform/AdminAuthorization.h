@@ -19,6 +19,9 @@ public:
     static constexpr const char *kActionId = "com.lanternfish.mendwell.authtool";
     // The runner's first message: it runs with the rights and listens.
     static constexpr const char *kReadyMessage = "authtool-ready";
+    // The status of credentials that were refused (wrong password, or not an
+    // administrator); any other failure has a status of its own.
+    static constexpr int kStatusDenied = -60005;
 
     // Starts RUNNER with administrator rights, letting the system ask the user
     // (blocks until the user has answered). None when the user is not
@@ -26,9 +29,9 @@ public:
     // system's reason (a non-zero code).
     static std::shared_ptr<AdminAuthorization> acquire(const QString &runnerPath, int *status = nullptr);
 
-    // The same from given credentials, without asking anyone. None with STATUS
-    // when the platform takes no credentials from a program (Linux: polkit
-    // authenticates only through its agents).
+    // The same from given credentials, without asking anyone or showing a
+    // dialog. None with STATUS kStatusDenied when the credentials were refused,
+    // another non-zero STATUS when the check could not be made.
     static std::shared_ptr<AdminAuthorization> acquire(const QString &runnerPath, const QString &user,
                                                        const QString &password, int *status = nullptr);
 

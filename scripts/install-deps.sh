@@ -4,8 +4,9 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config clang-format
-  qt6-base-dev qt6-tools-dev libqt6uitools6 libqt6dbus6 libqt6network6
+  qt6-base-dev qt6-tools-dev libqt6opengl6-dev libqt6uitools6 libqt6dbus6 libqt6network6
   libplist-dev libssl-dev libarchive-dev libxkbcommon-dev libsystemd-dev
+  libpolkit-agent-1-dev libpolkit-gobject-1-dev
   libgtest-dev libgmock-dev
   bubblewrap util-linux e2fsprogs passwd dbus dbus-x11 xvfb xauth x11-apps imagemagick
   dunst libnotify-bin policykit-1 trash-cli unzip zip libglib2.0-bin

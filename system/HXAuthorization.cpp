@@ -115,11 +115,16 @@ bool HXAuthorization::authStartWithUser(const QString &user, const QString &pass
         return false;
     int status = 0;
     m_authRef = platform::AdminAuthorization::acquire(runnerPath(), user, password, &status);
-    if (!m_authRef) {
+    if (m_authRef)
+        return true;
+    if (status == platform::AdminAuthorization::kStatusDenied) {
+        const QString failed = QStringLiteral("Authorization failed. Invalid username or password");
+        platform::systemLog(failed);
+        HXLog::appendLog(failed);
+    } else {
         platform::systemLog(HXFormat(u"Unable to create authRef - error %d", status));
-        return false;
     }
-    return true;
+    return false;
 }
 
 void HXAuthorization::authEnd()
