@@ -3,6 +3,7 @@
 #include "diagnostics/HXLog.h"
 #include "platform/ExtendedAttributes.h"
 #include "platform/FileFlags.h"
+#include "platform/Folder.h"
 #include "platform/Platform.h"
 #include "system/HXFormat.h"
 
@@ -74,29 +75,29 @@ std::uint64_t sizeBelow(const QByteArray &path, std::vector<FolderIdentity> &ope
     return static_cast<std::uint64_t>(own.st_size);
 }
 
-bool isRealFolder(const QByteArray &path)
-{
-    struct stat info {};
-    return ::lstat(path.constData(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
 void setLocked(const QString &path, bool locked)
 {
     if (const int error = platform::setImmutable(path, locked))
         HXLog::fastAppendLog(u"Unable to unlock file %@: %@", path, qt_error_string(error));
 }
 
+// Every entry below the opened FOLDER (known as PATH), but no folder itself.
+// Never through a link: as root that would reach outside the folder.
+void setFolderLocked(const platform::Folder &folder, const QString &path, bool locked)
+{
+    for (const QString &name : folder.entries()) {
+        const QString child = path + QLatin1Char('/') + name;
+        if (const std::optional<platform::Folder> subfolder = folder.realFolder(name))
+            setFolderLocked(*subfolder, child, locked);
+        else if (const int error = folder.setImmutable(name, locked))
+            HXLog::fastAppendLog(u"Unable to unlock file %@: %@", child, qt_error_string(error));
+    }
+}
+
 void setFolderLocked(const QString &folder, bool locked)
 {
-    const QByteArray encoded = QFile::encodeName(folder);
-    for (const QByteArray &name : entryNames(encoded)) {
-        const QByteArray child = childPath(encoded, name.constData());
-        // Never through a link: as root that would reach outside the folder.
-        if (isRealFolder(child))
-            setFolderLocked(QFile::decodeName(child), locked);
-        else
-            setLocked(QFile::decodeName(child), locked);
-    }
+    if (const std::optional<platform::Folder> opened = platform::Folder::open(folder))
+        setFolderLocked(*opened, folder.endsWith(QLatin1Char('/')) ? folder.chopped(1) : folder, locked);
 }
 
 }  // namespace
@@ -145,8 +146,12 @@ void unlockFolder(const QString &folder)
 
 void setPosixPermissions(unsigned long permissions, const QString &path)
 {
-    if (::chmod(QFile::encodeName(path).constData(), static_cast<mode_t>(permissions & 07777)) != 0)
-        HXLog::appendLog(u"Error setting permissions for file %@: %@", path, qt_error_string(errno));
+    int error = 0;
+    const std::optional<platform::Item> item = platform::Item::open(path, &error);
+    if (item)
+        error = item->folder.setMode(item->name, static_cast<mode_t>(permissions & 07777));
+    if (error != 0)
+        HXLog::appendLog(u"Error setting permissions for file %@: %@", path, qt_error_string(error));
 }
 
 void disableFileSystemCachingForFile(const QString &path)

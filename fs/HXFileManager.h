@@ -10,6 +10,5 @@
 #include "fs/HXFileOperations.h"
 #include "fs/HXFileWaits.h"
 #include "fs/HXFinderLabels.h"
-#include "fs/HXTrash.h"
 #include "fs/HXVolumes.h"
 #include "fs/HXWildcardPaths.h"

@@ -5,10 +5,10 @@
 #include "fs/HXArchive.h"
 #include "fs/HXFileAttributes.h"
 #include "fs/HXFileNames.h"
-#include "fs/HXFileTree.h"
-#include "fs/HXTrash.h"
 #include "fs/HXVolumes.h"
+#include "platform/Folder.h"
 #include "platform/Platform.h"
+#include "platform/Trash.h"
 #include "platform/Workspace.h"
 #include "system/HXAuthorization.h"
 #include "system/HXLocalPaths.h"
@@ -37,6 +37,13 @@ using namespace std::chrono_literals;
 QString errorDescription(int error, const QString &path)
 {
     return QStringLiteral("%1: %2").arg(path, QString::fromLocal8Bit(std::strerror(error)));
+}
+
+// The names in FOLDER in the file system's order; none when it cannot be opened.
+QStringList entriesOf(const QString &folder)
+{
+    const std::optional<platform::Folder> opened = platform::Folder::open(folder);
+    return opened ? opened->entries() : QStringList();
 }
 
 bool pathExists(const QString &path)
@@ -89,13 +96,62 @@ bool isSymbolicLinkAtPath(const QString &path)
     return !path.isEmpty() && ::readlink(QFile::encodeName(path).constData(), target, sizeof target) >= 0;
 }
 
+namespace {
+
+// trashFile of the entry NAME of the opened FOLDER, known as PATH.
+bool trashEntry(const platform::Folder &folder, const QString &name, const QString &path)
+{
+    if (const int error = folder.setImmutable(name, false))
+        HXLog::fastAppendLog(u"Unable to unlock file %@: %@", path, qt_error_string(error));
+    if (!folder.contains(name))
+        return true;
+    std::optional<platform::Folder> parent = folder.duplicate();
+    if (parent && platform::trash::moveToTrash(platform::Item{std::move(*parent), name}, path,
+                                               HXLocalPaths::trashDirectory())
+                      .trashed)
+        return true;
+    return HXAuthorization::sharedController().authTrashFile(path);
+}
+
+// Trashes, below the opened FOLDER (known as PATH), every file MATCHES accepts.
+// Folders, and links root or we made to folders, are searched; a link anyone
+// else made is never followed.
+void trashMatching(const platform::Folder &folder, const QString &path,
+                   const std::function<bool(const QString &)> &matches, QStringList &trashed)
+{
+    for (const QString &name : folder.entries()) {
+        const QString entry = HXPath::appendingComponent(path, name);
+        if (const std::optional<platform::Folder> subfolder = folder.folder(name)) {
+            // A package with the extension is searched too, never trashed whole.
+            trashMatching(*subfolder, entry, matches, trashed);
+        } else if (matches(name)) {
+            trashEntry(folder, name, entry);
+            trashed.append(entry);
+        }
+    }
+}
+
+QStringList trashMatching(const QString &folder, const std::function<bool(const QString &)> &matches)
+{
+    QStringList trashed;
+    try {
+        if (const std::optional<platform::Folder> opened = platform::Folder::open(folder))
+            trashMatching(*opened, folder, matches, trashed);
+    } catch (const std::exception &e) {
+        HXException::logException(e, "+[HXFileManager trashFilesInFolder:]");
+    }
+    return trashed;
+}
+
+}  // namespace
+
 bool trashFile(const QString &path, bool shouldAuth)
 {
     try {
         unlockFile(path);
         if (!fileExistsAtPath(path))
             return true;
-        if (HXTrash::moveToTrash(path, HXLocalPaths::trashDirectory()).trashed)
+        if (platform::trash::moveToTrash(path, HXLocalPaths::trashDirectory()).trashed)
             return true;
         return shouldAuth && HXAuthorization::sharedController().authTrashFile(path);
     } catch (const std::exception &e) {
@@ -114,7 +170,7 @@ bool trashFile(const QString &path, std::chrono::seconds timeout)
 bool trashDirectoryContents(const QString &path, bool shouldAuth)
 {
     bool all = true;
-    for (const QString &name : HXFileTree::entries(path))
+    for (const QString &name : entriesOf(path))
         if (!trashFile(HXPath::appendingComponent(path, name), shouldAuth))
             all = false;
     return all;
@@ -123,34 +179,26 @@ bool trashDirectoryContents(const QString &path, bool shouldAuth)
 QStringList trashFilesOfType(const QString &type, const QString &folder)
 {
     const QString lowered = type.toLower();
-    QStringList trashed;
-    for (const QString &name : HXFileTree::entries(folder)) {
-        const QString path = HXPath::appendingComponent(folder, name);
-        if (isDirectoryAtPath(path)) {
-            // A package with the extension is searched too, never trashed whole.
-            trashed += trashFilesOfType(lowered, path);
-        } else if (HXPath::extension(name).toLower() == lowered) {
-            trashFile(path);
-            trashed.append(path);
-        }
-    }
-    return trashed;
+    return trashMatching(
+        folder, [&lowered](const QString &name) { return HXPath::extension(name).toLower() == lowered; });
 }
 
 QStringList trashFilesNamed(const QString &fileName, const QString &folder)
 {
-    QStringList trashed;
-    for (const QString &name : HXFileTree::entries(folder)) {
-        const QString path = HXPath::appendingComponent(folder, name);
-        if (isDirectoryAtPath(path)) {
-            trashed += trashFilesNamed(fileName, path);
-        } else if (name == fileName) {
-            trashFile(path);
-            trashed.append(path);
-        }
-    }
-    return trashed;
+    return trashMatching(folder, [&fileName](const QString &name) { return name == fileName; });
 }
+
+namespace {
+
+// Removes PATH (the item itself, never through a link). Returns 0 or the errno.
+int removeItem(const QString &path)
+{
+    int error = 0;
+    const std::optional<platform::Item> item = platform::Item::open(path, &error);
+    return item ? item->folder.removeTree(item->name) : error;
+}
+
+}  // namespace
 
 bool removeFile(const QString &path, bool shouldAuth)
 {
@@ -158,7 +206,7 @@ bool removeFile(const QString &path, bool shouldAuth)
         unlockFile(path);
         if (!fileExistsAtPath(path))
             return true;
-        const int error = HXFileTree::remove(path);
+        const int error = removeItem(path);
         if (error == 0)
             return true;
         // Written whether or not authorizing follows.
@@ -181,7 +229,7 @@ bool isFolderEmpty(const QString &path)
 {
     static const QString kDSStore = QStringLiteral(".DS_Store");
     static const QString kIcon = QStringLiteral("Icon\r");
-    const QStringList names = HXFileTree::entries(path);
+    const QStringList names = entriesOf(path);
     if (names.isEmpty())
         return true;
     if (names.size() == 1 && (names.first() == kDSStore || names.first() == kIcon))
@@ -208,18 +256,8 @@ bool createDirectory(const QString &path, bool shouldAuth)
             platform::systemLog(QStringLiteral("Unable to create directory. Drive is not mounted."));
             return false;
         }
-        int error = 0;
-        QString built = path.startsWith(QLatin1Char('/')) ? QStringLiteral("/") : QString();
-        for (const QString &component : path.split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
-            built = HXPath::appendingComponent(built, component);
-            if (::mkdir(QFile::encodeName(built).constData(), 0777) != 0 && errno != EEXIST) {
-                error = errno;
-                break;
-            }
-        }
-        if (error == 0 && !isDirectoryAtPath(path))
-            error = path.isEmpty() ? ENOENT : ENOTDIR;
-        if (error == 0)
+        int error = path.isEmpty() ? ENOENT : 0;
+        if (error == 0 && platform::Folder::openMakingPath(path, 0777, std::nullopt, &error))
             return true;
         HXLog::appendLog(u"Error creating folder: %@. Authorizing...", errorDescription(error, path));
         return shouldAuth && HXAuthorization::sharedController().authCreateDir(path);
@@ -247,6 +285,27 @@ QString createDirectoryStructure(const QString &source, const QString &destinati
     return result;
 }
 
+namespace {
+
+// Copies SOURCE to DESTINATION, which must not exist, never through a link on
+// either side. A copy that fails half-way is removed. Returns 0 or the errno.
+int copyItem(const QString &source, const QString &destination)
+{
+    int error = 0;
+    const std::optional<platform::Item> from = platform::Item::open(source, &error);
+    const std::optional<platform::Item> to = from ? platform::Item::open(destination, &error) : std::nullopt;
+    if (!to)
+        return error;
+    if (to->exists())
+        return EEXIST;
+    error = from->folder.copyTree(from->name, to->folder, to->name);
+    if (error != 0 && error != EEXIST)
+        to->folder.removeTree(to->name);
+    return error;
+}
+
+}  // namespace
+
 bool copyFile(const QString &source, const QString &destination, bool shouldAuth)
 {
     try {
@@ -259,7 +318,7 @@ bool copyFile(const QString &source, const QString &destination, bool shouldAuth
             return false;
         }
         unlockFile(HXPath::deletingLastComponent(destination));
-        const int error = HXFileTree::copy(source, destination);
+        const int error = copyItem(source, destination);
         if (error == 0)
             return true;
         HXLog::appendLog(u"Error copying file: %@. Authorizing...", errorDescription(error, destination));
@@ -279,7 +338,7 @@ bool copyFile(const QString &source, const QString &destination, std::chrono::se
 
 bool copyContentsOfDirectory(const QString &source, const QString &destination, std::chrono::seconds timeout)
 {
-    for (const QString &name : HXFileTree::entries(source)) {
+    for (const QString &name : entriesOf(source)) {
         HXLog::fastAppendLog(u"File: %@", name);
         if (!copyFile(HXPath::appendingComponent(source, name), HXPath::appendingComponent(destination, name),
                       timeout))
@@ -291,25 +350,26 @@ bool copyContentsOfDirectory(const QString &source, const QString &destination, 
 namespace {
 
 // The file manager's move: a rename, or a copy and removal between file systems;
-// an existing destination fails. Returns 0 or the errno.
+// an existing destination fails. Never through a link on either side. Returns 0
+// or the errno.
 int moveItem(const QString &source, const QString &destination)
 {
-    const QByteArray from = QFile::encodeName(source);
-    const QByteArray to = QFile::encodeName(destination);
-    struct stat info {};
-    if (::lstat(from.constData(), &info) != 0)
-        return errno;
-    if (::lstat(to.constData(), &info) == 0)
-        return EEXIST;
-    if (::rename(from.constData(), to.constData()) == 0)
-        return 0;
-    if (errno != EXDEV)
-        return errno;
-    if (const int error = HXFileTree::copy(source, destination); error != 0) {
-        HXFileTree::remove(destination);
+    int error = 0;
+    const std::optional<platform::Item> from = platform::Item::open(source, &error);
+    const std::optional<platform::Item> to = from ? platform::Item::open(destination, &error) : std::nullopt;
+    if (!to)
+        return error;
+    if (!from->exists())
+        return ENOENT;
+    error = from->folder.rename(from->name, to->folder, to->name, false);
+    if (error != EXDEV)
+        return error;
+    if ((error = from->folder.copyTree(from->name, to->folder, to->name)) != 0) {
+        if (error != EEXIST)
+            to->folder.removeTree(to->name);
         return error;
     }
-    return HXFileTree::remove(source);
+    return from->folder.removeTree(from->name);
 }
 
 }  // namespace
@@ -375,7 +435,7 @@ bool decompressFile(const QString &archive, const QString &destinationFolder)
 {
     try {
         if (fileExistsAtPath(destinationFolder))
-            HXTrash::moveToTrash(destinationFolder, HXLocalPaths::trashDirectory());
+            platform::trash::moveToTrash(destinationFolder, HXLocalPaths::trashDirectory());
         HXArchive::decompress(archive, destinationFolder);
         return fileExistsAtPath(destinationFolder);
     } catch (const std::exception &e) {

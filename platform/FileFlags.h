@@ -1,7 +1,8 @@
 #pragma once
 
 // The locked flag of files and folders (the immutable flag of the file system).
-// A symbolic link is looked at itself, never its target.
+// A symbolic link is looked at itself, never its target, and the path is opened
+// as platform/Folder.h opens paths.
 
 #include <QString>
 

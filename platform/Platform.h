@@ -18,6 +18,9 @@ std::optional<QString> consoleUser();
 // Home folder of a user from the account database; none for an unknown user.
 std::optional<QString> homeDirectoryOfUser(const QString &userName);
 
+// Login name of the user with id UID; none for an unknown one.
+std::optional<QString> userNameOfUid(unsigned uid);
+
 // Login name of the process's real user.
 QString processUserName();
 

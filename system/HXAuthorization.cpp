@@ -1,7 +1,7 @@
 #include "system/HXAuthorization.h"
 
 #include "diagnostics/HXLog.h"
-#include "fs/HXTrash.h"
+#include "platform/Folder.h"
 #include "platform/Platform.h"
 #include "system/HXFormat.h"
 #include "system/HXLocalPaths.h"
@@ -27,42 +27,11 @@ bool itemExists(const QString &path)
     return ::lstat(QFile::encodeName(path).constData(), &info) == 0;
 }
 
-QString absolute(const QString &path)
-{
-    return path.startsWith(QLatin1Char('/')) ? path : QDir::current().absoluteFilePath(path);
-}
-
 // Entries of FOLDER in the order the file system lists them; none when unreadable.
 QStringList folderEntries(const QString &folder)
 {
-    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
-                                  QDir::Unsorted);
-}
-
-// In the freedesktop trash (".../files/<name>" beside ".../info") an item needs
-// its record, or the desktop cannot list or restore it.
-QString writeTrashRecord(const QString &source, const QString &destination)
-{
-    const QString filesFolder = HXPath::deletingLastComponent(destination);
-    if (HXPath::lastComponent(filesFolder) != QLatin1String("files"))
-        return QString();
-    const QString infoFolder =
-        HXPath::appendingComponent(HXPath::deletingLastComponent(filesFolder), QStringLiteral("info"));
-    if (!QFileInfo(infoFolder).isDir())
-        return QString();
-    const QString record = HXPath::appendingComponent(infoFolder, HXPath::lastComponent(destination) +
-                                                                      QStringLiteral(".trashinfo"));
-    QFile file(record);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly))
-        return QString();
-    file.write(HXTrash::trashInfo(absolute(source), QDateTime::currentDateTime()));
-    file.close();
-    if (platform::isRoot()) {
-        struct stat owner {};
-        if (::stat(QFile::encodeName(infoFolder).constData(), &owner) == 0) [[maybe_unused]]
-            const int ignored = ::lchown(QFile::encodeName(record).constData(), owner.st_uid, owner.st_gid);
-    }
-    return record;
+    const std::optional<platform::Folder> opened = platform::Folder::open(folder);
+    return opened ? opened->entries() : QStringList();
 }
 
 }  // namespace
@@ -159,6 +128,36 @@ int sendRequest(std::shared_ptr<platform::AdminAuthorization> &authRef, const HX
     return status;
 }
 
+QString helperFolder()
+{
+    return HXPath::deletingLastComponent(platform::executablePath());
+}
+
+// TOOL with PARAMETERS as one of the requests the privileged side takes: a helper
+// tool of this bundle, or the system's touch on one item. None for anything else.
+std::optional<HXPrivilegedRequest> requestForTool(const QString &tool, const QStringList &parameters,
+                                                  bool async)
+{
+    HXPrivilegedRequest request;
+    request.wait = !async;
+    const QString absoluteTool = platform::absoluteItemPath(tool);
+    if (HXPath::deletingLastComponent(absoluteTool) == helperFolder() &&
+        HXPrivilegedHelperTools().contains(HXPath::lastComponent(absoluteTool))) {
+        request.operation = HXPrivilegedOperation::RunHelper;
+        request.arguments = QStringList{HXPath::lastComponent(absoluteTool)} + parameters;
+        return request;
+    }
+    const QString noDereference = QStringLiteral("-h");
+    if (absoluteTool == HXSystemTools::touch() && parameters.size() >= 2 &&
+        parameters.first() == QLatin1String("-c") &&
+        (parameters.size() == 2 || (parameters.size() == 3 && parameters[1] == noDereference))) {
+        request.operation = HXPrivilegedOperation::Touch;
+        request.arguments = QStringList{platform::absoluteItemPath(parameters.last())};
+        return request;
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 int HXAuthorization::authExecTask(const QString &tool, const QStringList &parameters)
@@ -172,17 +171,34 @@ int HXAuthorization::authExecTask(const QString &tool, const QStringList &parame
         platform::systemLog(HXFormat(u"Unable to execute task: path %@ doesn't exist", tool));
         return kStatusMissingTool;
     }
-    HXPrivilegedRequest request;
-    request.tool = absolute(tool);
-    request.arguments = parameters;
-    request.wait = !async;
+    const std::optional<HXPrivilegedRequest> request = requestForTool(tool, parameters, async);
     if (platform::isRoot()) {
+        // Touching an item in a user's folder goes through the checked request too.
+        if (request && request->operation == HXPrivilegedOperation::Touch)
+            return perform(*request) == kStatusSuccess ? kStatusSuccess : kHXPrivilegedToolFailure;
         if (async)
             HXTaskEx::runTaskAndReturn(tool, parameters);
         else
             HXTaskEx::runTask(tool, parameters);
         return kStatusSuccess;
     }
+    if (!request) {
+        // Asked for the right all the same: without it the answer stays "not authorized".
+        if (!isAuthorized())
+            authStart();
+        if (!isAuthorized())
+            return kStatusNotAuthorized;
+        platform::systemLog(
+            HXFormat(u"Unable to execute task: %@ is not a tool Mendwell runs as administrator", tool));
+        return kHXPrivilegedToolFailure;
+    }
+    return perform(*request);
+}
+
+int HXAuthorization::perform(const HXPrivilegedRequest &request)
+{
+    if (platform::isRoot())
+        return HXPerformPrivilegedRequest(request, {HXLocalPaths::trashDirectory(), helperFolder()});
     if (!isAuthorized())
         authStart();
     if (!isAuthorized())
@@ -190,52 +206,30 @@ int HXAuthorization::authExecTask(const QString &tool, const QStringList &parame
     return sendRequest(m_authRef, request);
 }
 
-int HXAuthorization::execFileOperation(int kind, const QStringList &paths)
+int HXAuthorization::performFileOperation(HXPrivilegedOperation operation, const QStringList &paths)
 {
     HXPrivilegedRequest request;
-    request.operation = static_cast<HXPrivilegedOperation>(kind);
+    request.operation = operation;
     for (const QString &path : paths)
-        request.arguments << absolute(path);
-    QString tool;
-    switch (request.operation) {
-    case HXPrivilegedOperation::Remove:
-    case HXPrivilegedOperation::RemoveTree:
-        tool = HXSystemTools::rm();
-        break;
-    case HXPrivilegedOperation::Move:
-        tool = HXSystemTools::mv();
-        break;
-    case HXPrivilegedOperation::Copy:
-        tool = HXSystemTools::cp();
-        break;
-    default:
-        tool = HXSystemTools::mkdir();
-        break;
-    }
-    if (!QFileInfo::exists(tool)) {
-        platform::systemLog(HXFormat(u"Unable to execute task: path %@ doesn't exist", tool));
-        return kStatusMissingTool;
-    }
-    // File operations wait for their tool, so a caller finds the result on disk
-    // when the call returns.
-    if (platform::isRoot())
-        return HXPerformPrivilegedRequest(request);
-    if (!isAuthorized())
-        authStart();
-    if (!isAuthorized())
-        return kStatusNotAuthorized;
-    return sendRequest(m_authRef, request);
+        request.arguments << platform::absoluteItemPath(path);
+    return perform(request);
+}
+
+bool HXAuthorization::refusesProtected(HXPrivilegedOperation operation, const QString &path)
+{
+    if (!HXLocalPaths::isProtectedFolder(path))
+        return false;
+    platform::systemLog(HXProtectedPathRefusal(operation, path));
+    return true;
 }
 
 // --- File operations
 
 bool HXAuthorization::authRemoveFile(const QString &path)
 {
-    if (HXLocalPaths::isPathSystemDirectory(path, true)) {
-        platform::systemLog(HXFormat(u"Unable to delete path %@ because it is a system directory.", path));
+    if (refusesProtected(HXPrivilegedOperation::Remove, path))
         return false;
-    }
-    return execFileOperation(static_cast<int>(HXPrivilegedOperation::Remove), {path}) == kStatusSuccess;
+    return performFileOperation(HXPrivilegedOperation::Remove, {path}) == kStatusSuccess;
 }
 
 bool HXAuthorization::authTrashFile(const QString &path)
@@ -245,15 +239,18 @@ bool HXAuthorization::authTrashFile(const QString &path)
 
 bool HXAuthorization::authTrashFile(const QString &path, bool deleteOnRootAccount)
 {
-    if (HXLocalPaths::isPathSystemDirectory(path, true)) {
-        platform::systemLog(HXFormat(u"Unable to trash path %@ because it is a system directory.", path));
+    if (refusesProtected(HXPrivilegedOperation::Trash, path))
+        return false;
+    const QString name = HXPath::lastComponent(path);
+    QString trash = HXLocalPaths::trashDirectory();
+    if (platform::isRoot() && !m_userDirectory.isEmpty())
+        trash = HXPath::appendingComponent(m_userDirectory, platform::trashFolderInHome());
+    if (trash.isEmpty()) {
+        // Nobody's Trash to move it to (root with nobody at the console).
+        platform::systemLog(QStringLiteral("Error in authMoveFile: new path is null"));
         return false;
     }
-    const QString name = HXPath::lastComponent(path);
-    QString destination = HXPath::appendingComponent(HXLocalPaths::trashDirectory(), name);
-    if (platform::isRoot() && !m_userDirectory.isEmpty())
-        destination = HXPath::appendingComponent(
-            HXPath::appendingComponent(m_userDirectory, platform::trashFolderInHome()), name);
+    QString destination = HXPath::appendingComponent(trash, name);
     if (itemExists(destination)) {
         // A name without extension ends in a bare "." here; kept as it always was.
         const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMddHHmmss"));
@@ -264,20 +261,13 @@ bool HXAuthorization::authTrashFile(const QString &path, bool deleteOnRootAccoun
     // the delete request leaves the source where it is.
     if (platform::isRoot() && m_userDirectory.isEmpty() && deleteOnRootAccount)
         return authRemoveFile(destination);
-
-    // The user's own trash folders are the user's to make.
-    if (!platform::isRoot()) {
-        const QString filesFolder = HXPath::deletingLastComponent(destination);
-        QDir().mkpath(filesFolder);
-        if (HXPath::lastComponent(filesFolder) == QLatin1String("files"))
-            QDir().mkpath(HXPath::appendingComponent(HXPath::deletingLastComponent(filesFolder),
-                                                     QStringLiteral("info")));
-    }
-    const QString record = writeTrashRecord(path, destination);
-    const bool moved = authMoveFile(path, destination);
-    if (!record.isEmpty() && (!moved || !itemExists(destination)))
-        QFile::remove(record);
-    return moved;
+    if (!itemExists(path))
+        return false;
+    HXPrivilegedRequest request;
+    request.operation = HXPrivilegedOperation::Trash;
+    request.arguments = QStringList{platform::absoluteItemPath(path), HXPath::lastComponent(destination)};
+    const int status = perform(request);
+    return platform::isRoot() || status == kStatusSuccess;
 }
 
 bool HXAuthorization::authTrashFolderContents(const QString &folder)
@@ -287,7 +277,7 @@ bool HXAuthorization::authTrashFolderContents(const QString &folder)
 
 bool HXAuthorization::authTrashFolderContents(const QString &folder, bool deleteOnRootAccount)
 {
-    if (HXLocalPaths::isPathSystemDirectory(folder, true)) {
+    if (HXLocalPaths::isProtectedFolder(folder)) {
         platform::systemLog(HXFormat(
             u"Unable to trash folder contents of path %@ because it is a system directory.", folder));
         return false;
@@ -296,9 +286,9 @@ bool HXAuthorization::authTrashFolderContents(const QString &folder, bool delete
     bool allSucceeded = true;
     for (const QString &entry : folderEntries(folder)) {
         const QString item = HXPath::appendingComponent(folder, entry);
-        const bool ok = remove ? execFileOperation(static_cast<int>(HXPrivilegedOperation::RemoveTree),
-                                                   {item}) == kStatusSuccess
-                               : authTrashFile(item);
+        const bool ok =
+            remove ? performFileOperation(HXPrivilegedOperation::RemoveTree, {item}) == kStatusSuccess
+                   : authTrashFile(item);
         allSucceeded = allSucceeded && ok;
     }
     return allSucceeded;
@@ -306,7 +296,7 @@ bool HXAuthorization::authTrashFolderContents(const QString &folder, bool delete
 
 bool HXAuthorization::authMoveFolderContents(const QString &folder, const QString &destination)
 {
-    if (HXLocalPaths::isPathSystemDirectory(folder, true)) {
+    if (HXLocalPaths::isProtectedFolder(folder)) {
         platform::systemLog(
             HXFormat(u"Unable to move contents of path %@ because it is a system directory.", folder));
         return false;
@@ -330,14 +320,11 @@ bool HXAuthorization::authMoveFile(const QString &source, const QString &destina
         platform::systemLog(QStringLiteral("Error in authMoveFile: new path is null"));
         return false;
     }
-    if (HXLocalPaths::isPathSystemDirectory(source, true)) {
-        platform::systemLog(HXFormat(u"Unable to move path %@ because it is a system directory.", source));
+    if (refusesProtected(HXPrivilegedOperation::Move, source))
         return false;
-    }
     if (!itemExists(source))
         return false;
-    const int status =
-        execFileOperation(static_cast<int>(HXPrivilegedOperation::Move), {source, destination});
+    const int status = performFileOperation(HXPrivilegedOperation::Move, {source, destination});
     return platform::isRoot() || status == kStatusSuccess;
 }
 
@@ -353,14 +340,13 @@ bool HXAuthorization::authCopyFile(const QString &source, const QString &destina
     }
     if (!itemExists(source))
         return false;
-    const int status =
-        execFileOperation(static_cast<int>(HXPrivilegedOperation::Copy), {source, destination});
+    const int status = performFileOperation(HXPrivilegedOperation::Copy, {source, destination});
     return platform::isRoot() || status == kStatusSuccess;
 }
 
 bool HXAuthorization::authCreateDir(const QString &path)
 {
-    const int status = execFileOperation(static_cast<int>(HXPrivilegedOperation::MakeFolder), {path});
+    const int status = performFileOperation(HXPrivilegedOperation::MakeFolder, {path});
     if (platform::isRoot())
         return true;
     if (status != kStatusSuccess)

@@ -11,6 +11,7 @@
 // Refusals and errors go to the system console log (platform::systemLog).
 
 #include "platform/AdminAuthorization.h"
+#include "system/HXPrivilegedRequest.h"
 
 #include <QString>
 #include <QStringList>
@@ -47,12 +48,15 @@ public:
 
     // Runs TOOL with PARAMETERS as administrator: 0 success, -1 not authorized,
     // -2 the tool does not exist, else the system's error. With ASYNC the call
-    // returns once the tool has started; otherwise when it has ended.
+    // returns once the tool has started; otherwise when it has ended. Without
+    // root's rights only the bundle's helper tools and "touch -c [-h] PATH" can
+    // be run: the runner takes nothing else.
     int authExecTask(const QString &tool, const QStringList &parameters);
     int authExecTask(const QString &tool, const QStringList &parameters, bool async);
 
-    // File operations with the system tools. None follows a symbolic link out of
-    // the folders it was given. Protected folders (exact match) are refused.
+    // File operations, as the system tools do them, carried out by descriptors:
+    // none follows a symbolic link out of the folders it was given. Protected
+    // folders (exact match, under any spelling) are refused.
     bool authRemoveFile(const QString &path);
     bool authTrashFile(const QString &path);
     bool authTrashFile(const QString &path, bool deleteOnRootAccount);
@@ -73,8 +77,12 @@ private:
     explicit HXAuthorization(bool gui);
     ~HXAuthorization() = delete;
 
-    // Runs a file operation's tool with privileges and waits for it.
-    int execFileOperation(int kind, const QStringList &paths);
+    // Carries out REQUEST with the rights: in process as root, else through the
+    // runner (asking for the right first when needed).
+    int perform(const HXPrivilegedRequest &request);
+    int performFileOperation(HXPrivilegedOperation operation, const QStringList &paths);
+    // Writes OPERATION's refusal for a protected PATH (under any spelling).
+    static bool refusesProtected(HXPrivilegedOperation operation, const QString &path);
 
     std::shared_ptr<platform::AdminAuthorization> m_authRef;
     bool m_hasGUI = false;

@@ -1,13 +1,16 @@
 #include "system/HXLocalPaths.h"
 
+#include "platform/Folder.h"
 #include "platform/Platform.h"
 #include "system/HXPath.h"
 
+#include <QFile>
 #include <QUuid>
 
 #include <array>
 #include <cstdlib>
 #include <ctime>
+#include <sys/stat.h>
 
 namespace {
 
@@ -205,6 +208,41 @@ QString HXLocalPaths::randomString(int length)
     return result;
 }
 
+namespace {
+
+// The folders the exact-match rule protects, in the order it compares them, with
+// the homes looked up once for the whole check.
+std::array<QString, 20> protectedFolders()
+{
+    const Homes homes;
+    const QString userLibrary = userDomainPath(HXDirectory::Library, homes);
+    const QString localLibrary = HXLocalPaths::searchPathEntry(HXDirectory::Library, QString());
+    return {
+        userDomainPath(HXDirectory::Applications, homes),
+        HXLocalPaths::searchPathEntry(HXDirectory::Applications, QString()),
+        userDomainPath(HXDirectory::AdminApplications, homes),
+        HXLocalPaths::searchPathEntry(HXDirectory::AdminApplications, QString()),
+        userDomainPath(HXDirectory::Documents, homes),
+        HXLocalPaths::searchPathEntry(HXDirectory::Documents, QString()),
+        userLibrary,
+        localLibrary,
+        inFolder(userLibrary, "Preferences"),
+        inFolder(localLibrary, "Preferences"),
+        userDomainPath(HXDirectory::Caches, homes),
+        HXLocalPaths::searchPathEntry(HXDirectory::Caches, QString()),
+        userDomainPath(HXDirectory::ApplicationSupport, homes),
+        HXLocalPaths::searchPathEntry(HXDirectory::ApplicationSupport, QString()),
+        userDomainPath(HXDirectory::Desktop, homes),
+        homes.user,
+        HXLocalPaths::systemLibraryDirectory(),
+        HXLocalPaths::localDocumentationDirectory(),
+        QStringLiteral("/Users/Shared"),
+        QStringLiteral("/Volumes"),
+    };
+}
+
+}  // namespace
+
 bool HXLocalPaths::isPathSystemDirectory(const QString &path, bool exactMatch)
 {
     if (path == QLatin1String("/"))
@@ -215,35 +253,7 @@ bool HXLocalPaths::isPathSystemDirectory(const QString &path, bool exactMatch)
     // Two characters, not one: "/Library/" is compared as "/Librar". Kept as is.
     if (compared.endsWith(QLatin1Char('/')))
         compared.chop(2);
-
-    // The same folders the operations of this class name, with the homes looked
-    // up once for the whole check.
-    const Homes homes;
-    const QString userLibrary = userDomainPath(HXDirectory::Library, homes);
-    const QString localLibrary = searchPathEntry(HXDirectory::Library, QString());
-    const std::array<QString, 20> protectedFolders = {
-        userDomainPath(HXDirectory::Applications, homes),
-        searchPathEntry(HXDirectory::Applications, QString()),
-        userDomainPath(HXDirectory::AdminApplications, homes),
-        searchPathEntry(HXDirectory::AdminApplications, QString()),
-        userDomainPath(HXDirectory::Documents, homes),
-        searchPathEntry(HXDirectory::Documents, QString()),
-        userLibrary,
-        localLibrary,
-        inFolder(userLibrary, "Preferences"),
-        inFolder(localLibrary, "Preferences"),
-        userDomainPath(HXDirectory::Caches, homes),
-        searchPathEntry(HXDirectory::Caches, QString()),
-        userDomainPath(HXDirectory::ApplicationSupport, homes),
-        searchPathEntry(HXDirectory::ApplicationSupport, QString()),
-        userDomainPath(HXDirectory::Desktop, homes),
-        homes.user,
-        systemLibraryDirectory(),
-        localDocumentationDirectory(),
-        QStringLiteral("/Users/Shared"),
-        QStringLiteral("/Volumes"),
-    };
-    for (const QString &folder : protectedFolders) {
+    for (const QString &folder : protectedFolders()) {
         if (compared == folder)
             return true;
     }
@@ -253,6 +263,36 @@ bool HXLocalPaths::isPathSystemDirectory(const QString &path, bool exactMatch)
         if (compared.startsWith(QLatin1String(prefix)))
             return true;
     }
+    return false;
+}
+
+bool HXLocalPaths::isProtectedFolder(const QString &path)
+{
+    if (isPathSystemDirectory(path, true))
+        return true;
+    if (path.isEmpty())
+        return false;
+    const QString cleaned = platform::absoluteItemPath(path);
+    if (cleaned != path && isPathSystemDirectory(cleaned, true))
+        return true;
+    // Another name for a protected folder: a link root made, "..", a bind mount.
+    const std::optional<platform::Item> item = platform::Item::open(cleaned);
+    const std::optional<struct stat> opened = item ? item->info() : std::nullopt;
+    std::optional<platform::Folder> folder =
+        (opened && S_ISDIR(opened->st_mode)) ? item->folder.realFolder(item->name) : std::nullopt;
+    const std::optional<struct stat> identity = folder ? folder->info() : std::nullopt;
+    if (!identity)
+        return false;
+    auto same = [&identity](const QString &protectedPath) {
+        struct stat info {};
+        return !protectedPath.isEmpty() && ::stat(QFile::encodeName(protectedPath).constData(), &info) == 0 &&
+               info.st_dev == identity->st_dev && info.st_ino == identity->st_ino;
+    };
+    if (same(QStringLiteral("/")))
+        return true;
+    for (const QString &protectedPath : protectedFolders())
+        if (same(protectedPath))
+            return true;
     return false;
 }
 

@@ -48,6 +48,10 @@ public:
     static QString randomString(int length);
 
     static bool isPathSystemDirectory(const QString &path, bool exactMatch = false);
+    // The exact-match rule under any spelling of a folder: PATH, its cleaned form
+    // ("//", "." and a trailing "/" removed), or the folder it opens (same device
+    // and inode) is one of the protected folders. What privileged operations refuse.
+    static bool isProtectedFolder(const QString &path);
     static bool isPathOnTimeMachineVolume(const QString &path);
     static std::optional<QString> currentConsoleUser();
 

@@ -2,32 +2,76 @@
 
 #include "platform/AdminAuthorization.h"
 #include "platform/ChildProcess.h"
-#include "platform/ConfinedPath.h"
+#include "platform/Folder.h"
 #include "platform/Platform.h"
+#include "platform/Trash.h"
 #include "system/HXFormat.h"
+#include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
 
 #include <QDataStream>
-#include <QFile>
+#include <QFileInfo>
 #include <QIODevice>
 
-#include <sys/stat.h>
-
+#include <cstring>
 #include <memory>
-#include <vector>
+#include <sys/stat.h>
 
 namespace {
 
-constexpr quint32 kRequestMagic = 0x4d574151;  // "MWAQ"
+constexpr quint32 kRequestMagic = 0x4d574152;  // "MWAR"
+
+bool isAbsolutePath(const QString &path)
+{
+    return path.startsWith(QLatin1Char('/')) && !path.contains(QChar(u'\0'));
+}
+
+bool isPlainName(const QString &name)
+{
+    return !name.isEmpty() && !name.contains(QLatin1Char('/')) && !name.contains(QChar(u'\0')) &&
+           name != QLatin1String(".") && name != QLatin1String("..");
+}
 
 }  // namespace
+
+const QStringList &HXPrivilegedHelperTools()
+{
+    static const QStringList tools{QStringLiteral("permissiontool"), QStringLiteral("trashtool"),
+                                   QStringLiteral("killtool")};
+    return tools;
+}
+
+bool HXPrivilegedRequest::isWellFormed() const
+{
+    const QStringList &a = arguments;
+    switch (operation) {
+    case HXPrivilegedOperation::Remove:
+    case HXPrivilegedOperation::RemoveTree:
+    case HXPrivilegedOperation::MakeFolder:
+    case HXPrivilegedOperation::Touch:
+        return a.size() == 1 && isAbsolutePath(a[0]);
+    case HXPrivilegedOperation::Move:
+    case HXPrivilegedOperation::Copy:
+        return a.size() == 2 && isAbsolutePath(a[0]) && isAbsolutePath(a[1]);
+    case HXPrivilegedOperation::Trash:
+        return a.size() == 2 && isAbsolutePath(a[0]) && isPlainName(a[1]);
+    case HXPrivilegedOperation::RunHelper:
+        if (a.isEmpty() || !HXPrivilegedHelperTools().contains(a[0]))
+            return false;
+        for (const QString &argument : a)
+            if (argument.contains(QChar(u'\0')))
+                return false;
+        return true;
+    }
+    return false;
+}
 
 QByteArray HXPrivilegedRequest::encoded() const
 {
     QByteArray bytes;
     QDataStream stream(&bytes, QIODevice::WriteOnly);
     stream.setVersion(QDataStream::Qt_6_0);
-    stream << kRequestMagic << static_cast<qint32>(operation) << wait << tool << arguments;
+    stream << kRequestMagic << static_cast<qint32>(operation) << wait << arguments;
     return bytes;
 }
 
@@ -38,12 +82,14 @@ std::optional<HXPrivilegedRequest> HXPrivilegedRequest::decoded(const QByteArray
     quint32 magic = 0;
     qint32 operation = -1;
     HXPrivilegedRequest request;
-    stream >> magic >> operation >> request.wait >> request.tool >> request.arguments;
-    if (stream.status() != QDataStream::Ok || magic != kRequestMagic ||
-        operation < static_cast<qint32>(HXPrivilegedOperation::Exec) ||
-        operation > static_cast<qint32>(HXPrivilegedOperation::MakeFolder))
+    stream >> magic >> operation >> request.wait >> request.arguments;
+    if (stream.status() != QDataStream::Ok || !stream.atEnd() || magic != kRequestMagic ||
+        operation < static_cast<qint32>(HXPrivilegedOperation::Remove) ||
+        operation > static_cast<qint32>(HXPrivilegedOperation::RunHelper))
         return std::nullopt;
     request.operation = static_cast<HXPrivilegedOperation>(operation);
+    if (!request.isWellFormed())
+        return std::nullopt;
     return request;
 }
 
@@ -75,27 +121,71 @@ QString chown()
 }
 }  // namespace HXSystemTools
 
+QString HXProtectedPathRefusal(HXPrivilegedOperation operation, const QString &path)
+{
+    switch (operation) {
+    case HXPrivilegedOperation::Remove:
+    case HXPrivilegedOperation::RemoveTree:
+        return HXFormat(u"Unable to delete path %@ because it is a system directory.", path);
+    case HXPrivilegedOperation::Move:
+        return HXFormat(u"Unable to move path %@ because it is a system directory.", path);
+    case HXPrivilegedOperation::Trash:
+        return HXFormat(u"Unable to trash path %@ because it is a system directory.", path);
+    default:
+        return QString();
+    }
+}
+
 namespace {
 
-int refuse(const QString &what, const QString &path, const QString &reason)
+int refuse(const QString &what, const QString &path, int error)
 {
-    platform::systemLog(HXFormat(u"Refusing to %@ %@: %@", what, path, reason));
+    platform::systemLog(
+        HXFormat(u"Refusing to %@ %@: %@", what, path, QString::fromLocal8Bit(std::strerror(error))));
     return kHXPrivilegedToolFailure;
 }
 
-// Runs TOOL on confined paths (their folders inherited by the tool) and waits
-// for it unless asked not to.
-int runTool(const QString &tool, const QStringList &arguments, const std::vector<int> &folders, bool wait)
+// Where SOURCENAME goes for "mv SOURCE DESTINATION" or "cp -R SOURCE
+// DESTINATION": into DESTINATION when it is a folder, else DESTINATION itself.
+// A link in its place is replaced, never followed (unless root made it).
+std::optional<platform::Item> targetFor(const QString &sourceName, const QString &destination, int *error)
 {
-    auto child = std::make_shared<platform::ChildProcess>(tool, arguments);
+    if (std::optional<platform::Folder> folder = platform::Folder::open(destination))
+        return platform::Item{std::move(*folder), sourceName};
+    return platform::Item::open(destination, error);
+}
+
+// Across file systems: what is at the target goes, then a copy, then the source.
+int moveAcross(const platform::Item &source, const platform::Item &target)
+{
+    if (target.exists())
+        if (const int error = target.folder.removeTree(target.name))
+            return error;
+    if (const int error = source.folder.copyTree(source.name, target.folder, target.name)) {
+        target.folder.removeTree(target.name);
+        return error;
+    }
+    return source.folder.removeTree(source.name);
+}
+
+int runHelper(const QStringList &arguments, bool wait, const QString &helperFolder)
+{
+    const QString tool = HXPath::appendingComponent(helperFolder, arguments.first());
+    // Only a tool nobody but root can have placed or changed is run as root.
+    int error = 0;
+    const std::optional<platform::Item> item = platform::Item::open(tool, &error);
+    const std::optional<struct stat> info = item ? item->info() : std::nullopt;
+    const std::optional<struct stat> folder = item ? item->folder.info() : std::nullopt;
+    if (!info || !folder || !S_ISREG(info->st_mode) || info->st_uid != 0 || (info->st_mode & 022) != 0 ||
+        folder->st_uid != 0 || (folder->st_mode & 022) != 0)
+        return refuse(QStringLiteral("run"), tool, info ? EPERM : (error ? error : ENOENT));
+    auto child = std::make_shared<platform::ChildProcess>(tool, arguments.mid(1));
     child->setStandardInput(platform::ChildProcess::Stream::Null);
     child->setStandardOutput(platform::ChildProcess::Stream::Null);
-    child->setStandardError(platform::ChildProcess::Stream::Null);
-    child->setInheritedDescriptors(folders);
     child->setWorkingDirectory(QStringLiteral("/"));
-    QString error;
-    if (!child->launch(&error)) {
-        platform::systemLog(HXFormat(u"Unable to run %@: %@", tool, error));
+    QString reason;
+    if (!child->launch(&reason)) {
+        platform::systemLog(HXFormat(u"Unable to run %@: %@", tool, reason));
         return kHXPrivilegedToolFailure;
     }
     if (wait)
@@ -103,114 +193,112 @@ int runTool(const QString &tool, const QStringList &arguments, const std::vector
     return 0;
 }
 
-// Where SOURCE goes for "mv SOURCE DESTINATION" or "cp -R SOURCE DESTINATION":
-// into DESTINATION when it is a real folder, else DESTINATION itself. A link in
-// its place is replaced, never followed.
-std::optional<platform::ConfinedPath> targetFor(const platform::ConfinedPath &source,
-                                                const QString &destination, QString *error)
-{
-    std::optional<platform::ConfinedPath> target = platform::ConfinedPath::open(destination, error);
-    if (target && target->isRealFolder()) {
-        return platform::ConfinedPath::open(HXPath::appendingComponent(destination, source.name()), error);
-    }
-    return target;
-}
-
-int performFileOperation(const HXPrivilegedRequest &request)
+int perform(const HXPrivilegedRequest &request, const HXPrivilegedContext &context)
 {
     const QStringList &paths = request.arguments;
-    QString error;
+    int error = 0;
     switch (request.operation) {
     case HXPrivilegedOperation::Remove:
     case HXPrivilegedOperation::RemoveTree: {
-        if (paths.size() != 1)
-            return kHXPrivilegedToolFailure;
-        const auto item = platform::ConfinedPath::open(paths[0], &error);
+        const std::optional<platform::Item> item = platform::Item::open(paths[0], &error);
         if (!item)
             return refuse(QStringLiteral("remove"), paths[0], error);
-        const QStringList flags = request.operation == HXPrivilegedOperation::Remove
-                                      ? QStringList{QStringLiteral("-Rdf")}
-                                      : QStringList{QStringLiteral("-R"), QStringLiteral("-f")};
-        return runTool(HXSystemTools::rm(), flags + QStringList{item->childPath()},
-                       {item->folderDescriptor()}, true);
+        item->folder.removeTree(item->name);
+        return 0;
     }
     case HXPrivilegedOperation::Move:
     case HXPrivilegedOperation::Copy: {
-        if (paths.size() != 2)
-            return kHXPrivilegedToolFailure;
         const bool move = request.operation == HXPrivilegedOperation::Move;
         const QString verb = move ? QStringLiteral("move") : QStringLiteral("copy");
-        const auto source = platform::ConfinedPath::open(paths[0], &error);
-        if (!source)
-            return refuse(verb, paths[0], error);
-        const auto target = targetFor(*source, paths[1], &error);
+        const std::optional<platform::Item> source = platform::Item::open(paths[0], &error);
+        if (!source || !source->exists())
+            return refuse(verb, paths[0], source ? ENOENT : error);
+        const std::optional<platform::Item> target = targetFor(source->name, paths[1], &error);
         if (!target)
             return refuse(verb, paths[1], error);
-        // -T: the target is exactly the confined path, never a folder a link at
-        // its place points to. cp replaces what is there instead of writing
-        // through it.
-        const QStringList flags =
-            move ? QStringList{QStringLiteral("-f"), QStringLiteral("-T")}
-                 : QStringList{QStringLiteral("-f"), QStringLiteral("-p"), QStringLiteral("-R"),
-                               QStringLiteral("-T"), QStringLiteral("--remove-destination")};
-        return runTool(move ? HXSystemTools::mv() : HXSystemTools::cp(),
-                       flags + QStringList{source->childPath(), target->childPath()},
-                       {source->folderDescriptor(), target->folderDescriptor()}, true);
-    }
-    case HXPrivilegedOperation::MakeFolder: {
-        if (paths.size() != 1 || !paths[0].startsWith(QLatin1Char('/')))
-            return kHXPrivilegedToolFailure;
-        // Confine the deepest folder that exists; mkdir makes the rest below it.
-        QStringList missing;
-        QString existing = paths[0];
-        std::optional<platform::ConfinedPath> base;
-        while (true) {
-            base = platform::ConfinedPath::openFolder(existing, &error);
-            // Only a missing folder is made; anything else in its place (a link
-            // above all) refuses the whole path.
-            struct stat info {};
-            if (base || existing == QLatin1String("/") ||
-                ::lstat(QFile::encodeName(existing).constData(), &info) == 0)
-                break;
-            missing.prepend(HXPath::lastComponent(existing));
-            existing = HXPath::deletingLastComponent(existing);
-            if (existing.isEmpty())
-                existing = QStringLiteral("/");
+        if (move) {
+            if (source->folder.rename(source->name, target->folder, target->name, true) == EXDEV)
+                moveAcross(*source, *target);
+            return 0;
         }
-        if (!base)
-            return refuse(QStringLiteral("create"), paths[0], error);
-        if (missing.contains(QStringLiteral("..")))
-            return refuse(QStringLiteral("create"), paths[0], QStringLiteral("\"..\" is not allowed"));
-        QString childPath = base->childPath();
-        for (const QString &component : missing)
-            childPath = HXPath::appendingComponent(childPath, component);
-        return runTool(HXSystemTools::mkdir(), {QStringLiteral("-p"), childPath}, {base->folderDescriptor()},
-                       true);
+        // cp -f: what is in the way goes first; the copy never writes through it.
+        const std::optional<struct stat> existing = target->info();
+        if (existing && !S_ISDIR(existing->st_mode))
+            target->folder.removeEntry(target->name);
+        source->folder.copyTree(source->name, target->folder, target->name);
+        return 0;
     }
-    case HXPrivilegedOperation::Exec:
-        break;
+    case HXPrivilegedOperation::MakeFolder:
+        if (!platform::Folder::openMakingPath(paths[0], 0755, std::nullopt, &error))
+            return refuse(QStringLiteral("create"), paths[0], error);
+        return 0;
+    case HXPrivilegedOperation::Trash: {
+        if (context.trashFilesFolder.isEmpty())
+            return refuse(QStringLiteral("trash"), paths[0], ENOENT);
+        const platform::trash::Outcome outcome =
+            platform::trash::moveToTrashAs(paths[0], context.trashFilesFolder, paths[1]);
+        return outcome.trashed ? 0 : refuse(QStringLiteral("trash"), paths[0], outcome.error);
+    }
+    case HXPrivilegedOperation::Touch: {
+        const std::optional<platform::Item> item = platform::Item::open(paths[0], &error);
+        if (!item)
+            return refuse(QStringLiteral("touch"), paths[0], error);
+        if (item->exists())
+            item->folder.touch(item->name);
+        return 0;
+    }
+    case HXPrivilegedOperation::RunHelper:
+        return runHelper(request.arguments, request.wait, context.helperFolder);
     }
     return kHXPrivilegedToolFailure;
 }
 
+// The user whose rights the runner was started with (pkexec names him), and the
+// trash of that user.
+QString requestingUsersTrash()
+{
+    const QByteArray uid = qgetenv("PKEXEC_UID");
+    bool ok = false;
+    const uint value = uid.toUInt(&ok);
+    if (ok) {
+        if (const std::optional<QString> home =
+                platform::homeDirectoryOfUser(platform::userNameOfUid(value).value_or(QString())))
+            return HXPath::appendingComponent(*home, platform::trashFolderInHome());
+        return QString();
+    }
+    return HXLocalPaths::trashDirectory();
+}
+
 }  // namespace
 
-int HXPerformPrivilegedRequest(const HXPrivilegedRequest &request)
+int HXPerformPrivilegedRequest(const HXPrivilegedRequest &request, const HXPrivilegedContext &context)
 {
-    if (request.operation == HXPrivilegedOperation::Exec)
-        return runTool(request.tool, request.arguments, {}, request.wait);
-    return performFileOperation(request);
+    if (!request.isWellFormed())
+        return kHXPrivilegedToolFailure;
+    // The protected-folder rule again, here where the rights are: under any spelling.
+    const QString refusal = HXProtectedPathRefusal(request.operation, request.arguments.value(0));
+    if (!refusal.isEmpty() && HXLocalPaths::isProtectedFolder(request.arguments.value(0))) {
+        platform::systemLog(refusal);
+        return kHXPrivilegedToolFailure;
+    }
+    return perform(request, context);
 }
 
 int HXPrivilegedRunnerMain(int input, int output)
 {
     if (!platform::isRoot())
         return 1;
+    HXPrivilegedContext context;
+    context.trashFilesFolder = requestingUsersTrash();
+    context.helperFolder = HXPath::deletingLastComponent(platform::executablePath());
     if (!platform::writeMessage(output, QByteArray(platform::AdminAuthorization::kReadyMessage)))
         return 1;
     while (const std::optional<QByteArray> message = platform::readMessage(input)) {
         const std::optional<HXPrivilegedRequest> request = HXPrivilegedRequest::decoded(*message);
-        const qint32 status = request ? HXPerformPrivilegedRequest(*request) : kHXPrivilegedToolFailure;
+        if (!request)
+            platform::systemLog(QStringLiteral("Refusing a request that is not one Mendwell sends"));
+        const qint32 status =
+            request ? HXPerformPrivilegedRequest(*request, context) : kHXPrivilegedToolFailure;
         QByteArray reply;
         QDataStream(&reply, QIODevice::WriteOnly) << status;
         if (!platform::writeMessage(output, reply))

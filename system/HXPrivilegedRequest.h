@@ -1,10 +1,14 @@
 #pragma once
 
-// What the privileged side of HXAuthorization is asked to do, and how it does it:
-// run a tool as given, or one of the file operations on the system tools with
-// every path confined (platform/ConfinedPath.h), so that no symbolic link leads
-// a privileged tool out of the folders it was given. Used in-process when running
-// as root, and by the privileged runner (authtool) otherwise.
+// What the privileged side of HXAuthorization may be asked to do, and how it does
+// it. Requests are typed: the file operations, touching an item, and running one
+// of the bundle's own helper tools. Nothing else, in particular no executable
+// named by the client. Every request is checked where it is carried out (the
+// runner trusts no client): its shape, the protected-folder rule under any
+// spelling of a folder, and every path is opened through platform/Folder.h, so
+// no symbolic link a user planted leads root out of the folders it was given.
+// Carried out in process when running as root, and by the privileged runner
+// (authtool) otherwise.
 
 #include <QByteArray>
 #include <QString>
@@ -13,26 +17,34 @@
 #include <optional>
 
 enum class HXPrivilegedOperation : int {
-    Exec,        // TOOL with ARGUMENTS, as given
-    Remove,      // rm -Rdf PATH
-    RemoveTree,  // rm -R -f PATH
-    Move,        // mv -f SOURCE DESTINATION
-    Copy,        // cp -f -p -R SOURCE DESTINATION
-    MakeFolder,  // mkdir -p PATH
+    Remove,      // PATH and everything below it ("rm -Rdf")
+    RemoveTree,  // the same, for the entries of a folder being emptied ("rm -R -f")
+    Move,        // SOURCE DESTINATION, into DESTINATION when it is a folder ("mv -f")
+    Copy,        // SOURCE DESTINATION, the same way, keeping owners and modes ("cp -f -p -R")
+    MakeFolder,  // PATH with its missing parents ("mkdir -p")
+    Trash,       // SOURCE NAME: into the user's trash as NAME, with its record
+    Touch,       // PATH: times set to now if it exists ("touch -c -h")
+    RunHelper,   // NAME ARGUMENTS...: one of the bundle's helper tools
 };
 
 struct HXPrivilegedRequest {
-    HXPrivilegedOperation operation = HXPrivilegedOperation::Exec;
-    // Exec: wait for the tool to end before answering.
+    HXPrivilegedOperation operation = HXPrivilegedOperation::Remove;
+    QStringList arguments;
+    // RunHelper: answer only once the tool has ended.
     bool wait = true;
-    QString tool;           // Exec only
-    QStringList arguments;  // Exec: the tool's arguments; file operations: their paths
 
     QByteArray encoded() const;
+    // None for anything that is not a well-formed request: an unknown
+    // operation, the wrong number of arguments, a relative path, a name with a
+    // "/", a helper tool that is not one of the bundle's.
     static std::optional<HXPrivilegedRequest> decoded(const QByteArray &bytes);
+    bool isWellFormed() const;
 };
 
-// The system tools of the file operations, one table.
+// The bundle's helper tools, the only programs the runner starts.
+const QStringList &HXPrivilegedHelperTools();
+
+// The system tools of the file services, one table.
 namespace HXSystemTools {
 QString rm();
 QString mv();
@@ -42,14 +54,25 @@ QString touch();
 QString chown();
 }  // namespace HXSystemTools
 
-// The status of a tool that could not be run, or a path that cannot be confined
-// (the value macOS gives a failed privileged execution).
+// The status of a request that was refused or could not be carried out (the
+// value macOS gives a failed privileged execution).
 constexpr int kHXPrivilegedToolFailure = -60031;
 
+// Where a request is carried out: whose trash receives trashed items, and the
+// folder holding the helper tools.
+struct HXPrivilegedContext {
+    QString trashFilesFolder;
+    QString helperFolder;
+};
+
+// The refusal text of OPERATION for a protected PATH; empty when the operation
+// has no such rule.
+QString HXProtectedPathRefusal(HXPrivilegedOperation operation, const QString &path);
+
 // Carries out REQUEST in this process, which must already have the rights: 0 when
-// the tool was run (whatever its exit status), else kHXPrivilegedToolFailure.
-// Each refusal is written to the system console log.
-int HXPerformPrivilegedRequest(const HXPrivilegedRequest &request);
+// it was carried out (as the tools it stands for, whatever came of it), else
+// kHXPrivilegedToolFailure. Each refusal is written to the system console log.
+int HXPerformPrivilegedRequest(const HXPrivilegedRequest &request, const HXPrivilegedContext &context);
 
 // The privileged runner: answers requests read from INPUT on OUTPUT until INPUT
 // ends. Returns the process exit status.

@@ -19,16 +19,6 @@ namespace platform {
 
 namespace {
 
-std::optional<QString> userNameOfUid(uid_t uid)
-{
-    passwd entry{};
-    passwd *found = nullptr;
-    char buffer[4096];
-    if (getpwuid_r(uid, &entry, buffer, sizeof buffer, &found) != 0 || found == nullptr)
-        return std::nullopt;
-    return QString::fromLocal8Bit(found->pw_name);
-}
-
 // The user of the active session on seat0. A display-manager greeter is the
 // login screen, which counts as nobody at the console.
 std::optional<QString> seatUser(bool *seatAnswered)
@@ -50,6 +40,16 @@ std::optional<QString> seatUser(bool *seatAnswered)
 }
 
 }  // namespace
+
+std::optional<QString> userNameOfUid(unsigned uid)
+{
+    passwd entry{};
+    passwd *found = nullptr;
+    char buffer[4096];
+    if (getpwuid_r(uid, &entry, buffer, sizeof buffer, &found) != 0 || found == nullptr)
+        return std::nullopt;
+    return QString::fromLocal8Bit(found->pw_name);
+}
 
 std::optional<QString> consoleUser()
 {

@@ -1,4 +1,4 @@
-#include "fs/HXTrash.h"
+#include "platform/Trash.h"
 
 #include "tests/support/Process.h"
 
@@ -63,16 +63,18 @@ protected:
 
 TEST(TrashNames, NumberGoesBeforeTheFirstDot)
 {
-    EXPECT_EQ(HXTrash::candidateName(QStringLiteral("report.tar.gz"), 1), QStringLiteral("report.tar.gz"));
-    EXPECT_EQ(HXTrash::candidateName(QStringLiteral("report.tar.gz"), 2), QStringLiteral("report.2.tar.gz"));
-    EXPECT_EQ(HXTrash::candidateName(QStringLiteral("Makefile"), 3), QStringLiteral("Makefile.3"));
-    EXPECT_EQ(HXTrash::candidateName(QStringLiteral(".plist"), 2), QStringLiteral(".2.plist"));
+    EXPECT_EQ(platform::trash::candidateName(QStringLiteral("report.tar.gz"), 1),
+              QStringLiteral("report.tar.gz"));
+    EXPECT_EQ(platform::trash::candidateName(QStringLiteral("report.tar.gz"), 2),
+              QStringLiteral("report.2.tar.gz"));
+    EXPECT_EQ(platform::trash::candidateName(QStringLiteral("Makefile"), 3), QStringLiteral("Makefile.3"));
+    EXPECT_EQ(platform::trash::candidateName(QStringLiteral(".plist"), 2), QStringLiteral(".2.plist"));
 }
 
 TEST(TrashNames, RecordEncodesThePathAndUsesLocalTime)
 {
     const QDateTime when(QDate(2026, 3, 4), QTime(5, 6, 7), Qt::LocalTime);
-    EXPECT_EQ(HXTrash::trashInfo(QStringLiteral("/Users/anna/My Prefs/50% \u00e9.plist"), when),
+    EXPECT_EQ(platform::trash::trashInfo(QStringLiteral("/Users/anna/My Prefs/50% \u00e9.plist"), when),
               QByteArray("[Trash Info]\nPath=/Users/anna/My%20Prefs/50%25%20%C3%A9.plist\n"
                          "DeletionDate=2026-03-04T05:06:07\n"));
 }
@@ -83,26 +85,27 @@ TEST_F(TrashTest, MovesItemsAndWritesTheirRecords)
     const QString folder = work + QStringLiteral("/Prefs");
     write(QStringLiteral("Prefs/Layouts/one.xml"));
 
-    const HXTrash::Outcome first = HXTrash::moveToTrash(file, files);
+    const platform::trash::Outcome first = platform::trash::moveToTrash(file, files);
     ASSERT_TRUE(first.trashed) << first.error;
     EXPECT_EQ(first.trashedPath, files + QStringLiteral("/Adobe Premiere Pro Prefs"));
     EXPECT_EQ(read(first.trashedPath), QByteArray("prefs"));
     EXPECT_FALSE(QFileInfo::exists(file));
 
     const QByteArray record = read(info + QStringLiteral("/Adobe Premiere Pro Prefs.trashinfo"));
-    EXPECT_TRUE(record.startsWith("[Trash Info]\nPath=" + HXTrash::encodedPath(file) + "\nDeletionDate="));
+    EXPECT_TRUE(
+        record.startsWith("[Trash Info]\nPath=" + platform::trash::encodedPath(file) + "\nDeletionDate="));
     EXPECT_TRUE(
         QRegularExpression(QStringLiteral("DeletionDate=\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\n$"))
             .match(QString::fromLatin1(record))
             .hasMatch());
 
-    const HXTrash::Outcome second = HXTrash::moveToTrash(folder, files);
+    const platform::trash::Outcome second = platform::trash::moveToTrash(folder, files);
     ASSERT_TRUE(second.trashed);
     EXPECT_TRUE(QFileInfo(files + QStringLiteral("/Prefs/Layouts/one.xml")).isFile());
     EXPECT_FALSE(QFileInfo::exists(folder));
 
     // A missing item is not trashed and leaves no record behind.
-    EXPECT_FALSE(HXTrash::moveToTrash(folder, files).trashed);
+    EXPECT_FALSE(platform::trash::moveToTrash(folder, files).trashed);
     EXPECT_EQ(QDir(info).entryList(QDir::Files).size(), 2);
 }
 
@@ -117,7 +120,7 @@ TEST_F(TrashTest, CollidingNamesAreNumberedAndStrayItemsAreKept)
     QStringList trashed;
     for (const char *folder : {"a", "b", "c"}) {
         const QString path = write(QLatin1String(folder) + QStringLiteral("/layout.xml"), folder);
-        const HXTrash::Outcome outcome = HXTrash::moveToTrash(path, files);
+        const platform::trash::Outcome outcome = platform::trash::moveToTrash(path, files);
         ASSERT_TRUE(outcome.trashed);
         trashed.append(QFileInfo(outcome.trashedPath).fileName());
     }
@@ -133,7 +136,7 @@ TEST_F(TrashTest, SymbolicLinksAreTrashedThemselves)
     const QString target = write(QStringLiteral("target.txt"), "target");
     const QString link = work + QStringLiteral("/link.txt");
     ASSERT_TRUE(QFile::link(target, link));
-    ASSERT_TRUE(HXTrash::moveToTrash(link, files).trashed);
+    ASSERT_TRUE(platform::trash::moveToTrash(link, files).trashed);
     EXPECT_TRUE(QFileInfo(files + QStringLiteral("/link.txt")).isSymLink());
     EXPECT_EQ(read(target), QByteArray("target"));
 }
@@ -146,7 +149,7 @@ TEST_F(TrashTest, TrashCliListsAndRestoresWhatWeTrashed)
     const QString other = write(QStringLiteral("Other/Workspace 1.xml"), "other");
     const QString odd = write(QStringLiteral("Other/50% caf\u00e9"), "odd");
     for (const QString &path : {plain, other, odd})
-        ASSERT_TRUE(HXTrash::moveToTrash(path, files).trashed);
+        ASSERT_TRUE(platform::trash::moveToTrash(path, files).trashed);
 
     const ProcessResult listed = trashCli({QStringLiteral("trash-list")});
     ASSERT_EQ(listed.exitCode, 0) << listed.err.constData();
@@ -174,7 +177,7 @@ TEST_F(TrashTest, AsRootTheTrashIsHandedToItsUserAndLinksOutAreRefused)
         GTEST_SKIP() << "needs root";
     ASSERT_EQ(::chown(QFile::encodeName(home).constData(), kOtherUid, kOtherUid), 0);
     const QString path = write(QStringLiteral("root-owned.plist"));
-    ASSERT_TRUE(HXTrash::moveToTrash(path, files).trashed);
+    ASSERT_TRUE(platform::trash::moveToTrash(path, files).trashed);
     for (const QString &made :
          {home + QStringLiteral("/.local"), home + QStringLiteral("/.local/share/Trash"), files, info,
           info + QStringLiteral("/root-owned.plist.trashinfo")}) {
@@ -193,7 +196,7 @@ TEST_F(TrashTest, AsRootTheTrashIsHandedToItsUserAndLinksOutAreRefused)
     ASSERT_TRUE(QFile::link(elsewhere, info));
     ASSERT_EQ(::lchown(QFile::encodeName(info).constData(), kOtherUid, kOtherUid), 0);
     const QString second = write(QStringLiteral("second.plist"));
-    EXPECT_FALSE(HXTrash::moveToTrash(second, files).trashed);
+    EXPECT_FALSE(platform::trash::moveToTrash(second, files).trashed);
     EXPECT_TRUE(QFileInfo::exists(second));
     EXPECT_TRUE(QDir(elsewhere).isEmpty());
 }
@@ -215,10 +218,10 @@ TEST_F(TrashTest, ItemsOnAnotherFileSystemGoToThatVolumesTrash)
 
     const QString volumeTrash = QStringLiteral("/dev/shm/.Trash-") + QString::number(::geteuid());
     const bool hadVolumeTrash = QFileInfo::exists(volumeTrash);
-    const HXTrash::Outcome outcome = HXTrash::moveToTrash(path, files);
+    const platform::trash::Outcome outcome = platform::trash::moveToTrash(path, files);
     ASSERT_TRUE(outcome.trashed) << outcome.error;
     EXPECT_EQ(outcome.trashedPath, volumeTrash + QStringLiteral("/files/") + name);
-    EXPECT_TRUE(read(outcome.infoPath).contains("Path=" + HXTrash::encodedPath(path) + '\n'));
+    EXPECT_TRUE(read(outcome.infoPath).contains("Path=" + platform::trash::encodedPath(path) + '\n'));
     EXPECT_FALSE(QFileInfo::exists(files + QLatin1Char('/') + name));
     QFile::remove(outcome.trashedPath);
     QFile::remove(outcome.infoPath);
