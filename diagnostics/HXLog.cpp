@@ -1,6 +1,7 @@
 #include "diagnostics/HXLog.h"
 
 #include "diagnostics/HXDateDescription.h"
+#include "platform/Folder.h"
 #include "platform/Platform.h"
 #include "system/HXBundle.h"
 #include "system/HXLocalPaths.h"
@@ -22,6 +23,8 @@
 #include <unistd.h>
 
 namespace {
+
+using StatInfo = struct stat;
 
 constexpr qsizetype kBufferLimit = 64 * 1024;
 constexpr std::size_t kTerminateWaitLimit = 20;
@@ -61,26 +64,18 @@ bool loggingDisabledByPreference()
 
 // Creates FOLDER with its missing parents. Running as root inside the console
 // user's home, the folders made are handed to that user so that the user's own
-// runs can still write their logs there.
+// runs can still write their logs there. Opened as root opens the user's folders:
+// never through a link the user planted.
 bool createFolder(const QString &folder)
 {
     if (folder.isEmpty())
         return false;
-    QStringList created;
-    for (QString probe = folder; !probe.isEmpty() && probe != QLatin1String("/") && !QFileInfo::exists(probe);
-         probe = HXPath::deletingLastComponent(probe))
-        created.prepend(probe);
-    if (!QDir().mkpath(folder))
-        return false;
+    std::optional<uid_t> owner;
     const QString home = HXLocalPaths::userDirectory();
-    struct stat homeInfo {};
-    if (platform::isRoot() && !home.isEmpty() && folder.startsWith(home + QLatin1Char('/')) &&
-        ::stat(QFile::encodeName(home).constData(), &homeInfo) == 0 && homeInfo.st_uid != 0) {
-        for (const QString &made : created)
-            if (::lchown(QFile::encodeName(made).constData(), homeInfo.st_uid, homeInfo.st_gid) != 0)
-                break;
-    }
-    return true;
+    if (platform::isRoot() && !home.isEmpty() && folder.startsWith(home + QLatin1Char('/')))
+        if (const std::optional<platform::Folder> homeFolder = platform::Folder::open(home))
+            owner = homeFolder->info().value_or(StatInfo{}).st_uid;
+    return platform::Folder::openMakingPath(folder, 0777, owner).has_value();
 }
 
 // Replaces PATH with an empty file through a temporary file and a rename.
@@ -102,13 +97,11 @@ bool writeEmptyFileAtomically(const QString &path, QString *error)
     return true;
 }
 
-// Moves a generation to the next name; like the platform's move, it refuses to
-// replace an existing file.
-bool moveGeneration(const QString &from, const QString &to)
+// Moves generation FROM to TO inside the opened log FOLDER; like the platform's
+// move, it refuses to replace an existing file.
+bool moveGeneration(const platform::Folder &folder, const QString &from, const QString &to)
 {
-    if (QFileInfo::exists(to))
-        return false;
-    return ::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) == 0;
+    return folder.rename(from, folder, to, false) == 0;
 }
 
 QString generationPath(const QString &folder, const QString &name, int generation)
@@ -231,14 +224,20 @@ bool HXLog::createNewLogLocked(const QString &name)
     }
 
     if (QFileInfo::exists(current)) {
-        QFile::remove(generationPath(folder, m_appName, kGenerations));
+        // The generations lie in the user's folder: changed by descriptor only.
+        const std::optional<platform::Folder> generations = platform::Folder::open(folder);
+        auto name = [&](int generation) {
+            return HXPath::lastComponent(generationPath(folder, m_appName, generation));
+        };
+        if (generations)
+            generations->removeEntry(name(kGenerations));
         for (int generation = kGenerations - 1; generation >= 1; --generation) {
-            const QString from = generationPath(folder, m_appName, generation);
-            if (!QFileInfo::exists(from))
+            if (!generations || !generations->contains(name(generation)))
                 continue;
-            const QString to = generationPath(folder, m_appName, generation + 1);
-            if (!moveGeneration(from, to)) {
-                printToConsole(HXFormat(u"Unable to move file %s to %s.\n", from, to));
+            if (!moveGeneration(*generations, name(generation), name(generation + 1))) {
+                printToConsole(HXFormat(u"Unable to move file %s to %s.\n",
+                                        generationPath(folder, m_appName, generation),
+                                        generationPath(folder, m_appName, generation + 1)));
                 return false;
             }
         }
