@@ -1,6 +1,7 @@
 #include "fs/HXFileAttributes.h"
 
 #include "platform/FileDates.h"
+#include "platform/Platform.h"
 #include "system/HXAuthorization.h"
 #include "system/HXPrivilegedRequest.h"
 #include "system/HXTaskEx.h"
@@ -17,7 +18,8 @@ bool touchFile(const QString &path, bool setCreationDate)
     if (path.isEmpty())
         return false;
     bool touched = false;
-    if (::access(QFile::encodeName(path).constData(), W_OK) == 0) {
+    // Root goes through the checked request, which never follows a user's link.
+    if (!platform::isRoot() && ::access(QFile::encodeName(path).constData(), W_OK) == 0) {
         HXTaskEx::runTask(HXSystemTools::touch(), {QStringLiteral("-c"), path}, 5s);
         if (setCreationDate)
             platform::setCreationDate(path, QDateTime::currentDateTimeUtc());
