@@ -10,6 +10,7 @@
 #include "system/HXPath.h"
 
 #include <QDataStream>
+#include <QStringDecoder>
 #include <QFileInfo>
 #include <QIODevice>
 
@@ -66,29 +67,84 @@ bool HXPrivilegedRequest::isWellFormed() const
     return false;
 }
 
+// The wire form: magic, operation, wait flag, argument count, then each argument
+// as its UTF-8 length and bytes; integers big-endian. Decoding checks every
+// length against what is left, so no message can make the runner allocate more
+// than the message itself.
+namespace {
+
+void appendNumber(QByteArray &bytes, quint32 value)
+{
+    for (int shift = 24; shift >= 0; shift -= 8)
+        bytes.append(static_cast<char>((value >> shift) & 0xff));
+}
+
+struct Reader {
+    const QByteArray &bytes;
+    qsizetype position = 0;
+
+    std::optional<quint32> number()
+    {
+        if (bytes.size() - position < 4)
+            return std::nullopt;
+        quint32 value = 0;
+        for (int i = 0; i < 4; ++i)
+            value = (value << 8) | static_cast<unsigned char>(bytes[position + i]);
+        position += 4;
+        return value;
+    }
+    std::optional<QByteArray> chunk(quint32 length)
+    {
+        if (static_cast<quint64>(bytes.size() - position) < length)
+            return std::nullopt;
+        const QByteArray part = bytes.mid(position, length);
+        position += length;
+        return part;
+    }
+};
+
+}  // namespace
+
 QByteArray HXPrivilegedRequest::encoded() const
 {
     QByteArray bytes;
-    QDataStream stream(&bytes, QIODevice::WriteOnly);
-    stream.setVersion(QDataStream::Qt_6_0);
-    stream << kRequestMagic << static_cast<qint32>(operation) << wait << arguments;
+    appendNumber(bytes, kRequestMagic);
+    appendNumber(bytes, static_cast<quint32>(operation));
+    appendNumber(bytes, wait ? 1 : 0);
+    appendNumber(bytes, static_cast<quint32>(arguments.size()));
+    for (const QString &argument : arguments) {
+        const QByteArray text = argument.toUtf8();
+        appendNumber(bytes, static_cast<quint32>(text.size()));
+        bytes.append(text);
+    }
     return bytes;
 }
 
 std::optional<HXPrivilegedRequest> HXPrivilegedRequest::decoded(const QByteArray &bytes)
 {
-    QDataStream stream(bytes);
-    stream.setVersion(QDataStream::Qt_6_0);
-    quint32 magic = 0;
-    qint32 operation = -1;
-    HXPrivilegedRequest request;
-    stream >> magic >> operation >> request.wait >> request.arguments;
-    if (stream.status() != QDataStream::Ok || !stream.atEnd() || magic != kRequestMagic ||
-        operation < static_cast<qint32>(HXPrivilegedOperation::Remove) ||
-        operation > static_cast<qint32>(HXPrivilegedOperation::RunHelper))
+    Reader reader{bytes};
+    const std::optional<quint32> magic = reader.number();
+    const std::optional<quint32> operation = reader.number();
+    const std::optional<quint32> wait = reader.number();
+    std::optional<quint32> count = reader.number();
+    if (!count || *magic != kRequestMagic ||
+        *operation > static_cast<quint32>(HXPrivilegedOperation::RunHelper) || *wait > 1)
         return std::nullopt;
-    request.operation = static_cast<HXPrivilegedOperation>(operation);
-    if (!request.isWellFormed())
+    HXPrivilegedRequest request;
+    request.operation = static_cast<HXPrivilegedOperation>(*operation);
+    request.wait = *wait == 1;
+    for (; *count > 0; --*count) {
+        const std::optional<quint32> length = reader.number();
+        const std::optional<QByteArray> text = length ? reader.chunk(*length) : std::nullopt;
+        if (!text)
+            return std::nullopt;
+        QStringDecoder decoder(QStringDecoder::Utf8);
+        QString argument = decoder.decode(*text);
+        if (decoder.hasError())
+            return std::nullopt;
+        request.arguments.append(argument);
+    }
+    if (reader.position != bytes.size() || !request.isWellFormed())
         return std::nullopt;
     return request;
 }
