@@ -99,18 +99,15 @@ bool isSymbolicLinkAtPath(const QString &path)
 namespace {
 
 // trashFile of the entry NAME of the opened FOLDER, known as PATH.
-bool trashEntry(const platform::Folder &folder, const QString &name, const QString &path)
+bool trashEntry(const platform::Folder &folder, const QString &name, const QString &path, bool shouldAuth)
 {
     if (const int error = folder.setImmutable(name, false))
         HXLog::fastAppendLog(u"Unable to unlock file %@: %@", path, qt_error_string(error));
-    if (!folder.contains(name))
+    if (!fileExistsAtPath(path))
         return true;
-    std::optional<platform::Folder> parent = folder.duplicate();
-    if (parent && platform::trash::moveToTrash(platform::Item{std::move(*parent), name}, path,
-                                               HXLocalPaths::trashDirectory())
-                      .trashed)
+    if (platform::trash::moveToTrash(folder, name, path, HXLocalPaths::trashDirectory()).trashed)
         return true;
-    return HXAuthorization::sharedController().authTrashFile(path);
+    return shouldAuth && HXAuthorization::sharedController().authTrashFile(path);
 }
 
 // Trashes, below the opened FOLDER (known as PATH), every file MATCHES accepts.
@@ -125,7 +122,7 @@ void trashMatching(const platform::Folder &folder, const QString &path,
             // A package with the extension is searched too, never trashed whole.
             trashMatching(*subfolder, entry, matches, trashed);
         } else if (matches(name)) {
-            trashEntry(folder, name, entry);
+            trashEntry(folder, name, entry, true);
             trashed.append(entry);
         }
     }
@@ -148,10 +145,11 @@ QStringList trashMatching(const QString &folder, const std::function<bool(const 
 bool trashFile(const QString &path, bool shouldAuth)
 {
     try {
+        // One walk to the item serves the unlocking and the move.
+        if (const std::optional<platform::Item> item = platform::Item::open(path))
+            return trashEntry(item->folder, item->name, platform::absoluteItemPath(path), shouldAuth);
         unlockFile(path);
         if (!fileExistsAtPath(path))
-            return true;
-        if (platform::trash::moveToTrash(path, HXLocalPaths::trashDirectory()).trashed)
             return true;
         return shouldAuth && HXAuthorization::sharedController().authTrashFile(path);
     } catch (const std::exception &e) {

@@ -30,8 +30,9 @@ struct Outcome {
 // trash ($topdir/.Trash/$uid or $topdir/.Trash-$uid) of the user owning the home
 // trash. As root, folders and records made in that user's trash are handed to him.
 Outcome moveToTrash(const QString &path, const QString &trashFilesFolder);
-// The same for an item already opened; ORIGINALPATH goes into its record.
-Outcome moveToTrash(const Item &item, const QString &originalPath, const QString &trashFilesFolder);
+// The same for the entry NAME of an opened FOLDER; ORIGINALPATH goes into its record.
+Outcome moveToTrash(const Folder &folder, const QString &name, const QString &originalPath,
+                    const QString &trashFilesFolder);
 
 // Moves PATH into the home trash under exactly NAME, with its record; EEXIST when
 // NAME is taken there. Across file systems the item is copied, then removed.

@@ -143,16 +143,15 @@ std::shared_ptr<TrashFolders> homeTrash(const QString &root, int &error)
         return opened && opened->st_nlink > 0 && ::lstat(path.constData(), &named) == 0 &&
                opened->st_dev == named.st_dev && opened->st_ino == named.st_ino;
     };
-    const uid_t owner = trashOwner(root);
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        if (cached && cached->root == root && cached->owner == owner && same(cached->files, files) &&
-            same(cached->info, info))
+        if (cached && cached->root == root && same(cached->files, files) && same(cached->info, info))
             return cached;
     }
     auto trash = std::make_shared<TrashFolders>();
     trash->root = root;
-    trash->owner = owner;
+    trash->owner = trashOwner(root);
+    const uid_t owner = trash->owner;
     std::optional<Folder> rootFolder = Folder::openMakingPath(root, 0700, owner, &error);
     if (!rootFolder || !openFilesAndInfo(*trash, *rootFolder, error))
         return nullptr;
@@ -184,18 +183,19 @@ bool writeRecord(const TrashFolders &trash, const QString &name, const QByteArra
 // Moves ITEM to NAME in the trash's files folder: a rename, or across mounts a
 // copy and a removal. A failed copy leaves nothing in the trash; a folder removed
 // only in part keeps its complete copy there (KEEPRECORD), so nothing is lost.
-int moveInto(const Item &item, const TrashFolders &trash, const QString &name, bool &keepRecord)
+int moveInto(const Folder &folder, const QString &itemName, const TrashFolders &trash, const QString &name,
+             bool &keepRecord)
 {
     keepRecord = false;
-    const int error = item.folder.rename(item.name, trash.files, name, false);
+    const int error = folder.rename(itemName, trash.files, name, false);
     if (error != EXDEV)
         return error;
-    if (const int copyError = item.folder.copyTree(item.name, trash.files, name); copyError != 0) {
+    if (const int copyError = folder.copyTree(itemName, trash.files, name); copyError != 0) {
         trash.files.removeTree(name);
         return copyError;
     }
-    const std::optional<struct stat> original = item.info();
-    const int removeError = item.folder.removeTree(item.name);
+    const std::optional<struct stat> original = folder.infoOf(itemName);
+    const int removeError = folder.removeTree(itemName);
     if (removeError == 0)
         return 0;
     keepRecord = original && S_ISDIR(original->st_mode);
@@ -257,12 +257,13 @@ Outcome moveToTrash(const QString &path, const QString &trashFilesFolder)
     const std::optional<Item> item = Item::open(original, &error);
     if (!item)
         return failed(error);
-    return moveToTrash(*item, original, trashFilesFolder);
+    return moveToTrash(item->folder, item->name, original, trashFilesFolder);
 }
 
-Outcome moveToTrash(const Item &item, const QString &originalPath, const QString &trashFilesFolder)
+Outcome moveToTrash(const Folder &folder, const QString &itemName, const QString &originalPath,
+                    const QString &trashFilesFolder)
 {
-    const std::optional<struct stat> itemInfo = item.info();
+    const std::optional<struct stat> itemInfo = folder.infoOf(itemName);
     if (!itemInfo)
         return failed(errno ? errno : ENOENT);
     if (trashFilesFolder.isEmpty())
@@ -281,7 +282,7 @@ Outcome moveToTrash(const Item &item, const QString &originalPath, const QString
         // Moving between file systems would copy; the volume's own trash keeps it a
         // rename. Without one the item is copied into the home trash below.
         QString topdir = withoutLastComponent(originalPath);
-        const std::optional<Folder> top = topOfVolume(item.folder, itemInfo->st_dev, topdir);
+        const std::optional<Folder> top = topOfVolume(folder, itemInfo->st_dev, topdir);
         volume.owner = home->owner;
         if (top && openVolumeTrash(volume, *top, topdir, error))
             trash = &volume;
@@ -298,7 +299,7 @@ Outcome moveToTrash(const Item &item, const QString &originalPath, const QString
             return failed(error);
         }
         bool keepRecord = false;
-        error = moveInto(item, *trash, candidate, keepRecord);
+        error = moveInto(folder, itemName, *trash, candidate, keepRecord);
         if (error == 0)
             return trashedAs(*trash, candidate);
         if (!keepRecord)
@@ -330,7 +331,7 @@ Outcome moveToTrashAs(const QString &path, const QString &trashFilesFolder, cons
     if (!writeRecord(*trash, name, trashInfo(original, QDateTime::currentDateTime()), error))
         return failed(error);
     bool keepRecord = false;
-    error = moveInto(*item, *trash, name, keepRecord);
+    error = moveInto(item->folder, item->name, *trash, name, keepRecord);
     if (error == 0)
         return trashedAs(*trash, name);
     if (!keepRecord)
