@@ -3,11 +3,14 @@
 #include <QDir>
 #include <QFile>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -170,12 +173,30 @@ int walk(int start, QList<Step> steps, const MakeMissing &make, int *error)
     return current.release();
 }
 
+// The whole path in one call when no link and no ".." lies on it, which is the
+// common case; -1 otherwise (or on an old kernel), and the walk decides.
+int openWithoutLinks(const QByteArray &path)
+{
+    open_how how{};
+    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    const long fd = ::syscall(SYS_openat2, AT_FDCWD, path.constData(), &how, sizeof how);
+    return fd >= 0 ? static_cast<int>(fd) : -1;
+}
+
 int walkPath(const QString &path, const MakeMissing &make, int *error)
 {
+    const QByteArray absolute = encoded(absoluteItemPath(path));
+    QList<Step> steps = stepsOf(absolute, false);
+    const bool climbs =
+        std::any_of(steps.begin(), steps.end(), [](const Step &step) { return step.name == ".."; });
+    if (!climbs)
+        if (const int fd = openWithoutLinks(absolute); fd >= 0)
+            return fd;
     const int root = openRoot(error);
     if (root < 0)
         return -1;
-    return walk(root, stepsOf(encoded(absoluteItemPath(path)), false), make, error);
+    return walk(root, std::move(steps), make, error);
 }
 
 // A real descriptor of the folder FD for reading its entries.
