@@ -318,9 +318,17 @@ int copyAt(int from, const char *name, int to, const char *toName)
         target[length] = '\0';
         if (::symlinkat(target, to, toName) != 0)
             return errno;
-        if (::geteuid() == 0 && ::fchownat(to, toName, info.st_uid, info.st_gid, AT_SYMLINK_NOFOLLOW) != 0)
+        if (::geteuid() != 0)
+            return 0;
+        // Owned through a descriptor of the very link made: the name may have been
+        // swapped for a hard link to anything since.
+        Descriptor link(::openat(to, toName, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        struct stat made {};
+        if (link.get() < 0 || ::fstat(link.get(), &made) != 0)
             return errno;
-        return 0;
+        if (!S_ISLNK(made.st_mode))
+            return EAGAIN;
+        return ::fchownat(link.get(), "", info.st_uid, info.st_gid, AT_EMPTY_PATH) == 0 ? 0 : errno;
     }
     if (S_ISREG(info.st_mode)) {
         Descriptor in(::openat(from, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
