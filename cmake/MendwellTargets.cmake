@@ -11,6 +11,10 @@ target_compile_definitions(mendwell_core PUBLIC QT_NO_KEYWORDS
 if(TARGET PkgConfig::SYSTEMD)
   target_link_libraries(mendwell_core PUBLIC PkgConfig::SYSTEMD)
 endif()
+# The in-process authentication agent; its GLib headers stay inside platform/linux.
+if(TARGET PkgConfig::POLKIT_AGENT)
+  target_link_libraries(mendwell_core PRIVATE PkgConfig::POLKIT_AGENT)
+endif()
 
 
 # Adds every source file of the calling folder (not its sub-folders) to TARGET.

@@ -1,12 +1,14 @@
 #include "platform/AdminAuthorization.h"
 
 #include "platform/ChildProcess.h"
+#include "platform/linux/PolkitCredentialAgentLinux.h"
 
 #include <QFileInfo>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 #include <pthread.h>
@@ -19,7 +21,8 @@ namespace {
 
 const QString kPkexec = QStringLiteral("/usr/bin/pkexec");
 constexpr quint32 kMaxMessage = 16 * 1024 * 1024;
-// The status macOS gives when no credentials can be taken (errAuthorizationInternal).
+// The credentials could not be checked (errAuthorizationInternal): no system bus,
+// or polkit would not take our agent.
 constexpr int kNoCredentialService = -60008;
 
 bool writeAll(int fd, const char *data, size_t length)
@@ -110,19 +113,23 @@ AdminAuthorization::~AdminAuthorization()
         m_runner->process->closeStandardInput();
 }
 
-std::shared_ptr<AdminAuthorization> AdminAuthorization::acquire(const QString &runnerPath, int *status)
+namespace {
+
+// pkexec's status when it did not run the program: not authorized or dismissed.
+constexpr int kPkexecNotAuthorized = 126;
+
+bool canStart(const QString &runnerPath)
 {
-    auto setStatus = [status](int value) {
-        if (status)
-            *status = value;
-    };
-    if (!QFileInfo(kPkexec).isExecutable() || !QFileInfo(runnerPath).isExecutable()) {
-        setStatus(127);
-        return nullptr;
-    }
-    // pkexec asks polkit with user interaction allowed: the session's agent
-    // shows its password dialog. The runner's input and output are pipes that
-    // only this process holds, so nobody else can hand it commands.
+    return QFileInfo(kPkexec).isExecutable() && QFileInfo(runnerPath).isExecutable();
+}
+
+// Starts the runner through pkexec and waits for its first message, which
+// comes once polkit has let it run. None otherwise, with pkexec's status in
+// CODE (126 not authorized or dismissed, 127 anything else).
+std::shared_ptr<ChildProcess> startRunner(const QString &runnerPath, int *code)
+{
+    // The runner's input and output are pipes that only this process holds, so
+    // nobody else can hand it commands.
     auto process = std::make_shared<ChildProcess>(kPkexec, QStringList{runnerPath});
     // Other processes of the same user may neither trace this one nor open its
     // descriptors through /proc, so the pipes to the runner stay ours alone.
@@ -130,29 +137,94 @@ std::shared_ptr<AdminAuthorization> AdminAuthorization::acquire(const QString &r
     process->setStandardInput(ChildProcess::Stream::Pipe);
     process->setStandardOutput(ChildProcess::Stream::Pipe);
     if (!process->launch()) {
-        setStatus(127);
+        *code = 127;
         return nullptr;
     }
     const std::optional<QByteArray> ready = readMessage(process->standardOutputReadEnd());
-    if (!ready || *ready != kReadyMessage) {
+    if (!ready || *ready != AdminAuthorization::kReadyMessage) {
         process->closeStandardInput();
         process->waitUntilExit();
-        // pkexec: 126 not authorized or dismissed, 127 anything else.
-        const int code = process->terminationStatus().value_or(127);
-        setStatus(code != 0 ? code : 127);
+        const int status = process->terminationStatus().value_or(127);
+        *code = status != 0 ? status : 127;
         return nullptr;
     }
+    *code = 0;
+    return process;
+}
+
+}  // namespace
+
+std::shared_ptr<AdminAuthorization> AdminAuthorization::acquire(const QString &runnerPath, int *status)
+{
+    auto setStatus = [status](int value) {
+        if (status)
+            *status = value;
+    };
+    if (!canStart(runnerPath)) {
+        setStatus(127);
+        return nullptr;
+    }
+    // pkexec asks polkit with user interaction allowed: the session's agent
+    // shows its password dialog.
+    int code = 0;
+    std::shared_ptr<ChildProcess> process = startRunner(runnerPath, &code);
+    setStatus(code);
+    if (!process)
+        return nullptr;
     std::shared_ptr<AdminAuthorization> authorization(new AdminAuthorization());
     authorization->m_runner->process = std::move(process);
-    setStatus(0);
     return authorization;
 }
 
-std::shared_ptr<AdminAuthorization> AdminAuthorization::acquire(const QString &, const QString &,
-                                                                const QString &, int *status)
+std::shared_ptr<AdminAuthorization> AdminAuthorization::acquire(const QString &runnerPath,
+                                                                const QString &user, const QString &password,
+                                                                int *status)
 {
-    if (status)
-        *status = kNoCredentialService;
+    auto setStatus = [status](int value) {
+        if (status)
+            *status = value;
+    };
+    if (!canStart(runnerPath)) {
+        setStatus(127);
+        return nullptr;
+    }
+    QByteArray secret = password.toUtf8();
+    // polkit's helper reads the password as one line: from a password with a
+    // line break or a zero byte it would check only the part before it.
+    if (user.isEmpty() || secret.isEmpty() || secret.contains('\n') || secret.contains('\0')) {
+        ::explicit_bzero(secret.data(), static_cast<size_t>(secret.size()));
+        setStatus(kStatusDenied);
+        return nullptr;
+    }
+    // pkexec authorizes its parent, this process: polkitd turns to the agent
+    // registered for it, ours, which answers with the credentials and shows
+    // nothing. It is gone again before this returns, so nothing else this
+    // process starts later is answered with them.
+    int code = 0;
+    std::shared_ptr<ChildProcess> process;
+    PolkitCredentialAgent::Outcome outcome = PolkitCredentialAgent::Outcome::NotAsked;
+    {
+        PolkitCredentialAgent agent(user, std::move(secret), runnerPath, kActionId);
+        if (!agent.start()) {
+            setStatus(kNoCredentialService);
+            return nullptr;
+        }
+        process = startRunner(runnerPath, &code);
+        outcome = agent.finish();
+    }
+    if (process) {
+        std::shared_ptr<AdminAuthorization> authorization(new AdminAuthorization());
+        authorization->m_runner->process = std::move(process);
+        setStatus(0);
+        return authorization;
+    }
+    // Refused by PAM or not among the administrators polkit offered; or polkit
+    // refused outright without asking for anyone's password.
+    if (outcome == PolkitCredentialAgent::Outcome::Refused ||
+        (outcome == PolkitCredentialAgent::Outcome::NotAsked && code == kPkexecNotAuthorized))
+        setStatus(kStatusDenied);
+    else
+        setStatus(code);
     return nullptr;
 }
 

@@ -148,3 +148,64 @@ TEST_F(HXAuthorizationPolkitTest, RunnerNeverFollowsALinkOutOfTheGivenFolders)
     EXPECT_NE(output.find("remove 1"), std::string::npos) << output;
     EXPECT_TRUE(env.exists(QStringLiteral("/Library/Guarded/victim")));
 }
+
+TEST_F(HXAuthorizationPolkitTest, GivenCredentialsAreCheckedByPolkitWithoutAskingAnyone)
+{
+    const QString admin = QString::fromLatin1(PolkitNamespace::kAdmin);
+    const QString password = QString::fromLatin1(PolkitNamespace::kAdminPassword);
+    const QString removed = kLocked + QStringLiteral("/remove.txt");
+    ASSERT_TRUE(env.makeFolder(QStringLiteral("/Users/anna/Library/Logs"), true));
+    auto startWith = [](const QString &user, const QString &secret) {
+        return QStringList{QStringLiteral("startwith"), user, secret, QStringLiteral(",")};
+    };
+    const QStringList command =
+        QStringList{kClientInBundle} + startWith(admin, QStringLiteral("not the password")) +
+        startWith(QStringLiteral("anna"), password) +  // an account, but no administrator
+        startWith(QStringLiteral("nobody-of-that-name"), password) + startWith(admin, password) +
+        QStringList{QStringLiteral("remove"), removed, QStringLiteral(","), QStringLiteral("ride")};
+    // No agent of anna's: whatever polkit asks must be answered by authclient
+    // itself, and any prompt pkexec shows on the terminal is counted.
+    const PolkitNamespace::Result run = env.runAsUser(command, 0, PolkitNamespace::Agent::None);
+    const std::string output = run.output.toStdString();
+    const std::string errors = run.errors.toStdString();
+    const QByteArray shown = QByteArray(run.output).replace("\r\n", "\n");
+    EXPECT_EQ(run.exitCode, 0) << output << errors;
+    EXPECT_TRUE(shown.startsWith("startwith 0\nstartwith 0\nstartwith 0\nstartwith 1\nremove 1\n"))
+        << output << errors;
+    EXPECT_FALSE(env.exists(removed));
+
+    // Each refusal is reported on standard error and in the program log, as a
+    // refusal and not as a failure to check.
+    const QByteArray refused = "Authorization failed. Invalid username or password";
+    EXPECT_EQ(run.errors.count(refused), 3) << errors;
+    EXPECT_EQ(errors.find("Unable to create authRef"), std::string::npos) << errors;
+    QFile log(env.hostPath(QStringLiteral("/Users/anna/Library/Logs/Lanternfish/authclient.1.log")));
+    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
+    EXPECT_EQ(log.readAll().count(refused), 3);
+    EXPECT_TRUE(run.polkitLog.contains("mendwell-test: action com.lanternfish.mendwell.authtool for anna"))
+        << run.polkitLog.toStdString();
+
+    // Nothing was asked of anyone while the credentials were used...
+    const qsizetype ridden = shown.indexOf("remove 1\n");
+    EXPECT_GT(ridden, 0) << output;
+    EXPECT_EQ(shown.left(ridden).count("Password:"), 0) << output;
+    EXPECT_FALSE(shown.left(ridden).contains("AUTHENTICATING FOR")) << output;
+    // ...and the agent that answered with them is gone when the right is held:
+    // another start of the runner from the same process falls to pkexec's own
+    // prompt (a wrong password here) instead of being let through on them.
+    EXPECT_EQ(run.passwordPrompts, 1) << output;
+    EXPECT_TRUE(shown.contains("ride ")) << output;
+    EXPECT_FALSE(shown.contains("ride 0")) << output;
+
+    // Without a system bus the credentials cannot be checked at all: a failure
+    // of its own, not a refusal.
+    const PolkitNamespace::Result unchecked = env.runAsUser(
+        {QStringLiteral("env"), QStringLiteral("DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nonexistent/bus"),
+         kClientInBundle, QStringLiteral("startwith"), admin, password},
+        0, PolkitNamespace::Agent::None);
+    EXPECT_TRUE(unchecked.output.startsWith("startwith 0")) << unchecked.output.toStdString();
+    EXPECT_TRUE(unchecked.errors.contains("Unable to create authRef - error -60008"))
+        << unchecked.errors.toStdString();
+    EXPECT_FALSE(unchecked.errors.contains(refused)) << unchecked.errors.toStdString();
+    EXPECT_EQ(unchecked.passwordPrompts, 0) << unchecked.output.toStdString();
+}

@@ -4,8 +4,10 @@
 //   authclient [--nogui] OPERATION ARGS... [, OPERATION ARGS...]...
 // Operations: start, end, authorized, remove P, trash P, trashdelete P,
 // trashcontents F, movecontents F D, move S D, copy S D, mkdir P, exec TOOL,
-// fdprobe (lists this process's descriptors from a child process), ride.
+// fdprobe (lists this process's descriptors from a child process), ride,
+// startwith USER PASSWORD (writes the program log "authclient").
 
+#include "diagnostics/HXLog.h"
 #include "system/HXAuthorization.h"
 #include "system/HXTaskEx.h"
 
@@ -14,6 +16,7 @@
 
 #include <cstdio>
 #include <unistd.h>
+#include <utility>
 
 int main(int argc, char **argv)
 {
@@ -43,7 +46,13 @@ int main(int argc, char **argv)
         long long result = -100;
         if (name == QLatin1String("start"))
             result = auth.authStart();
-        else if (name == QLatin1String("end"))
+        else if (name == QLatin1String("startwith")) {
+            static bool logOpened = false;  // a refusal is written to the program log too
+            if (!std::exchange(logOpened, true))
+                HXLog::createNewLog(QStringLiteral("authclient"));
+            result = auth.authStartWithUser(a, b);
+            HXLog::finishWriting();
+        } else if (name == QLatin1String("end"))
             auth.authEnd(), result = 1;
         else if (name == QLatin1String("authorized"))
             result = auth.isAuthorized();

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
 #include <pwd.h>
@@ -105,7 +106,8 @@ bool PolkitNamespace::installInBundle(const QString &program) const
     return QFile::copy(program, target);
 }
 
-PolkitNamespace::Result PolkitNamespace::runAsUser(const QStringList &command, int answered) const
+PolkitNamespace::Result PolkitNamespace::runAsUser(const QStringList &command, int answered,
+                                                   Agent agent) const
 {
     Result result;
     QStringList arguments{QStringLiteral("unshare"),
@@ -134,8 +136,10 @@ PolkitNamespace::Result PolkitNamespace::runAsUser(const QStringList &command, i
     for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
         if (qEnvironmentVariableIsSet(name))
             arguments << QString::fromLatin1(name) + QLatin1Char('=') + qEnvironmentVariable(name);
-    arguments << QStringLiteral("/bin/sh") << hostPath(QStringLiteral("/scenario.sh"))
-              << hostPath(QStringLiteral("/agent")) << command;
+    if (agent == Agent::Terminal)
+        arguments << QStringLiteral("/bin/sh") << hostPath(QStringLiteral("/scenario.sh"))
+                  << hostPath(QStringLiteral("/agent"));
+    arguments << command;
 
     std::vector<QByteArray> storage;
     std::vector<char *> argv;
@@ -145,27 +149,54 @@ PolkitNamespace::Result PolkitNamespace::runAsUser(const QStringList &command, i
         argv.push_back(argument.data());
     argv.push_back(nullptr);
 
+    // Without the terminal's agent standard error gets a pipe of its own, so
+    // that what the command writes there can be told from what it shows.
+    int errors[2] = {-1, -1};
+    if (agent == Agent::None && ::pipe2(errors, O_CLOEXEC) != 0)
+        return result;
     int master = -1;
     const pid_t child = forkpty(&master, nullptr, nullptr, nullptr);
-    if (child < 0)
+    if (child < 0) {
+        for (const int end : errors)
+            if (end >= 0)
+                ::close(end);
         return result;
+    }
     if (child == 0) {
+        if (errors[1] >= 0)
+            ::dup2(errors[1], STDERR_FILENO);
         ::execvp(argv[0], argv.data());
         ::_exit(127);
     }
+    if (errors[1] >= 0)
+        ::close(errors[1]);
 
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     char buffer[4096];
-    while (std::chrono::steady_clock::now() < deadline) {
-        pollfd ready{master, POLLIN, 0};
-        const int count = ::poll(&ready, 1, 200);
+    bool terminalOpen = true;
+    while (terminalOpen && std::chrono::steady_clock::now() < deadline) {
+        pollfd ready[2] = {{master, POLLIN, 0}, {errors[0], POLLIN, 0}};
+        const int count = ::poll(ready, errors[0] >= 0 ? 2 : 1, 200);
         if (count < 0 && errno == EINTR)
             continue;
         if (count == 0)
             continue;
+        if (errors[0] >= 0 && ready[1].revents != 0) {
+            const ssize_t length = ::read(errors[0], buffer, sizeof buffer);
+            if (length > 0) {
+                result.errors.append(buffer, length);
+            } else {
+                ::close(errors[0]);
+                errors[0] = -1;
+            }
+        }
+        if (ready[0].revents == 0)
+            continue;
         const ssize_t length = ::read(master, buffer, sizeof buffer);
-        if (length <= 0)
-            break;  // EIO: every holder of the terminal has gone
+        if (length <= 0) {
+            terminalOpen = false;  // EIO: every holder of the terminal has gone
+            break;
+        }
         result.output.append(buffer, length);
         const int prompts = static_cast<int>(result.output.count("Password:"));
         while (result.passwordPrompts < prompts) {
@@ -183,8 +214,20 @@ PolkitNamespace::Result PolkitNamespace::runAsUser(const QStringList &command, i
             [[maybe_unused]] const ssize_t written = ::write(master, answer.constData(), answer.size());
         }
     }
-    if (std::chrono::steady_clock::now() >= deadline)
+    if (terminalOpen)
         ::kill(child, SIGKILL);
+    // The rest of standard error, which ends with the command (bounded all the
+    // same: nothing here may hang the test).
+    while (errors[0] >= 0) {
+        pollfd ready{errors[0], POLLIN, 0};
+        const ssize_t length = ::poll(&ready, 1, 2000) > 0 ? ::read(errors[0], buffer, sizeof buffer) : 0;
+        if (length > 0) {
+            result.errors.append(buffer, length);
+        } else {
+            ::close(errors[0]);
+            errors[0] = -1;
+        }
+    }
     int status = 0;
     ::waitpid(child, &status, 0);
     ::close(master);

@@ -4,9 +4,10 @@
 // with a fresh root in which /Users, /Applications and /Library are this test's
 // own, /run/dbus is a tmpfs with our own system bus (dbus-daemon --system), and
 // polkitd runs with our policy added to its actions and a rule that names the
-// test administrator. A command runs there as anna, with pkttyagent registered
-// for it on a pseudo-terminal into which the administrator's password is typed.
-// (pkexec's own agent needs a login session, which a test does not have.)
+// test administrator. A command runs there as anna on a pseudo-terminal, by
+// default with pkttyagent registered for it, into which the administrator's
+// password is typed. (pkexec's own agent needs a login session, which a test
+// does not have.)
 // The bundle is installed as /Applications/Mendwell.app, the path our policy names.
 
 #include <QByteArray>
@@ -33,15 +34,21 @@ public:
     // Copies PROGRAM into the installed bundle's Contents/MacOS.
     bool installInBundle(const QString &program) const;
 
+    // Who answers polkit for the command: pkttyagent on the terminal, or no
+    // agent at all (the command registers its own). Either way a prompt that
+    // reaches the terminal is counted and answered.
+    enum class Agent { Terminal, None };
+
     struct Result {
         int exitCode = -1;
         QByteArray output;  // everything written to the terminal
+        QByteArray errors;  // standard error, kept apart from the terminal with Agent::None only
         int passwordPrompts = 0;
         QByteArray polkitLog;
     };
     // Runs COMMAND as anna. The password is typed at the first ANSWERED prompts;
     // later ones get a wrong password.
-    Result runAsUser(const QStringList &command, int answered = 1) const;
+    Result runAsUser(const QStringList &command, int answered = 1, Agent agent = Agent::Terminal) const;
 
 private:
     QTemporaryDir m_work;

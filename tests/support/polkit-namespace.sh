@@ -69,7 +69,11 @@ exec chroot "$root" /bin/bash -c '
   done
   "$@"
   status=$?
-  [ -f "$work/agent/agent.pid" ] && kill "$(cat "$work/agent/agent.pid")" 2>/dev/null
+  # The agent of this run only: a later run without one must not kill a stale pid.
+  if [ -f "$work/agent/agent.pid" ]; then
+    kill "$(cat "$work/agent/agent.pid")" 2>/dev/null
+    rm -f "$work/agent/agent.pid"
+  fi
   kill "$polkitd" 2>/dev/null
   kill "$(cat /run/dbus/pid)" 2>/dev/null
   exit $status
