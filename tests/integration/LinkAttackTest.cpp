@@ -1,0 +1,97 @@
+// anna against root, in the sandbox: each class of root's operations runs again
+// and again on anna's tree while a process of hers swaps folders for links to a
+// root-owned decoy outside her tree (tests/programs/linkattack.cpp). Nothing may
+// reach the decoy. The figures are printed, so a run by hand shows them.
+
+#include "tests/support/Sandbox.h"
+
+#include <gtest/gtest.h>
+
+#include <QFile>
+#include <QRegularExpression>
+
+#include <cstdio>
+
+namespace {
+
+const QString kDriver = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/linkattack");
+// Each racy class runs at least this many attempts; the time cap only keeps a
+// very slow machine from hanging the run, and then the count check fails.
+constexpr int kAttempts = 1000;
+const QString kSecondsCap = QStringLiteral("90");
+
+struct Figures {
+    int attempts = -1;
+    int escapes = -1;
+};
+
+class LinkAttackTest : public ::testing::TestWithParam<const char *> {
+protected:
+    void SetUp() override
+    {
+        SKIP_WITHOUT_SANDBOX();
+        ASSERT_TRUE(
+            QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/linkattack"), box.hostPath(kDriver)));
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Library/Caches"), true));
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Library/Preferences"), true));
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Library/Logs"), true));
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Preferences")));
+    }
+
+    Figures run(const QString &name, const QStringList &environment = {})
+    {
+        result = box.runAsRoot({kDriver, name, QString::number(kAttempts), kSecondsCap}, environment);
+        std::printf("%s", result.out.constData());
+        const QRegularExpressionMatch match =
+            QRegularExpression(QStringLiteral("attempts=(\\d+) swaps=\\d+ escapes=(\\d+)"))
+                .match(QString::fromUtf8(result.out));
+        if (!match.hasMatch())
+            return {};
+        return {match.captured(1).toInt(), match.captured(2).toInt()};
+    }
+
+    Sandbox box;
+    ProcessResult result;
+};
+
+}  // namespace
+
+TEST_P(LinkAttackTest, NothingReachesTheDecoyWhileAnnaSwapsFoldersForLinks)
+{
+    const Figures figures = run(QString::fromLatin1(GetParam()));
+    const std::string output = result.out.toStdString() + result.err.toStdString();
+    if (result.out.contains("skipped"))
+        GTEST_SKIP() << output;
+    EXPECT_GE(figures.attempts, kAttempts) << output;
+    EXPECT_EQ(figures.escapes, 0) << output;
+    EXPECT_EQ(result.exitCode, 0) << output;
+}
+
+INSTANTIATE_TEST_SUITE_P(Classes, LinkAttackTest,
+                         ::testing::Values("copy", "move", "trash", "trashmatching", "remove", "mkdir", "zip",
+                                           "records", "flags"));
+
+TEST_F(LinkAttackTest, ProtectedFoldersAreRefusedUnderEverySpelling)
+{
+    EXPECT_EQ(run(QStringLiteral("protected")).escapes, 0) << result.out.toStdString();
+    for (const char *text : {"Unable to delete path /Users/anna/ because it is a system directory.\n",
+                             "Unable to trash path /Users/anna//Library because it is a system directory.\n",
+                             "Unable to trash folder contents of path /Users/anna/./Library because it is a "
+                             "system directory.\n",
+                             "Unable to move path /Library/Preferences/ because it is a system directory.\n"})
+        EXPECT_TRUE(result.err.contains(text)) << text << result.err.toStdString();
+}
+
+TEST_F(LinkAttackTest, TheRunnerCarriesOutNoHandMadeRequest)
+{
+    EXPECT_EQ(run(QStringLiteral("runner")).escapes, 0)
+        << result.out.toStdString() << result.err.toStdString();
+    EXPECT_FALSE(box.exists(QStringLiteral("/Library/Decoy/pwned")));
+}
+
+TEST_F(LinkAttackTest, RootWithNobodyAtTheConsoleTrashesNothing)
+{
+    EXPECT_EQ(run(QStringLiteral("noconsole"), {QStringLiteral("SUDO_USER=")}).escapes, 0)
+        << result.out.toStdString() << result.err.toStdString();
+    EXPECT_EQ(result.err.count("Error in authMoveFile: new path is null\n"), 2) << result.err.toStdString();
+}
