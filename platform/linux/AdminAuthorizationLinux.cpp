@@ -204,7 +204,7 @@ std::shared_ptr<AdminAuthorization> AdminAuthorization::acquire(const QString &r
     std::shared_ptr<ChildProcess> process;
     PolkitCredentialAgent::Outcome outcome = PolkitCredentialAgent::Outcome::NotAsked;
     {
-        PolkitCredentialAgent agent(user, std::move(secret), runnerPath, kActionId);
+        PolkitCredentialAgent agent(user, std::move(secret), kActionId);
         if (!agent.start()) {
             setStatus(kNoCredentialService);
             return nullptr;
@@ -223,6 +223,8 @@ std::shared_ptr<AdminAuthorization> AdminAuthorization::acquire(const QString &r
     if (outcome == PolkitCredentialAgent::Outcome::Refused ||
         (outcome == PolkitCredentialAgent::Outcome::NotAsked && code == kPkexecNotAuthorized))
         setStatus(kStatusDenied);
+    else if (outcome == PolkitCredentialAgent::Outcome::OtherAction)
+        setStatus(kNoCredentialService);  // pkexec asked under another action: our policy is not installed
     else
         setStatus(code);
     return nullptr;

@@ -54,7 +54,6 @@ struct PolkitCredentialAgent::Private {
     std::unique_lock<std::mutex> exclusive{g_oneAgentAtATime};
     std::optional<uid_t> uid;
     QByteArray password;
-    QByteArray program;
     QByteArray actionId;
 
     GMainContext *context = nullptr;
@@ -75,9 +74,7 @@ struct PolkitCredentialAgent::Private {
 
     void run();
     void report(bool success, const GError *failure);
-    bool isOurs(const gchar *action, PolkitDetails *details) const;
-    void initiate(GTask *task, const gchar *action, PolkitDetails *details, const gchar *cookie,
-                  GList *identities);
+    void initiate(GTask *task, const gchar *action, const gchar *cookie, GList *identities);
 };
 
 namespace {
@@ -94,11 +91,11 @@ struct MendwellCredentialListenerClass {
 G_DEFINE_TYPE(MendwellCredentialListener, mendwell_credential_listener, POLKIT_AGENT_TYPE_LISTENER)
 
 void initiateAuthentication(PolkitAgentListener *listener, const gchar *action, const gchar *, const gchar *,
-                            PolkitDetails *details, const gchar *cookie, GList *identities,
+                            PolkitDetails *, const gchar *cookie, GList *identities,
                             GCancellable *cancellable, GAsyncReadyCallback callback, gpointer userData)
 {
     GTask *task = g_task_new(listener, cancellable, callback, userData);
-    reinterpret_cast<MendwellCredentialListener *>(listener)->agent->initiate(task, action, details, cookie,
+    reinterpret_cast<MendwellCredentialListener *>(listener)->agent->initiate(task, action, cookie,
                                                                               identities);
 }
 
@@ -175,22 +172,15 @@ void PolkitCredentialAgent::Private::report(bool success, const GError *failure)
     changed.notify_all();
 }
 
-bool PolkitCredentialAgent::Private::isOurs(const gchar *action, PolkitDetails *details) const
+void PolkitCredentialAgent::Private::initiate(GTask *task, const gchar *action, const gchar *cookie,
+                                              GList *identities)
 {
-    if (action && actionId == action)
-        return true;
-    // Without our policy installed pkexec asks under its generic action; the
-    // program it names still tells whether this is the runner.
-    const gchar *requested = details ? polkit_details_lookup(details, "program") : nullptr;
-    return requested && program == requested;
-}
-
-void PolkitCredentialAgent::Private::initiate(GTask *task, const gchar *action, PolkitDetails *details,
-                                              const gchar *cookie, GList *identities)
-{
-    // Another part of this process asking for something else while we are
-    // registered gets no password of ours.
-    if (!isOurs(action, details)) {
+    // The password is for the runner's action alone. Anything else (another
+    // part of this process, or pkexec's generic action when our policy is not
+    // installed) gets none of it.
+    if (!action || actionId != action) {
+        if (outcome == Outcome::NotAsked)
+            outcome = Outcome::OtherAction;
         refuse(task, POLKIT_ERROR_NOT_SUPPORTED, "Not an authentication this agent answers");
         return;
     }
@@ -269,13 +259,12 @@ void PolkitCredentialAgent::Private::run()
     g_main_context_pop_thread_default(context);
 }
 
-PolkitCredentialAgent::PolkitCredentialAgent(const QString &user, QByteArray password, const QString &program,
+PolkitCredentialAgent::PolkitCredentialAgent(const QString &user, QByteArray password,
                                              const QByteArray &actionId)
     : d(std::make_unique<Private>())
 {
     d->uid = userId(user);
     d->password = std::move(password);
-    d->program = QFile::encodeName(program);
     d->actionId = actionId;
     d->context = g_main_context_new();
     d->loop = g_main_loop_new(d->context, FALSE);

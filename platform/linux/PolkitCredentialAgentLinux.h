@@ -15,15 +15,15 @@ namespace platform {
 class PolkitCredentialAgent {
 public:
     enum class Outcome {
-        NotAsked,       // polkit never asked us for the runner
+        NotAsked,       // polkit never asked us
+        OtherAction,    // polkit asked only for actions other than ours
         Refused,        // the user is not among the identities offered, or PAM said no
         Authenticated,  // PAM accepted the password of an offered identity
     };
 
-    // Answers only an authentication for the action ACTION_ID or for pkexec of
-    // PROGRAM. The password is wiped from memory when the agent ends.
-    PolkitCredentialAgent(const QString &user, QByteArray password, const QString &program,
-                          const QByteArray &actionId);
+    // Answers only authentications for the action ACTION_ID. The password is
+    // wiped from memory when the agent ends.
+    PolkitCredentialAgent(const QString &user, QByteArray password, const QByteArray &actionId);
     ~PolkitCredentialAgent();
     PolkitCredentialAgent(const PolkitCredentialAgent &) = delete;
     PolkitCredentialAgent &operator=(const PolkitCredentialAgent &) = delete;
