@@ -1,16 +1,24 @@
 #include "fs/HXArchive.h"
 
-#include "system/HXPath.h"
+#include "platform/Folder.h"
 
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
 
 #include <archive.h>
 #include <archive_entry.h>
 
 #include <array>
+#include <fcntl.h>
 #include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+// Both directions work on opened folders (platform/Folder.h): the archive is a
+// file created exclusively and handed to libarchive as a descriptor, the tree is
+// read and written entry by entry relative to its folder, and no link in the
+// way is ever followed. So a user who swaps a folder or plants a link while root
+// archives cannot send a byte anywhere else.
 
 namespace {
 
@@ -20,50 +28,102 @@ struct ArchiveReadDeleter {
 struct ArchiveWriteDeleter {
     void operator()(archive *a) const { archive_write_free(a); }
 };
+struct EntryDeleter {
+    void operator()(archive_entry *e) const { archive_entry_free(e); }
+};
 using ArchiveReader = std::unique_ptr<archive, ArchiveReadDeleter>;
 using ArchiveWriter = std::unique_ptr<archive, ArchiveWriteDeleter>;
+using Entry = std::unique_ptr<archive_entry, EntryDeleter>;
 
-bool copyData(archive *from, archive *to)
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    ~Descriptor()
+    {
+        if (m_fd >= 0)
+            ::close(m_fd);
+    }
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+bool sameObject(const struct stat &a, const struct stat &b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Writes the file data of FD, exactly SIZE bytes as its header announced.
+bool writeData(archive *zip, int fd, la_int64_t size)
 {
     std::array<char, 64 * 1024> buffer{};
-    for (;;) {
-        const la_ssize_t count = archive_read_data(from, buffer.data(), buffer.size());
-        if (count < 0)
+    while (size > 0) {
+        const ssize_t count =
+            ::read(fd, buffer.data(), static_cast<size_t>(std::min<la_int64_t>(size, buffer.size())));
+        if (count <= 0)
             return false;
-        if (count == 0)
-            return true;
-        if (archive_write_data(to, buffer.data(), static_cast<size_t>(count)) != count)
+        if (archive_write_data(zip, buffer.data(), static_cast<size_t>(count)) != count)
             return false;
+        size -= count;
     }
+    return true;
 }
 
-bool writeEntries(archive *disk, archive *zip, const QByteArray &base, const QByteArray &destination,
-                  bool skipRoot)
-{
-    archive_entry *entry = nullptr;
-    for (;;) {
-        const int status = archive_read_next_header(disk, &entry);
-        if (status == ARCHIVE_EOF)
+struct Writer {
+    archive *zip;
+    struct stat archiveFile;  // left out when it lies inside the tree
+
+    // Stores entry NAME of FOLDER under ARCHIVEPATH, folders with their contents.
+    bool writeItem(const platform::Folder &folder, const QString &name, const QByteArray &archivePath) const
+    {
+        std::optional<struct stat> info = folder.infoOf(name);
+        if (!info)
+            return false;
+        if (sameObject(*info, archiveFile))
             return true;
-        if (status < ARCHIVE_WARN)
+        Entry entry(archive_entry_new());
+        std::optional<Descriptor> data;
+        if (S_ISREG(info->st_mode)) {
+            data.emplace(folder.openFileForReading(name));
+            // The entry describes what was opened, whatever lies under the name now.
+            if (data->get() < 0 || ::fstat(data->get(), &*info) != 0)
+                return false;
+        } else if (S_ISLNK(info->st_mode)) {
+            const std::optional<QByteArray> target = folder.linkTarget(name);
+            if (!target)
+                return false;
+            archive_entry_set_symlink(entry.get(), target->constData());
+        } else if (!S_ISDIR(info->st_mode)) {
+            return true;  // devices, sockets and pipes have no place in a zip
+        }
+        archive_entry_copy_stat(entry.get(), &*info);
+        archive_entry_copy_pathname(entry.get(), archivePath.constData());
+        if (archive_write_header(zip, entry.get()) < ARCHIVE_WARN)
             return false;
-        const QByteArray path(archive_entry_pathname(entry));
-        if (archive_read_disk_can_descend(disk))
-            archive_read_disk_descend(disk);
-        if (path == destination)
-            continue;
-        // The folder given itself, when its entries are stored without it.
-        if (skipRoot && path + '/' == base)
-            continue;
-        const QByteArray relative = path.startsWith(base) ? path.mid(base.size()) : path;
-        archive_entry_copy_pathname(entry, relative.constData());
-        if (archive_write_header(zip, entry) < ARCHIVE_WARN)
-            return false;
-        if (archive_entry_filetype(entry) == AE_IFREG && archive_entry_size(entry) > 0 &&
-            !copyData(disk, zip))
-            return false;
+        if (data)
+            return writeData(zip, data->get(), info->st_size);
+        if (S_ISDIR(info->st_mode)) {
+            const std::optional<platform::Folder> inside = folder.realFolder(name);
+            return inside && writeChildren(*inside, archivePath + '/');
+        }
+        return true;
     }
-}
+
+    bool writeChildren(const platform::Folder &folder, const QByteArray &prefix) const
+    {
+        int error = 0;
+        const QStringList names = folder.entries(&error);
+        if (error != 0)
+            return false;
+        for (const QString &name : names)
+            if (!writeItem(folder, name, prefix + QFile::encodeName(name)))
+                return false;
+        return true;
+    }
+};
 
 // The entry path EXTRACTED may only name something inside the destination.
 bool isContained(const QByteArray &extracted)
@@ -76,69 +136,139 @@ bool isContained(const QByteArray &extracted)
     return true;
 }
 
+// The folder holding PATH (relative, contained) inside ROOT, made as needed and
+// never through a link, not even one the archive itself has just unpacked; its
+// last component goes to NAME.
+std::optional<platform::Folder> folderOf(const platform::Folder &root, const QByteArray &path, QString &name)
+{
+    QList<QByteArray> components;
+    for (const QByteArray &component : path.split('/'))
+        if (!component.isEmpty() && component != ".")
+            components.append(component);
+    if (components.isEmpty())
+        return std::nullopt;
+    name = QFile::decodeName(components.takeLast());
+    std::optional<platform::Folder> current = root.duplicate();
+    for (const QByteArray &component : components) {
+        const QString step = QFile::decodeName(component);
+        std::optional<platform::Folder> next = current->realFolder(step);
+        if (!next && !current->contains(step))
+            next = current->makeFolder(step, 0755);
+        if (!next)
+            return std::nullopt;
+        current = std::move(next);
+    }
+    return current;
+}
+
+// Anything but a folder in NAME's place goes, as the disk writer replaces it.
+void clearPlace(const platform::Folder &folder, const QString &name)
+{
+    const std::optional<struct stat> existing = folder.infoOf(name);
+    if (existing && !S_ISDIR(existing->st_mode))
+        folder.removeEntry(name);
+}
+
+bool setTimes(int folder, const QString &name, time_t modified)
+{
+    const struct timespec times[2] = {{0, UTIME_OMIT}, {modified, 0}};
+    return ::utimensat(folder, QFile::encodeName(name).constData(), times, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+struct FolderFixup {
+    platform::Folder parent;
+    QString name;
+    mode_t mode;
+    time_t modified;
+};
+
+bool unpackFile(archive *zip, const platform::Folder &folder, const QString &name, archive_entry *entry)
+{
+    clearPlace(folder, name);
+    const Descriptor out(folder.createFile(name, 0600));
+    if (out.get() < 0)
+        return false;
+    const void *block = nullptr;
+    size_t size = 0;
+    la_int64_t offset = 0;
+    int read = ARCHIVE_OK;
+    while ((read = archive_read_data_block(zip, &block, &size, &offset)) == ARCHIVE_OK) {
+        for (size_t done = 0; done < size;) {
+            const ssize_t written = ::pwrite(out.get(), static_cast<const char *>(block) + done, size - done,
+                                             static_cast<off_t>(offset + static_cast<la_int64_t>(done)));
+            if (written <= 0)
+                return false;
+            done += static_cast<size_t>(written);
+        }
+    }
+    if (read != ARCHIVE_EOF)
+        return false;
+    const struct timespec times[2] = {{0, UTIME_OMIT}, {archive_entry_mtime(entry), 0}};
+    return ::fchmod(out.get(), archive_entry_perm(entry) & 07777) == 0 && ::futimens(out.get(), times) == 0;
+}
+
 }  // namespace
 
 namespace HXArchive {
 
 bool compress(const QString &source, const QString &destination, bool keepParent)
 {
-    const QString cleanSource = QDir::cleanPath(QFileInfo(source).absoluteFilePath());
-    const QFileInfo sourceInfo(cleanSource);
-    if (!sourceInfo.exists() && !sourceInfo.isSymLink())
+    const std::optional<platform::Item> from = platform::Item::open(source);
+    const std::optional<struct stat> sourceInfo = from ? from->info() : std::nullopt;
+    const std::optional<platform::Item> to = platform::Item::open(destination);
+    if (!sourceInfo || !to)
         return false;
-    const bool isFolder = sourceInfo.isDir() && !sourceInfo.isSymLink();
-    const QString baseFolder =
-        (keepParent || !isFolder) ? HXPath::deletingLastComponent(cleanSource) : cleanSource;
-    QByteArray base = QFile::encodeName(baseFolder);
-    if (!base.endsWith('/'))
-        base += '/';
+    const bool isFolder = S_ISDIR(sourceInfo->st_mode);
 
+    const int fd = to->folder.createFile(to->name, 0644);
+    if (fd < 0)
+        return false;
+    const Descriptor out(fd);
+    Writer writer{nullptr, {}};
     ArchiveWriter zip(archive_write_new());
-    ArchiveReader disk(archive_read_disk_new());
-    if (!zip || !disk)
-        return false;
-    archive_write_set_format_zip(zip.get());
-    archive_write_set_options(zip.get(), "zip:hdrcharset=UTF-8");
-    archive_read_disk_set_symlink_physical(disk.get());
-    archive_read_disk_set_standard_lookup(disk.get());
-    archive_read_disk_set_behavior(disk.get(), ARCHIVE_READDISK_NO_XATTR | ARCHIVE_READDISK_NO_ACL |
-                                                   ARCHIVE_READDISK_NO_FFLAGS);
-
-    const QByteArray destinationName =
-        QFile::encodeName(QDir::cleanPath(QFileInfo(destination).absoluteFilePath()));
-    bool ok = archive_write_open_filename(zip.get(), destinationName.constData()) == ARCHIVE_OK;
+    bool ok = zip && ::fstat(out.get(), &writer.archiveFile) == 0;
     if (ok) {
-        ok = archive_read_disk_open(disk.get(), QFile::encodeName(cleanSource).constData()) == ARCHIVE_OK &&
-             writeEntries(disk.get(), zip.get(), base, destinationName, !keepParent && isFolder);
-        archive_read_close(disk.get());
+        writer.zip = zip.get();
+        archive_write_set_format_zip(zip.get());
+        archive_write_set_options(zip.get(), "zip:hdrcharset=UTF-8");
+        ok = archive_write_open_fd(zip.get(), out.get()) == ARCHIVE_OK;
+    }
+    if (ok) {
+        if (keepParent || !isFolder) {
+            ok = writer.writeItem(from->folder, from->name, QFile::encodeName(from->name));
+        } else {
+            const std::optional<platform::Folder> inside = from->folder.realFolder(from->name);
+            ok = inside && writer.writeChildren(*inside, QByteArray());
+        }
         ok = archive_write_close(zip.get()) == ARCHIVE_OK && ok;
     }
-    if (!ok)
-        QFile::remove(QFile::decodeName(destinationName));
+    if (!ok) {
+        // Only the file made here goes: the name may have been given to another since.
+        const std::optional<struct stat> now = to->info();
+        if (now && sameObject(*now, writer.archiveFile))
+            to->folder.removeEntry(to->name);
+    }
     return ok;
 }
 
 bool decompress(const QString &archivePath, const QString &destination)
 {
-    if (!QFileInfo(archivePath).isFile() || !QDir().mkpath(destination))
+    const std::optional<platform::Item> source = platform::Item::open(archivePath);
+    const int fd = source ? source->folder.openFileForReading(source->name) : -1;
+    if (fd < 0)
         return false;
-    // Resolved, so that the symbolic-link guard only judges links inside the archive.
-    const QString root = QFileInfo(destination).canonicalFilePath();
+    const Descriptor in(fd);
+    const std::optional<platform::Folder> root =
+        platform::Folder::openMakingPath(destination, 0777, std::nullopt);
     ArchiveReader zip(archive_read_new());
-    ArchiveWriter disk(archive_write_disk_new());
-    if (!zip || !disk || root.isEmpty())
+    if (!root || !zip)
         return false;
     archive_read_support_format_zip(zip.get());
-    archive_write_disk_set_options(disk.get(), ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
-                                                   ARCHIVE_EXTRACT_SECURE_NODOTDOT |
-                                                   ARCHIVE_EXTRACT_SECURE_SYMLINKS);
-    archive_write_disk_set_standard_lookup(disk.get());
-    if (archive_read_open_filename(zip.get(), QFile::encodeName(archivePath).constData(), 64 * 1024) !=
-        ARCHIVE_OK)
+    if (archive_read_open_fd(zip.get(), in.get(), 64 * 1024) != ARCHIVE_OK)
         return false;
 
-    const QByteArray prefix = QFile::encodeName(root) + '/';
     bool ok = true;
+    std::vector<FolderFixup> folders;
     archive_entry *entry = nullptr;
     for (;;) {
         const int status = archive_read_next_header(zip.get(), &entry);
@@ -153,42 +283,51 @@ bool decompress(const QString &archivePath, const QString &destination)
         // thing exists here, so they are left out rather than unpacked as files.
         if (path.startsWith("__MACOSX/"))
             continue;
-        if (!isContained(path)) {
+        QString name;
+        std::optional<platform::Folder> folder =
+            isContained(path) ? folderOf(*root, path, name) : std::nullopt;
+        if (!folder) {
             ok = false;
             continue;
         }
-        archive_entry_copy_pathname(entry, (prefix + path).constData());
         if (const char *link = archive_entry_hardlink(entry)) {
-            const QByteArray target(link);
-            if (!isContained(target)) {
-                ok = false;
-                continue;
-            }
-            archive_entry_copy_hardlink(entry, (prefix + target).constData());
-        }
-        if (archive_write_header(disk.get(), entry) < ARCHIVE_WARN) {
-            ok = false;
+            QString targetName;
+            const std::optional<platform::Folder> targetFolder =
+                isContained(link) ? folderOf(*root, link, targetName) : std::nullopt;
+            clearPlace(*folder, name);
+            ok = targetFolder &&
+                 ::linkat(targetFolder->descriptor(), QFile::encodeName(targetName).constData(),
+                          folder->descriptor(), QFile::encodeName(name).constData(), 0) == 0 &&
+                 ok;
             continue;
         }
-        if (archive_entry_size(entry) > 0) {
-            const void *block = nullptr;
-            size_t size = 0;
-            la_int64_t offset = 0;
-            int read = ARCHIVE_OK;
-            while ((read = archive_read_data_block(zip.get(), &block, &size, &offset)) == ARCHIVE_OK)
-                if (archive_write_data_block(disk.get(), block, size, offset) < ARCHIVE_WARN) {
-                    read = ARCHIVE_FATAL;
-                    break;
-                }
-            if (read != ARCHIVE_EOF)
+        switch (archive_entry_filetype(entry)) {
+        case AE_IFDIR:
+            if (!folder->realFolder(name) && !folder->makeFolder(name, 0700)) {
                 ok = false;
+                break;
+            }
+            folders.push_back({std::move(*folder), name,
+                               static_cast<mode_t>(archive_entry_perm(entry) & 07777),
+                               archive_entry_mtime(entry)});
+            break;
+        case AE_IFLNK:
+            clearPlace(*folder, name);
+            ok = folder->makeLink(QByteArray(archive_entry_symlink(entry)), name) == 0 && ok;
+            break;
+        case AE_IFREG:
+            ok = unpackFile(zip.get(), *folder, name, entry) && ok;
+            break;
+        default:
+            break;
         }
-        if (archive_write_finish_entry(disk.get()) < ARCHIVE_WARN)
-            ok = false;
+    }
+    // Folders last, deepest first, so that a read-only folder still got its contents.
+    for (auto it = folders.rbegin(); it != folders.rend(); ++it) {
+        it->parent.setMode(it->name, it->mode);
+        setTimes(it->parent.descriptor(), it->name, it->modified);
     }
     archive_read_close(zip.get());
-    if (archive_write_close(disk.get()) < ARCHIVE_WARN)
-        ok = false;
     return ok;
 }
 

@@ -13,6 +13,8 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <sys/stat.h>
+
 namespace {
 
 class ArchiveTest : public ::testing::Test {
@@ -140,6 +142,39 @@ TEST_F(ArchiveTest, EntriesEscapingTheDestinationAreRefused)
     EXPECT_FALSE(QFileInfo::exists(root + QStringLiteral("/through-link.txt")));
     EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/tmp/absolute-mendwell.txt")));
     EXPECT_EQ(read(target + QStringLiteral("/fine.txt")), QByteArray("evil"));
+}
+
+TEST_F(ArchiveTest, NeitherDirectionWritesThroughALinkInTheWay)
+{
+    // A link planted where the archive goes is not written through.
+    write(QStringLiteral("victim.txt"), "keep me");
+    ASSERT_TRUE(QFile::link(root + QStringLiteral("/victim.txt"), root + QStringLiteral("/planted.zip")));
+    EXPECT_FALSE(HXArchive::compress(folder, root + QStringLiteral("/planted.zip"), true));
+    EXPECT_EQ(read(root + QStringLiteral("/victim.txt")), QByteArray("keep me"));
+    EXPECT_TRUE(QFileInfo(root + QStringLiteral("/planted.zip")).isSymLink());
+
+    // A folder the destination holds as a link is not entered when unpacking.
+    const QString zip = root + QStringLiteral("/logs.zip");
+    ASSERT_TRUE(HXArchive::compress(folder, zip, true));
+    const QString target = root + QStringLiteral("/target");
+    QDir().mkpath(root + QStringLiteral("/elsewhere"));
+    QDir().mkpath(target);
+    ASSERT_TRUE(QFile::link(root + QStringLiteral("/elsewhere"), target + QStringLiteral("/Adobe Logs")));
+    EXPECT_FALSE(HXArchive::decompress(zip, target));
+    EXPECT_TRUE(QDir(root + QStringLiteral("/elsewhere")).isEmpty());
+}
+
+TEST_F(ArchiveTest, AReadOnlyFolderStillGetsItsContents)
+{
+    ASSERT_EQ(::chmod(QFile::encodeName(folder + QStringLiteral("/Crash")).constData(), 0555), 0);
+    const QString zip = root + QStringLiteral("/logs.zip");
+    ASSERT_TRUE(HXArchive::compress(folder, zip, false));
+    const QString target = root + QStringLiteral("/out");
+    ASSERT_TRUE(HXArchive::decompress(zip, target));
+    EXPECT_EQ(read(target + QStringLiteral("/Crash/report.txt")), QByteArray(100000, 'x'));
+    EXPECT_EQ(QFileInfo(target + QStringLiteral("/Crash")).permissions() & QFileDevice::WriteOwner, 0);
+    ::chmod(QFile::encodeName(target + QStringLiteral("/Crash")).constData(), 0755);
+    ::chmod(QFile::encodeName(folder + QStringLiteral("/Crash")).constData(), 0755);
 }
 
 }  // namespace
