@@ -1,4 +1,3 @@
-#include "app/HXCommandLine.h"
 #include "system/PropertyList.h"
 #include "tests/support/Sandbox.h"
 
@@ -30,7 +29,17 @@ protected:
 
 TEST_F(CommandLineTest, HelpPrintsExactlyTheHelpTextAndStops)
 {
-    const QByteArray expected = QByteArray(HXCommandLine::helpText) + '\n';
+    // The text as users know it, "-trashPrefs" capital included, and the one
+    // newline the line-oriented write adds.
+    const QByteArray expected =
+        "\nMendwell Help\n\n-help - Displays command listings.\n-repair - Activates command-line mode and "
+        "starts "
+        "the repair automatically.\n-silent - Suppresses output (ignored if -repair is not set).\n-trash - "
+        "Trashes "
+        "preferences and window layouts (ignored if -repair is not set).\n-trashPrefs - Trashes preferences "
+        "(ignored if -repair is not set).\n-trashworkspace - Trashes window layout (ignored if -repair is "
+        "not "
+        "set).\n";
     for (const QStringList &arguments : {QStringList{QStringLiteral("-help")},
                                          QStringList{QStringLiteral("-repair"), QStringLiteral("-HELP")},
                                          QStringList{QStringLiteral("-bogus"), QStringLiteral("-Help")}}) {
@@ -38,9 +47,6 @@ TEST_F(CommandLineTest, HelpPrintsExactlyTheHelpTextAndStops)
         EXPECT_EQ(result.exitCode, 0);
         EXPECT_EQ(result.out, expected) << arguments.join(' ').toStdString();
     }
-    EXPECT_TRUE(expected.startsWith("\nMendwell Help\n\n-help - Displays command listings.\n"));
-    EXPECT_TRUE(
-        expected.endsWith("-trashworkspace - Trashes window layout (ignored if -repair is not set).\n"));
     // -help ran no repair: no log anywhere.
     EXPECT_FALSE(box.exists(QStringLiteral("/Users/anna/Library")));
 }
