@@ -101,6 +101,15 @@ protected:
     QString reporter;
     int headerLines = 0;
 
+    // With a client there, each report pauses 15 ms so a burst cannot flood it
+    // (a lower bound only: how much longer a report takes is the machine's).
+    static void expectPausedAfterEach(const QStringList &out)
+    {
+        ASSERT_FALSE(out.isEmpty());
+        for (const QString &line : out)
+            EXPECT_GE(line.section(QLatin1Char(' '), -1).toLongLong(), 15000) << line.toStdString();
+    }
+
     void measureHeader()
     {
         report({});
@@ -128,6 +137,7 @@ TEST_F(HXTaskNotificationTest, OnlyTheSuiteApplicationHearsWhenBothClientsRunAnd
     const QStringList out = report(allReports);
     for (const QString &line : out)
         std::printf("client: %s us\n", qPrintable(line));
+    expectPausedAfterEach(out);
 
     EXPECT_EQ(
         kestrelkit.received(),
@@ -151,7 +161,8 @@ TEST_F(HXTaskNotificationTest, AClientWithThePlainMessagesOnlyGetsThoseAndNothin
     {
         Client marlin(kMarlin, QStringLiteral("postErrorString"));
         ASSERT_TRUE(marlin.isReady());
-        report(allReports);
+        // The pause comes also after the reports this client could not take.
+        expectPausedAfterEach(report(allReports));
         EXPECT_EQ(marlin.received(),
                   QStringList{QStringLiteral(
                       "postErrorString|oneway|Unable to quit Adobe Premiere Pro application - busy")});
