@@ -133,7 +133,7 @@ PolkitNamespace::Result PolkitNamespace::runAsUser(const QStringList &command, i
                           QStringLiteral("USER=anna"),
                           QStringLiteral("LOGNAME=anna"),
                           QStringLiteral("LC_ALL=C.UTF-8")};
-    for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"})
+    for (const char *name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"})
         if (qEnvironmentVariableIsSet(name))
             arguments << QString::fromLatin1(name) + QLatin1Char('=') + qEnvironmentVariable(name);
     if (agent == Agent::Terminal)
