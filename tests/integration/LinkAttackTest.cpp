@@ -15,13 +15,15 @@
 namespace {
 
 const QString kDriver = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/linkattack");
-// Each racy class runs at least this many attempts; the time cap only keeps a
-// very slow machine from hanging the run, and then the count check fails.
+// Each racy class runs at least this many attempts, with at least as many of
+// anna's swaps landing among them; the time cap only keeps a very slow machine
+// from hanging the run, and then the count check fails.
 constexpr int kAttempts = 1000;
 const QString kSecondsCap = QStringLiteral("90");
 
 struct Figures {
     int attempts = -1;
+    int swaps = -1;
     int escapes = -1;
 };
 
@@ -43,11 +45,11 @@ protected:
         result = box.runAsRoot({kDriver, name, QString::number(kAttempts), kSecondsCap}, environment);
         std::printf("%s", result.out.constData());
         const QRegularExpressionMatch match =
-            QRegularExpression(QStringLiteral("attempts=(\\d+) swaps=\\d+ escapes=(\\d+)"))
+            QRegularExpression(QStringLiteral("attempts=(\\d+) swaps=(\\d+) escapes=(\\d+)"))
                 .match(QString::fromUtf8(result.out));
         if (!match.hasMatch())
             return {};
-        return {match.captured(1).toInt(), match.captured(2).toInt()};
+        return {match.captured(1).toInt(), match.captured(2).toInt(), match.captured(3).toInt()};
     }
 
     Sandbox box;
@@ -63,6 +65,7 @@ TEST_P(LinkAttackTest, NothingReachesTheDecoyWhileAnnaSwapsFoldersForLinks)
     if (result.out.contains("skipped"))
         GTEST_SKIP() << output;
     EXPECT_GE(figures.attempts, kAttempts) << output;
+    EXPECT_GE(figures.swaps, kAttempts) << output;
     EXPECT_EQ(figures.escapes, 0) << output;
     EXPECT_EQ(result.exitCode, 0) << output;
 }

@@ -587,7 +587,10 @@ int main(int argc, char **argv)
         if (child == 0)
             attacker(shared);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        for (; done < attempts && std::chrono::steady_clock::now() < deadline; ++done) {
+        // Enough root operations, and enough of anna's swaps landing among them.
+        for (; (done < attempts || shared->swaps.load() < attempts) &&
+               std::chrono::steady_clock::now() < deadline;
+             ++done) {
             attempt(done);
             judge(done);
         }
