@@ -1,5 +1,6 @@
 #include "fs/HXArchive.h"
 
+#include "platform/Descriptor.h"
 #include "platform/Folder.h"
 
 #include <QFile>
@@ -22,6 +23,8 @@
 
 namespace {
 
+using platform::Descriptor;
+
 struct ArchiveReadDeleter {
     void operator()(archive *a) const { archive_read_free(a); }
 };
@@ -34,22 +37,6 @@ struct EntryDeleter {
 using ArchiveReader = std::unique_ptr<archive, ArchiveReadDeleter>;
 using ArchiveWriter = std::unique_ptr<archive, ArchiveWriteDeleter>;
 using Entry = std::unique_ptr<archive_entry, EntryDeleter>;
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    ~Descriptor()
-    {
-        if (m_fd >= 0)
-            ::close(m_fd);
-    }
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
 
 bool sameObject(const struct stat &a, const struct stat &b)
 {
