@@ -45,12 +45,14 @@
 #include <grp.h>
 #include <linux/fs.h>
 #include <pwd.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -404,7 +406,8 @@ enum class Swap {
 struct Shared {
     std::atomic<int> active{0};  // root is working
     std::atomic<int> round{0};
-    std::atomic<int> idleRound{0};
+    std::atomic<int> busyRound{-1};  // the last round anna took part in
+    std::atomic<int> idleRound{0};   // the last round she has finished
     std::atomic<int> quit{0};
     std::atomic<long> swaps{0};  // links put in place while root worked
     Swap swap = Swap::None;
@@ -422,6 +425,7 @@ Shared *shared = nullptr;
         ::_exit(3);
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     unsigned spin = 1;
+    int lastRound = -1;
     for (;;) {
         const int round = shared->round.load();
         if (shared->quit.load())
@@ -431,14 +435,20 @@ Shared *shared = nullptr;
             ::usleep(50);
             continue;
         }
-        // How long the link stays varies, so that root meets it at every step.
+        // Root is let go once her first cycle of the round is over; what she
+        // does from then on counts.
+        const bool counts = std::exchange(lastRound, round) == round;
+        if (counts)
+            shared->busyRound.store(round);
+        // How long the link stays varies, from a blink to some microseconds, so
+        // that root meets it at every step.
         spin = spin * 1103515245u + 12345u;
-        const unsigned hold = (spin >> 16) % 400;
+        const unsigned hold = (spin >> 16) % ((spin & 0x100) ? 400 : 20000);
         if (shared->swap == Swap::Folder) {
             if (::rename(shared->path, shared->away) != 0)
                 continue;
             if (::symlink(shared->target, shared->path) == 0) {
-                shared->swaps.fetch_add(1);
+                shared->swaps.fetch_add(counts ? 1 : 0);
                 for (unsigned i = 0; i < hold; ++i)
                     asm volatile("" ::: "memory");
                 ::unlink(shared->path);
@@ -450,7 +460,7 @@ Shared *shared = nullptr;
                 continue;
             ::unlink(shared->away);
             if (::symlink(shared->target, shared->away) == 0 && ::rename(shared->away, shared->path) == 0)
-                shared->swaps.fetch_add(1);
+                shared->swaps.fetch_add(counts ? 1 : 0);
         }
     }
 }
@@ -465,11 +475,20 @@ void whileAnnaSwaps(Swap swap, const QString &path, const QString &target,
     std::snprintf(shared->away, sizeof shared->away, "%s",
                   native(path + QStringLiteral(".away")).constData());
     std::snprintf(shared->target, sizeof shared->target, "%s", native(target).constData());
+    // Root starts once anna is at work, so that even a short operation meets her,
+    // and at a random point of her cycle.
+    const int round = shared->round.load();
     shared->active.store(1);
+    while (shared->busyRound.load() != round)
+        ::sched_yield();
+    static unsigned phase = 7;
+    phase = phase * 1103515245u + 12345u;
+    for (unsigned i = (phase >> 16) % 20000; i > 0; --i)
+        asm volatile("" ::: "memory");
     operation();
     shared->active.store(0);
-    const int round = shared->round.fetch_add(1) + 1;
-    while (shared->idleRound.load() != round)
+    shared->round.store(round + 1);
+    while (shared->idleRound.load() != round + 1)
         ::usleep(10);
     const std::optional<struct stat> now = statOf(path);
     if (swap == Swap::Folder && now && S_ISLNK(now->st_mode))
@@ -880,9 +899,14 @@ struct Tally {
     int planted = 0;
     int escapes = 0;
     int unanswered = 0;
-    // Attempts and escapes of each kind of attempt, in the order first met.
+    // Each kind of attempt, in the order first met.
+    struct Count {
+        int attempts = 0;
+        long swaps = 0;
+        int escapes = 0;
+    };
     QStringList kinds;
-    QMap<QString, std::pair<int, int>> byKind;
+    QMap<QString, Count> byKind;
     QString details;  // the first escape
     QString notes;
     Snapshot decoy;
@@ -894,7 +918,7 @@ struct Tally {
     {
         if (!byKind.contains(kind))
             kinds << kind;
-        ++byKind[kind].first;
+        ++byKind[kind].attempts;
         const Snapshot now = snapshotOf(kDecoy);
         const QString leak = leakedInto(kHome);
         const QString damage = protectedDamage();
@@ -908,7 +932,7 @@ struct Tally {
         if (found.isEmpty())
             return;
         ++escapes;
-        ++byKind[kind].second;
+        ++byKind[kind].escapes;
         if (details.isEmpty())
             details = kind + attempt + QLatin1Char(':') + found;
         if (!leak.isEmpty())
@@ -923,11 +947,12 @@ struct Tally {
     {
         QString text;
         for (const QString &kind : kinds)
-            if (all || byKind.value(kind).second > 0)
-                text += QStringLiteral("  %1: attempts=%2 escapes=%3\n")
+            if (all || byKind.value(kind).escapes > 0)
+                text += QStringLiteral("  %1: attempts=%2 swaps=%3 escapes=%4\n")
                             .arg(kind)
-                            .arg(byKind.value(kind).first)
-                            .arg(byKind.value(kind).second);
+                            .arg(byKind.value(kind).attempts)
+                            .arg(byKind.value(kind).swaps)
+                            .arg(byKind.value(kind).escapes);
         return text;
     }
 };
@@ -962,9 +987,11 @@ void racyClass(const AttackClass &attack, int attempts, int seconds, Tally &tall
          ++n) {
         mendBase();
         const Attempt attempt = attack.racy(n);
+        const QString kind = QStringLiteral("%1: %2").arg(attempt.operation.name, attempt.attack);
+        const long swapsBefore = shared->swaps.load();
         runAttempt(attempt);
-        tally.judge(QStringLiteral("%1: %2").arg(attempt.operation.name, attempt.attack),
-                    QStringLiteral(" (attempt %1)").arg(n));
+        tally.judge(kind, QStringLiteral(" (attempt %1)").arg(n));
+        tally.byKind[kind].swaps += shared->swaps.load() - swapsBefore;
         clean();
         ++tally.attempts;
     }
