@@ -8,6 +8,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <algorithm>
 #include <array>
 #include <fcntl.h>
 #include <memory>
@@ -63,40 +64,49 @@ struct Writer {
     archive *zip;
     struct stat archiveFile;  // left out when it lies inside the tree
 
+    bool writeHeader(const struct stat &info, const QByteArray &archivePath, const QByteArray *symlink) const
+    {
+        Entry entry(archive_entry_new());
+        archive_entry_copy_stat(entry.get(), &info);
+        archive_entry_copy_pathname(entry.get(), archivePath.constData());
+        if (symlink) {
+            archive_entry_copy_symlink(entry.get(), symlink->constData());
+            archive_entry_set_size(entry.get(), symlink->size());
+        } else if (S_ISDIR(info.st_mode)) {
+            archive_entry_set_size(entry.get(), 0);
+        }
+        return archive_write_header(zip, entry.get()) >= ARCHIVE_WARN;
+    }
+
     // Stores entry NAME of FOLDER under ARCHIVEPATH, folders with their contents.
+    // Each entry describes what was opened, whatever lies under the name by now.
     bool writeItem(const platform::Folder &folder, const QString &name, const QByteArray &archivePath) const
     {
-        std::optional<struct stat> info = folder.infoOf(name);
+        const std::optional<struct stat> info = folder.infoOf(name);
         if (!info)
             return false;
         if (sameObject(*info, archiveFile))
             return true;
-        Entry entry(archive_entry_new());
-        std::optional<Descriptor> data;
-        if (S_ISREG(info->st_mode)) {
-            data.emplace(folder.openFileForReading(name));
-            // The entry describes what was opened, whatever lies under the name now.
-            if (data->get() < 0 || ::fstat(data->get(), &*info) != 0)
-                return false;
-        } else if (S_ISLNK(info->st_mode)) {
-            const std::optional<QByteArray> target = folder.linkTarget(name);
-            if (!target)
-                return false;
-            archive_entry_set_symlink(entry.get(), target->constData());
-        } else if (!S_ISDIR(info->st_mode)) {
-            return true;  // devices, sockets and pipes have no place in a zip
-        }
-        archive_entry_copy_stat(entry.get(), &*info);
-        archive_entry_copy_pathname(entry.get(), archivePath.constData());
-        if (archive_write_header(zip, entry.get()) < ARCHIVE_WARN)
-            return false;
-        if (data)
-            return writeData(zip, data->get(), info->st_size);
         if (S_ISDIR(info->st_mode)) {
             const std::optional<platform::Folder> inside = folder.realFolder(name);
-            return inside && writeChildren(*inside, archivePath + '/');
+            const std::optional<struct stat> opened = inside ? inside->info() : std::nullopt;
+            const QByteArray prefix = archivePath + '/';
+            return opened && writeHeader(*opened, prefix, nullptr) && writeChildren(*inside, prefix);
         }
-        return true;
+        if (S_ISREG(info->st_mode)) {
+            const Descriptor data(folder.openFileForReading(name));
+            struct stat opened {};
+            if (data.get() < 0 || ::fstat(data.get(), &opened) != 0)
+                return false;
+            if (sameObject(opened, archiveFile))
+                return true;
+            return writeHeader(opened, archivePath, nullptr) && writeData(zip, data.get(), opened.st_size);
+        }
+        if (S_ISLNK(info->st_mode)) {
+            const std::optional<QByteArray> target = folder.linkTarget(name);
+            return target && writeHeader(*info, archivePath, &*target);
+        }
+        return true;  // devices, sockets and pipes have no place in a zip
     }
 
     bool writeChildren(const platform::Folder &folder, const QByteArray &prefix) const
@@ -123,26 +133,29 @@ bool isContained(const QByteArray &extracted)
     return true;
 }
 
-// The folder holding PATH (relative, contained) inside ROOT, made as needed and
-// never through a link, not even one the archive itself has just unpacked; its
-// last component goes to NAME.
-std::optional<platform::Folder> folderOf(const platform::Folder &root, const QByteArray &path, QString &name)
+// The components of a contained entry path, empty and "." ones left out.
+QStringList componentsOf(const QByteArray &path)
 {
-    QList<QByteArray> components;
+    QStringList components;
     for (const QByteArray &component : path.split('/'))
         if (!component.isEmpty() && component != ".")
-            components.append(component);
+            components.append(QFile::decodeName(component));
+    return components;
+}
+
+// The folder holding the last of COMPONENTS inside ROOT, never reached through
+// a link, not even one the archive itself has just unpacked. With MAKE the
+// missing folders on the way are made.
+std::optional<platform::Folder> folderHolding(const platform::Folder &root, const QStringList &components,
+                                              bool make)
+{
     if (components.isEmpty())
         return std::nullopt;
-    name = QFile::decodeName(components.takeLast());
     std::optional<platform::Folder> current = root.duplicate();
-    for (const QByteArray &component : components) {
-        const QString step = QFile::decodeName(component);
-        std::optional<platform::Folder> next = current->realFolder(step);
-        if (!next && !current->contains(step))
-            next = current->makeFolder(step, 0755);
-        if (!next)
-            return std::nullopt;
+    for (qsizetype i = 0; current && i + 1 < components.size(); ++i) {
+        std::optional<platform::Folder> next = current->realFolder(components[i]);
+        if (!next && make && !current->contains(components[i]))
+            next = current->makeFolder(components[i], 0755);
         current = std::move(next);
     }
     return current;
@@ -156,18 +169,22 @@ void clearPlace(const platform::Folder &folder, const QString &name)
         folder.removeEntry(name);
 }
 
-bool setTimes(int folder, const QString &name, time_t modified)
+// Set-id bits are never unpacked: root would hand its own identity to whatever
+// the archive holds.
+mode_t permissionsOf(archive_entry *entry)
 {
-    const struct timespec times[2] = {{0, UTIME_OMIT}, {modified, 0}};
-    return ::utimensat(folder, QFile::encodeName(name).constData(), times, AT_SYMLINK_NOFOLLOW) == 0;
+    return static_cast<mode_t>(archive_entry_perm(entry)) & 01777;
 }
 
-struct FolderFixup {
-    platform::Folder parent;
-    QString name;
-    mode_t mode;
-    time_t modified;
-};
+std::array<struct timespec, 2> timesOf(archive_entry *entry)
+{
+    std::array<struct timespec, 2> times{};
+    times[0] = archive_entry_atime_is_set(entry)
+                   ? timespec{archive_entry_atime(entry), archive_entry_atime_nsec(entry)}
+                   : timespec{0, UTIME_OMIT};
+    times[1] = timespec{archive_entry_mtime(entry), archive_entry_mtime_nsec(entry)};
+    return times;
+}
 
 bool unpackFile(archive *zip, const platform::Folder &folder, const QString &name, archive_entry *entry)
 {
@@ -190,8 +207,35 @@ bool unpackFile(archive *zip, const platform::Folder &folder, const QString &nam
     }
     if (read != ARCHIVE_EOF)
         return false;
-    const struct timespec times[2] = {{0, UTIME_OMIT}, {archive_entry_mtime(entry), 0}};
-    return ::fchmod(out.get(), archive_entry_perm(entry) & 07777) == 0 && ::futimens(out.get(), times) == 0;
+    const std::array<struct timespec, 2> times = timesOf(entry);
+    return ::fchmod(out.get(), permissionsOf(entry) & 0777) == 0 && ::futimens(out.get(), times.data()) == 0;
+}
+
+// A folder of the archive whose mode and times wait until its contents are in:
+// a read-only folder would otherwise keep them out.
+struct FolderFixup {
+    QStringList path;
+    struct stat made;
+    mode_t mode;
+    std::array<struct timespec, 2> times;
+};
+
+// Found again from ROOT rather than held open (an archive may hold more folders
+// than a process may have descriptors), and only if it is still the very folder
+// unpacked into.
+void applyFixup(const platform::Folder &root, const FolderFixup &fixup)
+{
+    const std::optional<platform::Folder> parent = folderHolding(root, fixup.path, false);
+    const std::optional<platform::Folder> folder =
+        parent ? parent->realFolder(fixup.path.last()) : std::nullopt;
+    const std::optional<struct stat> now = folder ? folder->info() : std::nullopt;
+    if (!now || !sameObject(*now, fixup.made))
+        return;
+    const Descriptor fd(::openat(folder->descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.get() < 0)
+        return;
+    ::fchmod(fd.get(), fixup.mode);
+    ::futimens(fd.get(), fixup.times.data());
 }
 
 }  // namespace
@@ -270,34 +314,40 @@ bool decompress(const QString &archivePath, const QString &destination)
         // thing exists here, so they are left out rather than unpacked as files.
         if (path.startsWith("__MACOSX/"))
             continue;
-        QString name;
-        std::optional<platform::Folder> folder =
-            isContained(path) ? folderOf(*root, path, name) : std::nullopt;
+        const QStringList components = isContained(path) ? componentsOf(path) : QStringList();
+        // "./" is the destination itself, which is there already.
+        if (components.isEmpty() && isContained(path) && archive_entry_filetype(entry) == AE_IFDIR)
+            continue;
+        const std::optional<platform::Folder> folder = folderHolding(*root, components, true);
         if (!folder) {
             ok = false;
             continue;
         }
+        const QString name = components.last();
         if (const char *link = archive_entry_hardlink(entry)) {
-            QString targetName;
-            const std::optional<platform::Folder> targetFolder =
-                isContained(link) ? folderOf(*root, link, targetName) : std::nullopt;
+            const QStringList target = isContained(link) ? componentsOf(link) : QStringList();
+            const std::optional<platform::Folder> targetFolder = folderHolding(*root, target, false);
             clearPlace(*folder, name);
             ok = targetFolder &&
-                 ::linkat(targetFolder->descriptor(), QFile::encodeName(targetName).constData(),
+                 ::linkat(targetFolder->descriptor(), QFile::encodeName(target.last()).constData(),
                           folder->descriptor(), QFile::encodeName(name).constData(), 0) == 0 &&
                  ok;
             continue;
         }
         switch (archive_entry_filetype(entry)) {
-        case AE_IFDIR:
-            if (!folder->realFolder(name) && !folder->makeFolder(name, 0700)) {
+        case AE_IFDIR: {
+            // Root's alone until its own mode is applied at the end.
+            std::optional<platform::Folder> made = folder->realFolder(name);
+            if (!made && !folder->contains(name))
+                made = folder->makeFolder(name, 0700);
+            const std::optional<struct stat> info = made ? made->info() : std::nullopt;
+            if (!info) {
                 ok = false;
                 break;
             }
-            folders.push_back({std::move(*folder), name,
-                               static_cast<mode_t>(archive_entry_perm(entry) & 07777),
-                               archive_entry_mtime(entry)});
+            folders.push_back({components, *info, permissionsOf(entry), timesOf(entry)});
             break;
+        }
         case AE_IFLNK:
             clearPlace(*folder, name);
             ok = folder->makeLink(QByteArray(archive_entry_symlink(entry)), name) == 0 && ok;
@@ -309,12 +359,14 @@ bool decompress(const QString &archivePath, const QString &destination)
             break;
         }
     }
-    // Folders last, deepest first, so that a read-only folder still got its contents.
-    for (auto it = folders.rbegin(); it != folders.rend(); ++it) {
-        it->parent.setMode(it->name, it->mode);
-        setTimes(it->parent.descriptor(), it->name, it->modified);
-    }
     archive_read_close(zip.get());
+    // Deepest first, whatever order the archive listed them in: a folder that
+    // shuts out its own user is still entered to reach the folders below it.
+    std::stable_sort(folders.begin(), folders.end(), [](const FolderFixup &a, const FolderFixup &b) {
+        return a.path.size() > b.path.size();
+    });
+    for (const FolderFixup &fixup : folders)
+        applyFixup(*root, fixup);
     return ok;
 }
 

@@ -13,9 +13,41 @@
 #include <archive.h>
 #include <archive_entry.h>
 
+#include <functional>
+#include <grp.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
+
+constexpr uid_t kPlainUser = 65534;
+constexpr time_t kArchived = 1000000000;  // every crafted entry's modification time
+
+struct ZipEntry {
+    const char *name;
+    mode_t type;
+    mode_t perm;
+    const char *data = "";  // a file's contents or a link's target
+};
+
+// Runs WORK as a plain user when the test runs as root, whose rights would hide
+// what a plain user runs into.
+bool asPlainUser(const std::function<bool()> &work)
+{
+    if (::geteuid() != 0)
+        return work();
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool dropped = ::setgroups(0, nullptr) == 0 &&
+                             ::setresgid(kPlainUser, kPlainUser, kPlainUser) == 0 &&
+                             ::setresuid(kPlainUser, kPlainUser, kPlainUser) == 0;
+        ::_exit(dropped && work() ? 0 : 1);
+    }
+    int status = 0;
+    return child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
+}
 
 class ArchiveTest : public ::testing::Test {
 protected:
@@ -43,6 +75,38 @@ protected:
     {
         QFile file(path);
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    // A zip holding ENTRIES in this order, as any archiver could have made it.
+    static void writeZip(const QString &zip, std::initializer_list<ZipEntry> entries)
+    {
+        archive *writer = archive_write_new();
+        archive_write_set_format_zip(writer);
+        ASSERT_EQ(archive_write_open_filename(writer, QFile::encodeName(zip).constData()), ARCHIVE_OK);
+        for (const ZipEntry &item : entries) {
+            archive_entry *entry = archive_entry_new();
+            archive_entry_set_pathname(entry, item.name);
+            archive_entry_set_filetype(entry, item.type);
+            archive_entry_set_perm(entry, item.perm);
+            archive_entry_set_mtime(entry, kArchived, 0);
+            const la_int64_t size = item.type == AE_IFREG ? static_cast<la_int64_t>(qstrlen(item.data)) : 0;
+            if (item.type == AE_IFLNK)
+                archive_entry_set_symlink(entry, item.data);
+            archive_entry_set_size(entry, size);
+            EXPECT_EQ(archive_write_header(writer, entry), ARCHIVE_OK) << item.name;
+            if (size > 0)
+                archive_write_data(writer, item.data, static_cast<size_t>(size));
+            archive_entry_free(entry);
+        }
+        archive_write_close(writer);
+        archive_write_free(writer);
+    }
+
+    static struct stat lookAt(const QString &path)
+    {
+        struct stat info {};
+        EXPECT_EQ(::lstat(QFile::encodeName(path).constData(), &info), 0) << qPrintable(path);
+        return info;
     }
 
     // The entry names unzip reports, sorted.
@@ -175,6 +239,71 @@ TEST_F(ArchiveTest, AReadOnlyFolderStillGetsItsContents)
     EXPECT_EQ(QFileInfo(target + QStringLiteral("/Crash")).permissions() & QFileDevice::WriteOwner, 0);
     ::chmod(QFile::encodeName(target + QStringLiteral("/Crash")).constData(), 0755);
     ::chmod(QFile::encodeName(folder + QStringLiteral("/Crash")).constData(), 0755);
+}
+
+TEST_F(ArchiveTest, NoEntryGoesThroughALinkTheArchiveItselfHolds)
+{
+    const QString elsewhere = root + QStringLiteral("/elsewhere");
+    ASSERT_TRUE(QDir().mkpath(elsewhere));
+    ASSERT_EQ(::chmod(QFile::encodeName(elsewhere).constData(), 0755), 0);
+    const QByteArray away = QFile::encodeName(elsewhere);
+    const QString zip = root + QStringLiteral("/links.zip");
+    writeZip(zip, {{"dir", AE_IFLNK, 0777, away.constData()},
+                   {"dir/x", AE_IFREG, 0644, "evil"},
+                   {"dir/deeper/y", AE_IFREG, 0644, "evil"},
+                   {"dir/", AE_IFDIR, 0777},
+                   {"fine.txt", AE_IFREG, 0644, "fine"}});
+
+    const QString target = root + QStringLiteral("/target");
+    EXPECT_FALSE(HXArchive::decompress(zip, target));
+    EXPECT_TRUE(QDir(elsewhere).isEmpty());
+    EXPECT_EQ(lookAt(elsewhere).st_mode & 07777, 0755u);
+    EXPECT_EQ(QFileInfo(target + QStringLiteral("/dir")).symLinkTarget(), elsewhere);
+    EXPECT_EQ(read(target + QStringLiteral("/fine.txt")), QByteArray("fine"));
+}
+
+TEST_F(ArchiveTest, ModesAndTimesComeAfterTheContentsAndSetIdBitsNever)
+{
+    const QString zip = root + QStringLiteral("/modes.zip");
+    writeZip(zip, {{"locked/", AE_IFDIR, 0555},
+                   {"locked/inner/", AE_IFDIR, 0555},
+                   {"locked/inner/log.txt", AE_IFREG, 0644, "log"},
+                   // Folders that cannot even be searched, before and after their sub-folders.
+                   {"early/", AE_IFDIR, 0600},
+                   {"early/sub/", AE_IFDIR, 0500},
+                   {"late/sub/", AE_IFDIR, 0500},
+                   {"late/", AE_IFDIR, 0600},
+                   {"tool", AE_IFREG, 06755, "#!/bin/sh\n"}});
+
+    // A plain user's unpacking, where a folder locked too early keeps its contents out.
+    ASSERT_EQ(::chmod(QFile::encodeName(root).constData(), 0755), 0);
+    const QString plain = root + QStringLiteral("/plain");
+    ASSERT_TRUE(QDir().mkpath(plain));
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown(QFile::encodeName(plain).constData(), kPlainUser, kPlainUser), 0);
+    }
+    const QString target = plain + QStringLiteral("/out");
+    EXPECT_TRUE(asPlainUser([&] { return HXArchive::decompress(zip, target); }));
+    EXPECT_EQ(read(target + QStringLiteral("/locked/inner/log.txt")), QByteArray("log"));
+    EXPECT_EQ(lookAt(target + QStringLiteral("/locked")).st_mode & 07777, 0555u);
+    EXPECT_EQ(lookAt(target + QStringLiteral("/locked")).st_mtime, kArchived);
+    for (const char *folder : {"/early", "/late"}) {
+        const QString outer = target + QLatin1String(folder);
+        EXPECT_EQ(lookAt(outer).st_mode & 07777, 0600u);
+        ::chmod(QFile::encodeName(outer).constData(), 0755);  // to look inside as a plain user too
+        EXPECT_EQ(lookAt(outer + QStringLiteral("/sub")).st_mode & 07777, 0500u);
+    }
+    EXPECT_EQ(lookAt(target + QStringLiteral("/tool")).st_mode & 07777, 0755u);
+    for (const char *folder : {"/locked", "/locked/inner", "/early", "/early/sub", "/late", "/late/sub"})
+        ::chmod(QFile::encodeName(target + QLatin1String(folder)).constData(), 0755);
+
+    // Root's own unpacking: a set-id bit on a file root made would be root's identity.
+    const QString asRoot = root + QStringLiteral("/root-out");
+    EXPECT_TRUE(HXArchive::decompress(zip, asRoot));
+    EXPECT_EQ(lookAt(asRoot + QStringLiteral("/tool")).st_mode & 07777, 0755u);
+    EXPECT_EQ(lookAt(asRoot + QStringLiteral("/locked")).st_mtime, kArchived);
+    for (const char *folder : {"/locked", "/locked/inner", "/early", "/early/sub", "/late", "/late/sub"})
+        ::chmod(QFile::encodeName(asRoot + QLatin1String(folder)).constData(), 0755);
 }
 
 }  // namespace
