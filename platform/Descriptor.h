@@ -11,6 +11,12 @@ public:
     explicit Descriptor(int fd = -1) : m_fd(fd) {}
     Descriptor(const Descriptor &) = delete;
     Descriptor &operator=(const Descriptor &) = delete;
+    Descriptor(Descriptor &&other) noexcept : m_fd(other.release()) {}
+    Descriptor &operator=(Descriptor &&other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
     ~Descriptor() { reset(-1); }
 
     int get() const { return m_fd; }

@@ -9,6 +9,8 @@ namespace platform {
 
 // True when PATH is a folder the desktop shows as one document (a package).
 bool isFilePackage(const QString &path);
+// True when a folder named NAME would be a package: the name alone decides here.
+bool hasPackageName(const QString &name);
 
 // Tells the file browser that the folder PATH changed; 0 when it was told (or
 // needs no telling), else an error status.

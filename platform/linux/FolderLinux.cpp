@@ -1,5 +1,6 @@
 #include "platform/Folder.h"
 
+#include "platform/Accounts.h"
 #include "platform/Descriptor.h"
 
 #include <QDir>
@@ -113,7 +114,7 @@ int walk(int start, QList<Step> steps, const MakeMissing &make, int *error)
             if (made.get() < 0)
                 return fail(error, errno == ELOOP ? ENOTDIR : errno);
             if (::geteuid() == 0 && make.owner && *make.owner != 0 &&
-                ::fchownat(made.get(), "", *make.owner, static_cast<gid_t>(-1), AT_EMPTY_PATH) != 0)
+                ::fchownat(made.get(), "", *make.owner, primaryGroupOf(*make.owner), AT_EMPTY_PATH) != 0)
                 return fail(error, errno);
             current.reset(made.release());
             continue;

@@ -1,5 +1,7 @@
 #include "platform/Trash.h"
 
+#include "platform/Accounts.h"
+
 #include <QFile>
 #include <QUrl>
 
@@ -41,7 +43,7 @@ std::optional<Folder> openOrMake(const Folder &parent, const QString &name, uid_
     if (!made)
         return error == EEXIST ? parent.folder(name, &error) : std::nullopt;
     if (::geteuid() == 0 && owner != 0 &&
-        ::fchownat(made->descriptor(), "", owner, static_cast<gid_t>(-1), AT_EMPTY_PATH) != 0) {
+        ::fchownat(made->descriptor(), "", owner, primaryGroupOf(owner), AT_EMPTY_PATH) != 0) {
         error = errno;
         return std::nullopt;
     }
@@ -170,7 +172,7 @@ bool writeRecord(const TrashFolders &trash, const QString &name, const QByteArra
     bool written = ::write(fd, record.constData(), static_cast<size_t>(record.size())) == record.size();
     error = written ? 0 : (errno ? errno : EIO);
     if (written && ::geteuid() == 0 && trash.owner != 0 &&
-        ::fchown(fd, trash.owner, static_cast<gid_t>(-1)) != 0) {
+        ::fchown(fd, trash.owner, primaryGroupOf(trash.owner)) != 0) {
         written = false;
         error = errno;
     }

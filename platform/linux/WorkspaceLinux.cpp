@@ -5,7 +5,7 @@
 
 namespace platform {
 
-bool isFilePackage(const QString &path)
+bool hasPackageName(const QString &name)
 {
     // No package bit exists here: a folder is a package when it carries one of the
     // extensions the Mac declares as packages.
@@ -16,8 +16,14 @@ bool isFilePackage(const QString &path)
         QStringLiteral("xpc"),       QStringLiteral("appex"),  QStringLiteral("prefpane"),
         QStringLiteral("saver"),     QStringLiteral("wdgt"),   QStringLiteral("qlgenerator"),
         QStringLiteral("mdimporter")};
+    const qsizetype dot = name.lastIndexOf(u'.');
+    return dot >= 0 && kPackageExtensions.contains(name.mid(dot + 1).toLower());
+}
+
+bool isFilePackage(const QString &path)
+{
     const QFileInfo info(path);
-    return info.isDir() && kPackageExtensions.contains(info.suffix().toLower());
+    return info.isDir() && hasPackageName(info.fileName());
 }
 
 int notifyFolderChanged(const QString &path)

@@ -1,0 +1,56 @@
+#include "app/audit/HXPermissionWalk.h"
+
+#include "platform/FolderScan.h"
+#include "platform/Workspace.h"
+#include "system/HXPath.h"
+
+#include <QFile>
+
+namespace {
+
+class Walk {
+public:
+    Walk(const HXPermissionRules &rules, HXPermissionVisitor &visitor) : m_rules(rules), m_visitor(visitor) {}
+
+    // Returns false when PATH is left out.
+    bool folder(const QString &path, const platform::Folder *opened,
+                const std::optional<platform::ItemAttributes> &attributes)
+    {
+        if (m_rules.isExcluded(path))
+            return false;
+        const HXWalkedFolder walked{path, m_rules.rulesFor(path), opened, attributes};
+        if (!m_visitor.visitFolder(walked) || opened == nullptr || platform::hasPackageName(HXPath::lastComponent(path)))
+            return true;
+        platform::forEachEntry(*opened, [&](const char *name, platform::EntryKind kind) {
+            if (kind == platform::EntryKind::Link || HXPermissionRules::isSkippedName(name))
+                return;
+            const std::optional<platform::ItemAttributes> entry = platform::attributesOf(*opened, name);
+            if (entry && entry->isLink())
+                return;
+            if (entry && entry->isFolder()) {
+                const std::optional<platform::Folder> sub = platform::openSubfolder(*opened, name);
+                folder(HXPath::appendingComponent(path, QFile::decodeName(name)), sub ? &*sub : nullptr, entry);
+                return;
+            }
+            m_visitor.visitItem(walked, name, entry);
+        });
+        return true;
+    }
+
+private:
+    const HXPermissionRules &m_rules;
+    HXPermissionVisitor &m_visitor;
+};
+
+}  // namespace
+
+bool HXWalkPermissions(const QString &root, const HXPermissionRules &rules, HXPermissionVisitor &visitor)
+{
+    if (rules.isExcluded(root))
+        return false;
+    std::optional<platform::Folder> opened = platform::Folder::open(root);
+    std::optional<platform::ItemAttributes> attributes;
+    if (opened)
+        attributes = platform::attributesOf(*opened);
+    return Walk(rules, visitor).folder(root, opened ? &*opened : nullptr, attributes);
+}

@@ -1,0 +1,132 @@
+#include "tools/permissiontool/PermissionRepair.h"
+
+#include "app/audit/HXPermissionWalk.h"
+#include "platform/OpenedItem.h"
+#include "system/HXPath.h"
+
+#include <QFile>
+
+#include <cstring>
+
+namespace {
+
+constexpr mode_t kOutsideMinimum = 0644;
+constexpr mode_t kSLStoreMinimum = 0777;
+
+class Repair final : public HXPermissionVisitor {
+public:
+    Repair(const HXPermissionRules &rules, const platform::Account &account, PermissionRepairResult &result)
+        : m_rules(rules), m_account(account), m_result(result)
+    {
+    }
+
+    bool visitFolder(const HXWalkedFolder &folder) override
+    {
+        // Not opened: gone, or swapped for a link since it was listed.
+        if (folder.folder == nullptr)
+            return false;
+        if (std::optional<platform::OpenedItem> item = platform::OpenedItem::of(*folder.folder))
+            correct(*item, folder.rules, folder.path);
+        return true;
+    }
+
+    void visitItem(const HXWalkedFolder &folder, const char *name,
+                   const std::optional<platform::ItemAttributes> &attributes) override
+    {
+        if (attributes && !needsChange(*attributes, folder.rules))
+            return;
+        const QString path = HXPath::appendingComponent(folder.path, QFile::decodeName(name));
+        int error = 0;
+        std::optional<platform::OpenedItem> item = platform::OpenedItem::open(*folder.folder, name, &error);
+        if (!item) {
+            if (error != ENOENT)
+                fail(path, QString::fromLocal8Bit(std::strerror(error)));
+            return;
+        }
+        correct(*item, folder.rules, path);
+    }
+
+private:
+    // What the audit tests, asked for the console user, plus search access to a
+    // folder: without it the user's own audit could not look inside.
+    bool needsChange(const platform::ItemAttributes &item, const HXFolderRules &rules) const
+    {
+        if (m_rules.problemOf(item, rules) != HXPermissionProblem::None)
+            return true;
+        return item.isFolder() && !m_rules.rights().allows(item, 1);
+    }
+
+    mode_t correctedMode(const platform::ItemAttributes &item, const HXFolderRules &rules) const
+    {
+        const HXAccessRights &rights = m_rules.rights();
+        mode_t mode = item.permissions();
+        mode |= rights.bitFor(item, 4);
+        if (item.isFolder())
+            mode |= rights.bitFor(item, 1);
+        if (rules.folderClass == HXFolderClass::Home)
+            mode |= rights.bitFor(item, 2);
+        if (rules.folderClass == HXFolderClass::Outside && mode < kOutsideMinimum)
+            mode |= item.isFolder() ? 0755 : kOutsideMinimum;
+        if (rules.slStore && mode < kSLStoreMinimum)
+            mode |= kSLStoreMinimum;
+        // No program that others may write keeps running as its owner or group.
+        if (!item.isFolder() && (mode & 022) != 0)
+            mode &= ~mode_t(S_ISUID | S_ISGID);
+        return mode;
+    }
+
+    void correct(const platform::OpenedItem &item, const HXFolderRules &rules, const QString &path)
+    {
+        std::optional<platform::ItemAttributes> now = item.attributes();
+        if (!now) {
+            fail(path, QStringLiteral("its attributes cannot be read"));
+            return;
+        }
+        if (now->isLink() || !needsChange(*now, rules))
+            return;
+        if (!now->isFolder() && now->links > 1) {
+            fail(path, QStringLiteral("it has %1 hard links").arg(now->links));
+            return;
+        }
+        int error = 0;
+        if (now->immutable)
+            error = item.clearImmutable();
+        if (error == 0 && rules.folderClass == HXFolderClass::Home &&
+            m_rules.problemOf(*now, rules) == HXPermissionProblem::WrongOwner) {
+            error = item.setOwner(m_account.uid);
+            now->owner = m_account.uid;
+        }
+        const mode_t mode = correctedMode(*now, rules);
+        if (error == 0 && mode != now->permissions())
+            error = item.setMode(mode);
+        if (error != 0) {
+            fail(path, QString::fromLocal8Bit(std::strerror(error)));
+            return;
+        }
+        const std::optional<platform::ItemAttributes> after = item.attributes();
+        if (!after || needsChange(*after, rules))
+            fail(path, QStringLiteral("it is still wrong after the change"));
+        else
+            ++m_result.corrected;
+    }
+
+    void fail(const QString &path, const QString &why)
+    {
+        m_result.failures.append(QStringLiteral("left %1 as it is: %2").arg(path, why));
+    }
+
+    const HXPermissionRules &m_rules;
+    const platform::Account &m_account;
+    PermissionRepairResult &m_result;
+};
+
+}  // namespace
+
+PermissionRepairResult repairPermissions(const QString &root, const HXPermissionRules &rules,
+                                         const platform::Account &account)
+{
+    PermissionRepairResult result;
+    Repair repair(rules, account, result);
+    HXWalkPermissions(root, rules, repair);
+    return result;
+}
