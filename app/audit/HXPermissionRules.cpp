@@ -43,9 +43,11 @@ HXPermissionRules::HXPermissionRules(QString home, QString ownerName, const QStr
                                      HXAccessRights rights)
     : m_home(std::move(home)), m_ownerName(std::move(ownerName)), m_rights(std::move(rights))
 {
-    for (const char *excluded : {"Adobe/AAMUpdaterInventory", "Adobe/Uninstall", "Adobe/Updater", "Adobe/Installers",
-                                 "Adobe/CameraRaw", "Adobe/Help", "Adobe/AIR", "Adobe/Flash"})
-        m_excludedPrefixes.append(HXPath::appendingComponent(localApplicationSupport, QString::fromLatin1(excluded)));
+    for (const char *excluded :
+         {"Adobe/AAMUpdaterInventory", "Adobe/Uninstall", "Adobe/Updater", "Adobe/Installers",
+          "Adobe/CameraRaw", "Adobe/Help", "Adobe/AIR", "Adobe/Flash"})
+        m_excludedPrefixes.append(
+            HXPath::appendingComponent(localApplicationSupport, QString::fromLatin1(excluded)));
 }
 
 HXPermissionRules HXPermissionRules::forThisProcess()

@@ -19,7 +19,8 @@ public:
         if (m_rules.isExcluded(path))
             return false;
         const HXWalkedFolder walked{path, m_rules.rulesFor(path), opened, attributes};
-        if (!m_visitor.visitFolder(walked) || opened == nullptr || platform::hasPackageName(HXPath::lastComponent(path)))
+        if (!m_visitor.visitFolder(walked) || opened == nullptr ||
+            platform::hasPackageName(HXPath::lastComponent(path)))
             return true;
         platform::forEachEntry(*opened, [&](const char *name, platform::EntryKind kind) {
             if (kind == platform::EntryKind::Link || HXPermissionRules::isSkippedName(name))
@@ -29,7 +30,8 @@ public:
                 return;
             if (entry && entry->isFolder()) {
                 const std::optional<platform::Folder> sub = platform::openSubfolder(*opened, name);
-                folder(HXPath::appendingComponent(path, QFile::decodeName(name)), sub ? &*sub : nullptr, entry);
+                folder(HXPath::appendingComponent(path, QFile::decodeName(name)), sub ? &*sub : nullptr,
+                       entry);
                 return;
             }
             m_visitor.visitItem(walked, name, entry);

@@ -16,7 +16,8 @@ std::optional<Account> accountNamed(const QString &name)
     std::vector<char> buffer(16384);
     struct passwd entry {};
     struct passwd *found = nullptr;
-    if (::getpwnam_r(encoded.constData(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr)
+    if (::getpwnam_r(encoded.constData(), &entry, buffer.data(), buffer.size(), &found) != 0 ||
+        found == nullptr)
         return std::nullopt;
     Account account{name, found->pw_uid, found->pw_gid, {}};
     int count = 64;

@@ -94,8 +94,8 @@ int OpenedItem::clearImmutable() const
     // Files and folders only: opening a device or a pipe could have effects of its own.
     if (!S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode))
         return 0;
-    Descriptor fd(::open(procPath(m_fd.get()).constData(),
-                         O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (S_ISDIR(info.st_mode) ? O_DIRECTORY : 0)));
+    Descriptor fd(::open(procPath(m_fd.get()).constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC |
+                                                               (S_ISDIR(info.st_mode) ? O_DIRECTORY : 0)));
     if (fd.get() < 0)
         return errno;
     int flags = 0;

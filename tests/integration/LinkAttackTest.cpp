@@ -72,7 +72,7 @@ TEST_P(LinkAttackTest, NothingReachesTheDecoyWhileAnnaSwapsFoldersForLinks)
 
 INSTANTIATE_TEST_SUITE_P(Classes, LinkAttackTest,
                          ::testing::Values("copy", "move", "trash", "trashmatching", "remove", "mkdir", "zip",
-                                           "records", "flags"));
+                                           "records", "flags", "permissiontool", "trashtool"));
 
 TEST_F(LinkAttackTest, ProtectedFoldersAreRefusedUnderEverySpelling)
 {

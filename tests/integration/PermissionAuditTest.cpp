@@ -32,7 +32,8 @@ enum Owner { Root, Anna };
 
 bool setLocked(const QString &hostPath, bool locked)
 {
-    const int fd = ::open(QFile::encodeName(hostPath).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const int fd =
+        ::open(QFile::encodeName(hostPath).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     int flags = 0;
     bool done = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
     flags = locked ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
@@ -51,7 +52,8 @@ protected:
         ASSERT_NE(anna, nullptr);
         annaUid = anna->pw_uid;
         annaGid = anna->pw_gid;
-        ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-audit"), box.hostPath(kAudit)));
+        ASSERT_TRUE(
+            QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-audit"), box.hostPath(kAudit)));
         buildTree();
     }
 
@@ -151,8 +153,9 @@ protected:
             if (info.isSymLink() || !info.isDir())
                 return;
             for (const QString &name :
-                 QDir(box.hostPath(path)).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                                                    QDir::Unsorted))
+                 QDir(box.hostPath(path))
+                     .entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                                QDir::Unsorted))
                 walk(path + u'/' + name);
         };
         for (const QString &root : {kUser, kLocal, kDocuments})
@@ -173,11 +176,11 @@ protected:
     QStringList lockedItems;
 };
 
-const QSet<QString> kWrongForBoth{
-    kUser + "/root.prefs",          kUser + "/locked.prefs",     kUser + "/Updater6/root.prefs",
-    kUser + "/linguistics/root.prefs", kUser + "/WrongFolder",    kUser + "/Root.app",
-    kLocal + "/private640",         kLocal + "/SLStore/group775", kDocuments + "/root.prproj",
-    kDocuments + "/Sub/locked.prproj"};
+const QSet<QString> kWrongForBoth{kUser + "/root.prefs",          kUser + "/locked.prefs",
+                                  kUser + "/Updater6/root.prefs", kUser + "/linguistics/root.prefs",
+                                  kUser + "/WrongFolder",         kUser + "/Root.app",
+                                  kLocal + "/private640",         kLocal + "/SLStore/group775",
+                                  kDocuments + "/root.prproj",    kDocuments + "/Sub/locked.prproj"};
 
 TEST_F(PermissionAuditTest, ReportsWhatTheRulesCallWrongDepthFirstInListingOrder)
 {
@@ -201,9 +204,12 @@ TEST_F(PermissionAuditTest, PermissiontoolCorrectsEverythingButAHardLinkedFileAn
     ASSERT_EQ(::link(QFile::encodeName(box.hostPath("/Library/Outside/secret")).constData(),
                      QFile::encodeName(box.hostPath(kUser + "/secret-link")).constData()),
               0);
-    const QStringList untouched{kLocal + "/Updater6/private600", kLocal + "/Linguistics/private600",
-                                kUser + "/Legal/root.prefs",     kUser + "/.DS_Store",
-                                kUser + "/Edit~recover.prproj",  kUser + "/Plugin.bundle/root.prefs",
+    const QStringList untouched{kLocal + "/Updater6/private600",
+                                kLocal + "/Linguistics/private600",
+                                kUser + "/Legal/root.prefs",
+                                kUser + "/.DS_Store",
+                                kUser + "/Edit~recover.prproj",
+                                kUser + "/Plugin.bundle/root.prefs",
                                 QStringLiteral("/Library/Outside/secret")};
     std::vector<struct stat> before;
     for (const QString &path : untouched)

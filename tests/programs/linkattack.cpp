@@ -1,7 +1,8 @@
 // anna against root: runs one class of root's operations on anna's tree again and
 // again while a process of anna's swaps folders for symbolic links to a root-owned
 // decoy outside her tree, and counts the attempts after which the decoy changed.
-// Run as root inside the test sandbox, beside the bundle's privileged runner:
+// Run as root inside the test sandbox, beside the bundle's privileged runner and
+// helper tools:
 //   linkattack CLASS ATTEMPTS SECONDS
 // Prints "CLASS attempts=N swaps=N escapes=N" and, for the first escape, what
 // changed. Exits 0 when nothing escaped.
@@ -24,6 +25,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <grp.h>
@@ -38,6 +40,8 @@
 namespace {
 
 const QString kDecoy = QStringLiteral("/Library/Decoy");
+// A root file on the same file system as anna's home, for second names there.
+const QString kLinkedDecoy = QStringLiteral("/Users/Decoy");
 const QString kHome = QStringLiteral("/Users/anna");
 uid_t annaUid = 0;
 gid_t annaGid = 0;
@@ -126,6 +130,15 @@ void makeDecoy()
     for (const char *name : {"item.txt", "pref.xml", "Workspace.plist", "sub/inner.txt", "locked.txt"})
         writeFile(kDecoy + QLatin1Char('/') + QLatin1String(name), QByteArray("decoy ") + name + '\n', 0644);
     setImmutable(kDecoy + QStringLiteral("/locked.txt"), true);
+    QDir(kLinkedDecoy).removeRecursively();
+    QDir().mkpath(kLinkedDecoy);
+    ::chmod(encode(kLinkedDecoy).constData(), 0700);
+    writeFile(kLinkedDecoy + QStringLiteral("/shadow"), "root's other secret\n", 0600);
+}
+
+QString decoys()
+{
+    return fingerprint(kDecoy) + fingerprint(kLinkedDecoy, QStringLiteral("linked"));
 }
 
 // --- anna's side
@@ -237,6 +250,27 @@ void cleanTrash()
 {
     clean(kHome + QStringLiteral("/.local/share/Trash/files"));
     clean(kHome + QStringLiteral("/.local/share/Trash/info"));
+}
+
+// Runs the bundle's helper tool NAME as root, as a repair does, to its end.
+void runTool(const QString &name, const QStringList &arguments)
+{
+    const QString tool = QFileInfo(HXAuthorization::runnerPath()).path() + QLatin1Char('/') + name;
+    QList<QByteArray> encoded{encode(tool)};
+    for (const QString &argument : arguments)
+        encoded.append(encode(argument));
+    std::vector<char *> argv;
+    for (QByteArray &argument : encoded)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const int null = ::open("/dev/null", O_WRONLY);
+        ::dup2(null, STDERR_FILENO);
+        ::execv(argv[0], argv.data());
+        ::_exit(127);
+    }
+    ::waitpid(child, nullptr, 0);
 }
 
 using Attempt = std::function<void(int attempt)>;
@@ -400,6 +434,46 @@ Attempt attemptFor(const QString &name)
             HXFileManager::unlockFolder(folder);
             clean(folder);
         };
+    if (name == QLatin1String("permissiontool"))
+        return [](int n) {
+            const QString adobe = kHome + QStringLiteral("/Library/Application Support/Adobe");
+            const QString sub = adobe + QStringLiteral("/Common/Sub");
+            for (int i = 0; i < 20; ++i) {
+                const QString item = sub + QStringLiteral("/root%1.prefs").arg(i);
+                annaFile(item);
+                ::lchown(encode(item).constData(), 0, 0);
+                ::chmod(encode(item).constData(), 0600);
+            }
+            // Planted beforehand: a second name of a root file, as a system without
+            // protected hard links would let anna make.
+            if (::link(encode(kLinkedDecoy + QStringLiteral("/shadow")).constData(),
+                       encode(adobe + QStringLiteral("/Common/shadow")).constData()) != 0)
+                std::printf("could not plant a hard link: %s\n", std::strerror(errno));
+            swapWhile(n % 2 == 0 ? sub : adobe + QStringLiteral("/Common"), kDecoy, 0,
+                      [] { runTool(QStringLiteral("permissiontool"), {}); });
+            clean(adobe);
+        };
+    if (name == QLatin1String("trashtool"))
+        return [caches](int n) {
+            const QString folder = caches + QStringLiteral("/T");
+            annaFile(folder + QStringLiteral("/item.txt"));
+            annaFile(folder + QStringLiteral("/other.txt"));
+            const QString trash = kHome + QStringLiteral("/.local/share/Trash");
+            annaFolder(trash + QStringLiteral("/files"));
+            annaFolder(trash + QStringLiteral("/info"));
+            const QString swapped = n % 3 == 0   ? folder
+                                    : n % 3 == 1 ? trash + QStringLiteral("/files")
+                                                 : trash + QStringLiteral("/info");
+            swapWhile(swapped, kDecoy, 0, [&] {
+                if (n % 2 == 0)
+                    runTool(QStringLiteral("trashtool"), {folder + QStringLiteral("/item.txt")});
+                else
+                    runTool(QStringLiteral("trashtool"), {QStringLiteral("-dircontents"), folder});
+            });
+            clean(folder);
+            if (n % 50 == 0)
+                cleanTrash();
+        };
     return nullptr;
 }
 
@@ -551,12 +625,12 @@ int main(int argc, char **argv)
         std::printf("%s skipped: this file system keeps no immutable flag\n", qPrintable(name));
         return 0;
     }
-    const QString before = fingerprint(kDecoy);
+    const QString before = decoys();
     int done = 0;
     int escapes = 0;
     QString details;
     auto judge = [&](int attempt) {
-        const QString now = fingerprint(kDecoy);
+        const QString now = decoys();
         if (now == before)
             return;
         ++escapes;

@@ -7,7 +7,6 @@
 #include "system/HXLocalPaths.h"
 #include "tools/permissiontool/PermissionRepair.h"
 
-
 #include <cstdio>
 #include <sys/resource.h>
 

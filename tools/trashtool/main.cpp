@@ -31,7 +31,8 @@ QString reason(int error)
 }
 
 // The entry NAME of FOLDER (at FOLDERPATH) into the trash whose files folder is TRASH.
-bool trashEntry(const platform::Folder &folder, const QString &folderPath, const QString &name, const QString &trash)
+bool trashEntry(const platform::Folder &folder, const QString &folderPath, const QString &name,
+                const QString &trash)
 {
     const QString path = HXPath::appendingComponent(folderPath, name);
     if (HXLocalPaths::isProtectedFolder(path)) {
@@ -62,8 +63,8 @@ int trashContents(const QString &argument, const QString &trash)
 {
     const QString path = platform::absoluteItemPath(argument);
     if (HXLocalPaths::isProtectedFolder(argument) || HXLocalPaths::isProtectedFolder(path))
-        return complain(
-            HXFormat(u"Unable to trash folder contents of path %@ because it is a system directory.", argument));
+        return complain(HXFormat(
+            u"Unable to trash folder contents of path %@ because it is a system directory.", argument));
     int error = 0;
     const std::optional<platform::Folder> folder = platform::Folder::open(path, &error);
     const QStringList names = folder ? folder->entries(&error) : QStringList();
@@ -88,5 +89,6 @@ int main(int argc, char **argv)
     if (home.isEmpty())
         return complain(QStringLiteral("nobody is logged in at the console, so there is no Trash to use"));
     const QString trash = HXPath::appendingComponent(home, platform::trashFolderInHome());
-    return contents ? trashContents(QFile::decodeName(argv[2]), trash) : trashItem(QFile::decodeName(argv[1]), trash);
+    return contents ? trashContents(QFile::decodeName(argv[2]), trash)
+                    : trashItem(QFile::decodeName(argv[1]), trash);
 }
