@@ -23,6 +23,10 @@ public:
 
     void startRepair(bool trashPreferences, bool trashWorkspaces, bool silent);
 
+    // Runs the bundle's permissiontool as root, once, after the audit found
+    // something wrong; the tool finds and corrects the items by itself.
+    void setFilePermissions();
+
     bool hasGUI() const { return m_hasGUI; }
     void setHasGUI(bool hasGUI);
 

@@ -27,6 +27,7 @@ const QString kLocal = QStringLiteral("/Library/Application Support/Adobe");
 const QString kDocuments = QStringLiteral("/Users/anna/Documents/Adobe");
 const QString kAudit = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/app-audit");
 const QString kTool = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/permissiontool");
+const QString kRepairStep = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/app-setpermissions");
 
 enum Owner { Root, Anna };
 
@@ -237,6 +238,16 @@ TEST_F(PermissionAuditTest, PermissiontoolCorrectsEverythingButAHardLinkedFileAn
     const ProcessResult again = box.runAsRoot({kTool});
     EXPECT_EQ(again.exitCode, 1);
     EXPECT_EQ(again.err, repaired.err);
+}
+
+TEST_F(PermissionAuditTest, TheRepairsPermissionStepLeavesNothingForTheAuditToFind)
+{
+    ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-setpermissions"),
+                            box.hostPath(kRepairStep)));
+    const ProcessResult step = box.runAsRoot({kRepairStep});
+    EXPECT_EQ(step.exitCode, 0) << step.err.constData();
+    EXPECT_EQ(audit(true), QStringList());
+    EXPECT_EQ(audit(false), QStringList());
 }
 
 }  // namespace
