@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr qsizetype kMaximumPath = 4096;
+
 class Walk {
 public:
     Walk(const HXPermissionRules &rules, HXPermissionVisitor &visitor) : m_rules(rules), m_visitor(visitor) {}
@@ -19,8 +21,11 @@ public:
         if (m_rules.isExcluded(path))
             return false;
         const HXWalkedFolder walked{path, m_rules.rulesFor(path), opened, attributes};
+        // Past the longest path a system call takes, a folder cannot be listed:
+        // that also bounds how deep a planted tree can make the walk recurse.
         if (!m_visitor.visitFolder(walked) || opened == nullptr ||
-            platform::hasPackageName(HXPath::lastComponent(path)))
+            platform::hasPackageName(HXPath::lastComponent(path)) ||
+            QFile::encodeName(path).size() >= kMaximumPath)
             return true;
         platform::forEachEntry(*opened, [&](const char *name, platform::EntryKind kind) {
             if (kind == platform::EntryKind::Link || HXPermissionRules::isSkippedName(name))

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <memory>
 #include <string>
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -97,9 +98,12 @@ bool forEachEntry(const Folder &folder, const std::function<void(const char *nam
     Descriptor fd(::openat(folder.descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd.get() < 0)
         return false;
-    alignas(LinuxDirent64) char buffer[32768];
+    // On the heap: callers recurse from inside VISIT.
+    constexpr size_t kBufferSize = 32768;
+    const std::unique_ptr<char[]> storage(new char[kBufferSize]);
+    char *buffer = storage.get();
     for (;;) {
-        const long read = ::syscall(SYS_getdents64, fd.get(), buffer, sizeof buffer);
+        const long read = ::syscall(SYS_getdents64, fd.get(), buffer, kBufferSize);
         if (read < 0)
             return false;
         if (read == 0)

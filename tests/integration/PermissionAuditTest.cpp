@@ -250,4 +250,26 @@ TEST_F(PermissionAuditTest, TheRepairsPermissionStepLeavesNothingForTheAuditToFi
     EXPECT_EQ(audit(false), QStringList());
 }
 
+TEST_F(PermissionAuditTest, ATreeDeeperThanAnyPathEndsTheWalkWithoutHarm)
+{
+    // Made by descriptors: the path soon outgrows what a system call takes.
+    int fd = ::open(QFile::encodeName(box.hostPath(kUser)).constData(), O_RDONLY | O_DIRECTORY);
+    for (int depth = 0; depth < 3000 && fd >= 0; ++depth) {
+        ::mkdirat(fd, "d", 0755);
+        ::fchownat(fd, "d", annaUid, annaGid, AT_SYMLINK_NOFOLLOW);
+        const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY);
+        ::close(fd);
+        fd = next;
+    }
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::close(::openat(fd, "deep.prefs", O_CREAT | O_WRONLY, 0600)), 0);
+    ::close(fd);
+
+    const ProcessResult audited = box.runAsRoot({kAudit, kUser});
+    EXPECT_EQ(audited.exitCode, 0) << audited.err.constData();
+    EXPECT_FALSE(audited.out.contains("deep.prefs"));
+    const ProcessResult repaired = box.runAsRoot({kTool});
+    EXPECT_FALSE(repaired.crashed);
+}
+
 }  // namespace
