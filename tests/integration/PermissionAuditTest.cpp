@@ -15,7 +15,6 @@
 
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <pwd.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -49,10 +48,6 @@ protected:
     void SetUp() override
     {
         SKIP_WITHOUT_SANDBOX();
-        const passwd *anna = ::getpwnam(Sandbox::kUser);
-        ASSERT_NE(anna, nullptr);
-        annaUid = anna->pw_uid;
-        annaGid = anna->pw_gid;
         ASSERT_TRUE(
             QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-audit"), box.hostPath(kAudit)));
         buildTree();
@@ -172,8 +167,8 @@ protected:
     }
 
     Sandbox box;
-    uid_t annaUid = 0;
-    gid_t annaGid = 0;
+    const uid_t annaUid = Sandbox::userId();
+    const gid_t annaGid = Sandbox::userGroupId();
     QStringList lockedItems;
 };
 

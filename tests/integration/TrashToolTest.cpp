@@ -9,7 +9,6 @@
 #include <QDir>
 #include <QFile>
 
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -24,10 +23,6 @@ protected:
     void SetUp() override
     {
         SKIP_WITHOUT_SANDBOX();
-        const passwd *anna = ::getpwnam(Sandbox::kUser);
-        ASSERT_NE(anna, nullptr);
-        annaUid = anna->pw_uid;
-        annaGid = anna->pw_gid;
         for (const char *name : {"Media Cache.db", "Peak Files/a.pek", "Peak Files/b.pek"})
             ASSERT_TRUE(box.writeFile(kCaches + u'/' + QLatin1String(name), name, true));
     }
@@ -41,8 +36,8 @@ protected:
     }
 
     Sandbox box;
-    uid_t annaUid = 0;
-    gid_t annaGid = 0;
+    const uid_t annaUid = Sandbox::userId();
+    const gid_t annaGid = Sandbox::userGroupId();
 };
 
 TEST_F(TrashToolTest, MovesAnItemOrAFoldersContentsIntoTheConsoleUsersTrashWithRecords)

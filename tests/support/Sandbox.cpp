@@ -52,6 +52,16 @@ QString Sandbox::unavailableReason()
     return QString();
 }
 
+uid_t Sandbox::userId()
+{
+    return userAccount().value_or(Account{}).uid;
+}
+
+gid_t Sandbox::userGroupId()
+{
+    return userAccount().value_or(Account{}).gid;
+}
+
 Sandbox::Sandbox() : m_root(QDir::tempPath() + QStringLiteral("/mendwell-sandbox-XXXXXX"))
 {
     for (const char *folder : {"Users", "Library", "Applications", "runtime-root", "runtime-user"})

@@ -13,6 +13,8 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <sys/types.h>
+
 class Sandbox {
 public:
     static constexpr const char *kUser = "anna";
@@ -20,6 +22,9 @@ public:
     // Why sandboxes cannot run here (not root, no bubblewrap, no account anna);
     // empty when they can.
     static QString unavailableReason();
+    // The user and group ids of the test account (0 when it does not exist).
+    static uid_t userId();
+    static gid_t userGroupId();
 
     Sandbox();
 
