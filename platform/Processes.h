@@ -1,0 +1,63 @@
+#pragma once
+
+// Other processes of the system: which run, from which executable, and ending
+// one of them. A process is pinned before it is signalled, so a signal reaches
+// that process or nothing, never one that took over its pid later.
+
+#include "platform/Descriptor.h"
+
+#include <QString>
+
+#include <chrono>
+#include <optional>
+#include <sys/types.h>
+#include <vector>
+
+namespace platform {
+
+struct RunningProcess {
+    pid_t pid = 0;
+    // Absolute, as the system resolved it when the process started; the
+    // executable may have been removed since.
+    QString executablePath;
+};
+
+// Every process whose executable this process may look at (as root all of
+// them, otherwise about its own user's); ended ones are left out.
+std::vector<RunningProcess> runningProcesses();
+
+class PinnedProcess {
+public:
+    // PID while it still runs EXECUTABLEPATH; none once it has ended or runs
+    // something else.
+    static std::optional<PinnedProcess> pin(pid_t pid, const QString &executablePath);
+
+    pid_t pid() const { return m_pid; }
+    const QString &executablePath() const { return m_executablePath; }
+
+    // 0 or an errno (ESRCH once it has ended, EPERM when this process may not
+    // signal it).
+    int terminate() const;
+    int kill() const;
+    // True once it has exited, also while its parent has not collected it yet.
+    bool hasEnded() const;
+
+private:
+    friend void waitUntilEnded(const std::vector<const PinnedProcess *> &processes,
+                               std::chrono::seconds limit);
+
+    PinnedProcess(pid_t pid, QString executablePath, int handle)
+        : m_pid(pid), m_executablePath(std::move(executablePath)), m_handle(handle)
+    {
+    }
+    int sendSignal(int signalNumber) const;
+
+    pid_t m_pid;
+    QString m_executablePath;
+    Descriptor m_handle;
+};
+
+// Waits until every one of PROCESSES has ended, at most LIMIT.
+void waitUntilEnded(const std::vector<const PinnedProcess *> &processes, std::chrono::seconds limit);
+
+}  // namespace platform

@@ -1,0 +1,72 @@
+// killtool: run as root by a repair, without arguments, to end the Adobe
+// background processes that keep Premiere Pro's files in use (the table in
+// AdobeProcesses.cpp). Each gets SIGTERM and two seconds to quit, then SIGKILL
+// and one more second. Processes are pinned first (platform/Processes.h), so a
+// pid reused meanwhile is never signalled. Run by another user it still tries,
+// and sees and ends only that user's processes. Nothing goes to standard output.
+// Exit status 0 when every matching process has ended (or none ran), 1 when one
+// still runs (named on standard error), 2 for any argument.
+
+#include "platform/Processes.h"
+#include "system/HXPath.h"
+#include "tools/killtool/AdobeProcesses.h"
+
+#include <QStringList>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace {
+
+using platform::PinnedProcess;
+
+constexpr std::chrono::seconds kGracePeriod{2};
+constexpr std::chrono::seconds kAfterKill{1};
+
+std::vector<PinnedProcess> matchingProcesses()
+{
+    std::vector<PinnedProcess> matching;
+    for (const platform::RunningProcess &process : platform::runningProcesses()) {
+        if (process.pid == ::getpid() || !isAdobeBackgroundProcess(process.executablePath))
+            continue;
+        if (std::optional<PinnedProcess> pinned = PinnedProcess::pin(process.pid, process.executablePath))
+            matching.push_back(std::move(*pinned));
+    }
+    return matching;
+}
+
+// The processes still running that took the signal; one that refused it (not
+// ours to signal) is not waited for, it will not end.
+std::vector<const PinnedProcess *> signalAll(const std::vector<PinnedProcess> &processes,
+                                             int (PinnedProcess::*send)() const)
+{
+    std::vector<const PinnedProcess *> signalled;
+    for (const PinnedProcess &process : processes)
+        if (!process.hasEnded() && (process.*send)() == 0)
+            signalled.push_back(&process);
+    return signalled;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc != 1) {
+        std::fprintf(stderr, "usage: %s\n", argv[0]);
+        return 2;
+    }
+    const std::vector<PinnedProcess> processes = matchingProcesses();
+    platform::waitUntilEnded(signalAll(processes, &PinnedProcess::terminate), kGracePeriod);
+    platform::waitUntilEnded(signalAll(processes, &PinnedProcess::kill), kAfterKill);
+
+    QStringList survivors;
+    for (const PinnedProcess &process : processes)
+        if (!process.hasEnded())
+            survivors << QStringLiteral("%1 (pid %2)")
+                             .arg(HXPath::lastComponent(process.executablePath()))
+                             .arg(process.pid());
+    if (survivors.isEmpty())
+        return 0;
+    std::fprintf(stderr, "killtool: still running: %s\n", qPrintable(survivors.join(QStringLiteral(", "))));
+    return 1;
+}
