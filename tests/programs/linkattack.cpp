@@ -418,6 +418,9 @@ Attempt attemptFor(const QString &name)
         return [](int n) {
             const QString folder = kHome + QStringLiteral("/F");
             annaFile(folder + QStringLiteral("/sub/locked.txt"));
+            // Enough items that anna's swaps land while root walks, even on a busy machine.
+            for (int i = 0; i < 40; ++i)
+                annaFile(folder + QStringLiteral("/sub/item%1.txt").arg(i));
             swapWhile(folder + QStringLiteral("/sub"), kDecoy, 0, [&] {
                 switch (n % 3) {
                 case 0:
