@@ -39,8 +39,9 @@ std::optional<ItemAttributes> attributesOf(const Folder &folder);
 std::optional<ItemAttributes> attributesOfDescriptor(int fd);
 
 // Calls VISIT for each entry of FOLDER ("." and ".." left out) in the file
-// system's order. False when the folder could not be listed.
-bool forEachEntry(const Folder &folder, const std::function<void(const char *name, EntryKind kind)> &visit);
+// system's order. False (with ERROR) when the folder could not be listed.
+bool forEachEntry(const Folder &folder, const std::function<void(const char *name, EntryKind kind)> &visit,
+                  int *error = nullptr);
 
 // The sub-folder NAME of FOLDER, opened for listing; none for a link or anything
 // else that is not a real folder, and when it cannot be opened.

@@ -23,7 +23,7 @@ public:
 
     // 0 or an errno. As root, anything but a folder with more than one hard link
     // is refused with EMLINK: its other names may lie where no user may reach.
-    int setOwner(uid_t owner) const;
+    int setOwner(uid_t owner, gid_t group = static_cast<gid_t>(-1)) const;
     int setMode(mode_t mode) const;
     int clearImmutable() const;
 

@@ -8,9 +8,6 @@
 
 namespace {
 
-constexpr mode_t kOutsideMinimum = 0644;  // 420
-constexpr mode_t kSLStoreMinimum = 0777;  // 511
-
 bool endsWith(const char *name, const char *suffix)
 {
     const size_t length = std::strlen(name);
@@ -108,30 +105,9 @@ HXPermissionProblem HXPermissionRules::problemOf(const std::optional<platform::I
         return HXPermissionProblem::NotReadable;
     if (home && !m_rights.mayWrite(*attributes))
         return HXPermissionProblem::NotWritable;
-    if (rules.folderClass == HXFolderClass::Outside && value < kOutsideMinimum)
+    if (rules.folderClass == HXFolderClass::Outside && value < kHXOutsideMinimumPermissions)
         return HXPermissionProblem::BelowOutsideMinimum;
-    if (rules.slStore && value < kSLStoreMinimum)
+    if (rules.slStore && value < kHXSLStoreMinimumPermissions)
         return HXPermissionProblem::BelowSLStoreMinimum;
     return HXPermissionProblem::None;
-}
-
-QString HXPermissionProblemText(HXPermissionProblem problem)
-{
-    switch (problem) {
-    case HXPermissionProblem::None:
-        return QString();
-    case HXPermissionProblem::Locked:
-        return QStringLiteral("locked");
-    case HXPermissionProblem::WrongOwner:
-        return QStringLiteral("not owned by the user");
-    case HXPermissionProblem::NotReadable:
-        return QStringLiteral("not readable");
-    case HXPermissionProblem::NotWritable:
-        return QStringLiteral("not writable");
-    case HXPermissionProblem::BelowOutsideMinimum:
-        return QStringLiteral("permissions below 0644");
-    case HXPermissionProblem::BelowSLStoreMinimum:
-        return QStringLiteral("permissions below 0777");
-    }
-    return QString();
 }

@@ -25,6 +25,10 @@ struct HXFolderRules {
     bool slStore = false;
 };
 
+// The least permission values outside the home and under "/SLStore" (420, 511).
+constexpr mode_t kHXOutsideMinimumPermissions = 0644;
+constexpr mode_t kHXSLStoreMinimumPermissions = 0777;
+
 // Why an item is wrong, in the order the tests run; None when it is right.
 enum class HXPermissionProblem {
     None,
@@ -86,6 +90,3 @@ private:
     HXAccessRights m_rights;
     mutable std::unordered_map<uid_t, bool> m_ownerCache;
 };
-
-// A short reason for PROBLEM ("locked", "owner is not anna", ...).
-QString HXPermissionProblemText(HXPermissionProblem problem);

@@ -14,19 +14,17 @@ class Walk {
 public:
     Walk(const HXPermissionRules &rules, HXPermissionVisitor &visitor) : m_rules(rules), m_visitor(visitor) {}
 
-    // Returns false when PATH is left out.
-    bool folder(const QString &path, const platform::Folder *opened,
+    // PATH, which is not left out.
+    void folder(const QString &path, const platform::Folder *opened,
                 const std::optional<platform::ItemAttributes> &attributes)
     {
-        if (m_rules.isExcluded(path))
-            return false;
         const HXWalkedFolder walked{path, m_rules.rulesFor(path), opened, attributes};
         // Past the longest path a system call takes, a folder cannot be listed:
         // that also bounds how deep a planted tree can make the walk recurse.
         if (!m_visitor.visitFolder(walked) || opened == nullptr ||
             platform::hasPackageName(HXPath::lastComponent(path)) ||
             QFile::encodeName(path).size() >= kMaximumPath)
-            return true;
+            return;
         platform::forEachEntry(*opened, [&](const char *name, platform::EntryKind kind) {
             if (kind == platform::EntryKind::Link || HXPermissionRules::isSkippedName(name))
                 return;
@@ -34,14 +32,15 @@ public:
             if (entry && entry->isLink())
                 return;
             if (entry && entry->isFolder()) {
+                const QString subPath = HXPath::appendingComponent(path, QFile::decodeName(name));
+                if (m_rules.isExcluded(subPath))
+                    return;
                 const std::optional<platform::Folder> sub = platform::openSubfolder(*opened, name);
-                folder(HXPath::appendingComponent(path, QFile::decodeName(name)), sub ? &*sub : nullptr,
-                       entry);
+                folder(subPath, sub ? &*sub : nullptr, entry);
                 return;
             }
             m_visitor.visitItem(walked, name, entry);
         });
-        return true;
     }
 
 private:
@@ -59,5 +58,6 @@ bool HXWalkPermissions(const QString &root, const HXPermissionRules &rules, HXPe
     std::optional<platform::ItemAttributes> attributes;
     if (opened)
         attributes = platform::attributesOf(*opened);
-    return Walk(rules, visitor).folder(root, opened ? &*opened : nullptr, attributes);
+    Walk(rules, visitor).folder(root, opened ? &*opened : nullptr, attributes);
+    return true;
 }

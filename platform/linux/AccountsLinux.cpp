@@ -5,8 +5,25 @@
 #include <grp.h>
 #include <pwd.h>
 #include <unistd.h>
+#include <utility>
 
 namespace platform {
+
+namespace {
+
+// The password-database entry of UID, handed to READ while its storage lives.
+template <typename Read>
+auto withEntryOf(uid_t uid, Read read) -> std::optional<decltype(read(std::declval<const passwd &>()))>
+{
+    std::vector<char> buffer(16384);
+    struct passwd entry {};
+    struct passwd *found = nullptr;
+    if (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr)
+        return std::nullopt;
+    return read(*found);
+}
+
+}  // namespace
 
 std::optional<Account> accountNamed(const QString &name)
 {
@@ -30,22 +47,13 @@ std::optional<Account> accountNamed(const QString &name)
 
 std::optional<QString> accountNameOf(uid_t uid)
 {
-    std::vector<char> buffer(16384);
-    struct passwd entry {};
-    struct passwd *found = nullptr;
-    if (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr)
-        return std::nullopt;
-    return QFile::decodeName(found->pw_name);
+    return withEntryOf(uid, [](const passwd &entry) { return QFile::decodeName(entry.pw_name); });
 }
 
 gid_t primaryGroupOf(uid_t uid)
 {
-    std::vector<char> buffer(16384);
-    struct passwd entry {};
-    struct passwd *found = nullptr;
-    if (::getpwuid_r(uid, &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr)
-        return static_cast<gid_t>(-1);
-    return found->pw_gid;
+    return withEntryOf(uid, [](const passwd &entry) { return entry.pw_gid; })
+        .value_or(static_cast<gid_t>(-1));
 }
 
 Account processAccount()

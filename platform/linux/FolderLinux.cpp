@@ -2,6 +2,9 @@
 
 #include "platform/Accounts.h"
 #include "platform/Descriptor.h"
+#include "platform/FolderScan.h"
+#include "platform/OpenedItem.h"
+#include "platform/linux/DescriptorPaths.h"
 
 #include <QDir>
 #include <QFile>
@@ -20,17 +23,14 @@
 
 namespace platform {
 
+using linux_detail::descriptorPath;
+using linux_detail::fail;
+using linux_detail::reopenForFlags;
+
 namespace {
 
 constexpr int kMaxLinks = 40;
 constexpr int kPathFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-
-int fail(int *error, int value)
-{
-    if (error)
-        *error = value;
-    return -1;
-}
 
 QByteArray encoded(const QString &name)
 {
@@ -173,12 +173,6 @@ int walkPath(const QString &path, const MakeMissing &make, int *error)
     return walk(root, std::move(steps), make, error);
 }
 
-// A real descriptor of the folder FD for reading its entries.
-int readableFolder(int fd)
-{
-    return ::openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-}
-
 // NAME opened for changing its attributes: O_PATH, never through a link.
 int openEntry(int folder, const QByteArray &name, struct stat &info, int *error)
 {
@@ -195,11 +189,6 @@ int openEntry(int folder, const QByteArray &name, struct stat &info, int *error)
     return fd;
 }
 
-QByteArray procPath(int fd)
-{
-    return QByteArrayLiteral("/proc/self/fd/") + QByteArray::number(fd);
-}
-
 // Files and folders only: opening a device or a pipe could have effects of its own.
 int openForFlags(int folder, const QByteArray &name, int *error)
 {
@@ -210,8 +199,7 @@ int openForFlags(int folder, const QByteArray &name, int *error)
     if (!S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode))
         return fail(error, EOPNOTSUPP);
     // Reopened through the descriptor, so it is the very item looked at.
-    const int fd = ::open(procPath(entry.get()).constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC |
-                                                                 (S_ISDIR(info.st_mode) ? O_DIRECTORY : 0));
+    const int fd = reopenForFlags(entry.get(), info.st_mode);
     return fd >= 0 ? fd : fail(error, errno);
 }
 
@@ -276,7 +264,7 @@ int finish(int fd, const struct stat &source)
 {
     if (::geteuid() == 0 && ::fchownat(fd, "", source.st_uid, source.st_gid, AT_EMPTY_PATH) != 0)
         return errno;
-    return ::chmod(procPath(fd).constData(), source.st_mode & 07777) == 0 ? 0 : errno;
+    return ::chmod(descriptorPath(fd).constData(), source.st_mode & 07777) == 0 ? 0 : errno;
 }
 
 int copyAt(int from, const char *name, int to, const char *toName)
@@ -420,18 +408,8 @@ std::optional<struct stat> Folder::infoOf(const QString &name) const
 QStringList Folder::entries(int *error) const
 {
     QStringList names;
-    const int fd = readableFolder(m_fd);
-    DIR *dir = fd >= 0 ? ::fdopendir(fd) : nullptr;
-    if (dir == nullptr) {
-        fail(error, errno);
-        if (fd >= 0)
-            ::close(fd);
-        return names;
-    }
-    while (const dirent *entry = ::readdir(dir))
-        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0)
-            names.append(QFile::decodeName(entry->d_name));
-    ::closedir(dir);
+    forEachEntry(
+        *this, [&names](const char *name, EntryKind) { names.append(QFile::decodeName(name)); }, error);
     return names;
 }
 
@@ -581,28 +559,15 @@ int Folder::copyTree(const QString &name, const Folder &destination, const QStri
 int Folder::setOwner(const QString &name, uid_t owner, gid_t group) const
 {
     int error = 0;
-    struct stat info {};
-    Descriptor fd(openEntry(m_fd, encoded(name), info, &error));
-    if (fd.get() < 0)
-        return error;
-    if (::geteuid() == 0 && S_ISREG(info.st_mode) && info.st_nlink > 1)
-        return EMLINK;
-    return ::fchownat(fd.get(), "", owner, group, AT_EMPTY_PATH) == 0 ? 0 : errno;
+    const std::optional<OpenedItem> item = OpenedItem::open(*this, encoded(name).constData(), &error);
+    return item ? item->setOwner(owner, group) : error;
 }
 
 int Folder::setMode(const QString &name, mode_t mode) const
 {
     int error = 0;
-    struct stat info {};
-    Descriptor fd(openEntry(m_fd, encoded(name), info, &error));
-    if (fd.get() < 0)
-        return error;
-    if (S_ISLNK(info.st_mode))
-        return EOPNOTSUPP;
-    if (::geteuid() == 0 && S_ISREG(info.st_mode) && info.st_nlink > 1)
-        return EMLINK;
-    // Through the descriptor: the very item opened above, whatever has been renamed since.
-    return ::chmod(procPath(fd.get()).constData(), mode & 07777) == 0 ? 0 : errno;
+    const std::optional<OpenedItem> item = OpenedItem::open(*this, encoded(name).constData(), &error);
+    return item ? item->setMode(mode) : error;
 }
 
 std::optional<bool> Folder::isImmutable(const QString &name) const

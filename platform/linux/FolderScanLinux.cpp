@@ -1,12 +1,12 @@
 #include "platform/FolderScan.h"
 
 #include "platform/Descriptor.h"
+#include "platform/linux/DescriptorPaths.h"
 
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
 #include <memory>
-#include <string>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -27,9 +27,10 @@ bool immutableByIoctl(int folder, const char *name, mode_t mode)
 {
     if (!S_ISREG(mode) && !S_ISDIR(mode))
         return false;
-    const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (S_ISDIR(mode) ? O_DIRECTORY : 0);
-    const std::string self = "/proc/self/fd/" + std::to_string(folder);
-    Descriptor fd(*name == '\0' ? ::open(self.c_str(), flags) : ::openat(folder, name, flags | O_NOFOLLOW));
+    Descriptor fd(*name == '\0' ? linux_detail::reopenForFlags(folder, mode)
+                                : ::openat(folder, name,
+                                           O_RDONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC |
+                                               (S_ISDIR(mode) ? O_DIRECTORY : 0)));
     int bits = 0;
     return fd.get() >= 0 && ::ioctl(fd.get(), FS_IOC_GETFLAGS, &bits) == 0 && (bits & FS_IMMUTABLE_FL) != 0;
 }
@@ -92,20 +93,25 @@ std::optional<ItemAttributes> attributesOfDescriptor(int fd)
     return statxAt(fd, "", AT_EMPTY_PATH);
 }
 
-bool forEachEntry(const Folder &folder, const std::function<void(const char *name, EntryKind kind)> &visit)
+bool forEachEntry(const Folder &folder, const std::function<void(const char *name, EntryKind kind)> &visit,
+                  int *error)
 {
     // A descriptor of our own: the folder's may be O_PATH, and its offset is shared.
     Descriptor fd(::openat(folder.descriptor(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.get() < 0)
+    if (fd.get() < 0) {
+        linux_detail::fail(error, errno);
         return false;
+    }
     // On the heap: callers recurse from inside VISIT.
     constexpr size_t kBufferSize = 32768;
     const std::unique_ptr<char[]> storage(new char[kBufferSize]);
     char *buffer = storage.get();
     for (;;) {
         const long read = ::syscall(SYS_getdents64, fd.get(), buffer, kBufferSize);
-        if (read < 0)
+        if (read < 0) {
+            linux_detail::fail(error, errno);
             return false;
+        }
         if (read == 0)
             return true;
         for (long offset = 0; offset < read;) {

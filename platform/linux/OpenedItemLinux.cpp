@@ -1,5 +1,7 @@
 #include "platform/OpenedItem.h"
 
+#include "platform/linux/DescriptorPaths.h"
+
 #include <QByteArray>
 
 #include <cerrno>
@@ -12,22 +14,8 @@
 
 namespace platform {
 
-namespace {
-
-int fail(int *error, int value)
-{
-    if (error != nullptr)
-        *error = value;
-    return -1;
-}
-
-// The item behind an O_PATH descriptor, reached again without any name lookup.
-QByteArray procPath(int fd)
-{
-    return QByteArrayLiteral("/proc/self/fd/") + QByteArray::number(fd);
-}
-
-}  // namespace
+using linux_detail::descriptorPath;
+using linux_detail::fail;
 
 std::optional<OpenedItem> OpenedItem::open(const Folder &folder, const char *name, int *error)
 {
@@ -70,18 +58,18 @@ int OpenedItem::refusal() const
     return 0;
 }
 
-int OpenedItem::setOwner(uid_t owner) const
+int OpenedItem::setOwner(uid_t owner, gid_t group) const
 {
     if (const int refused = refusal())
         return refused;
-    return ::fchownat(m_fd.get(), "", owner, static_cast<gid_t>(-1), AT_EMPTY_PATH) == 0 ? 0 : errno;
+    return ::fchownat(m_fd.get(), "", owner, group, AT_EMPTY_PATH) == 0 ? 0 : errno;
 }
 
 int OpenedItem::setMode(mode_t mode) const
 {
     if (const int refused = refusal())
         return refused;
-    return ::chmod(procPath(m_fd.get()).constData(), mode & 07777) == 0 ? 0 : errno;
+    return ::chmod(descriptorPath(m_fd.get()).constData(), mode & 07777) == 0 ? 0 : errno;
 }
 
 int OpenedItem::clearImmutable() const
@@ -94,8 +82,9 @@ int OpenedItem::clearImmutable() const
     // Files and folders only: opening a device or a pipe could have effects of its own.
     if (!S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode))
         return 0;
-    Descriptor fd(::open(procPath(m_fd.get()).constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC |
-                                                               (S_ISDIR(info.st_mode) ? O_DIRECTORY : 0)));
+    Descriptor fd(
+        ::open(descriptorPath(m_fd.get()).constData(),
+               O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (S_ISDIR(info.st_mode) ? O_DIRECTORY : 0)));
     if (fd.get() < 0)
         return errno;
     int flags = 0;

@@ -10,9 +10,6 @@
 
 namespace {
 
-constexpr mode_t kOutsideMinimum = 0644;
-constexpr mode_t kSLStoreMinimum = 0777;
-
 class Repair final : public HXPermissionVisitor {
 public:
     Repair(const HXPermissionRules &rules, const platform::Account &account, PermissionRepairResult &result)
@@ -65,10 +62,10 @@ private:
             mode |= rights.bitFor(item, 1);
         if (rules.folderClass == HXFolderClass::Home)
             mode |= rights.bitFor(item, 2);
-        if (rules.folderClass == HXFolderClass::Outside && mode < kOutsideMinimum)
-            mode |= item.isFolder() ? 0755 : kOutsideMinimum;
-        if (rules.slStore && mode < kSLStoreMinimum)
-            mode |= kSLStoreMinimum;
+        if (rules.folderClass == HXFolderClass::Outside && mode < kHXOutsideMinimumPermissions)
+            mode |= item.isFolder() ? 0755 : kHXOutsideMinimumPermissions;
+        if (rules.slStore && mode < kHXSLStoreMinimumPermissions)
+            mode |= kHXSLStoreMinimumPermissions;
         // No program that others may write keeps running as its owner or group.
         if (!item.isFolder() && (mode & 022) != 0)
             mode &= ~mode_t(S_ISUID | S_ISGID);

@@ -30,15 +30,10 @@ QString reason(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
-// The entry NAME of FOLDER (at FOLDERPATH) into the trash whose files folder is TRASH.
-bool trashEntry(const platform::Folder &folder, const QString &folderPath, const QString &name,
+// The entry NAME of FOLDER, at PATH, into the trash whose files folder is TRASH.
+bool trashEntry(const platform::Folder &folder, const QString &name, const QString &path,
                 const QString &trash)
 {
-    const QString path = HXPath::appendingComponent(folderPath, name);
-    if (HXLocalPaths::isProtectedFolder(path)) {
-        complain(HXFormat(u"Unable to trash path %@ because it is a system directory.", path));
-        return false;
-    }
     const platform::trash::Outcome outcome = platform::trash::moveToTrash(folder, name, path, trash);
     if (!outcome.trashed)
         complain(QStringLiteral("could not trash %1: %2").arg(path, reason(outcome.error)));
@@ -54,15 +49,16 @@ int trashItem(const QString &argument, const QString &trash)
         return complain(QStringLiteral("could not trash %1: %2").arg(path, reason(error)));
     if (!item->exists())
         return complain(QStringLiteral("could not trash %1: %2").arg(path, reason(ENOENT)));
-    if (HXLocalPaths::isProtectedFolder(argument) || HXLocalPaths::isProtectedFolder(path))
+    if (HXLocalPaths::isProtectedFolder(argument))
         return complain(HXFormat(u"Unable to trash path %@ because it is a system directory.", argument));
-    return trashEntry(item->folder, HXPath::deletingLastComponent(path), item->name, trash) ? 0 : 1;
+    return trashEntry(item->folder, item->name, path, trash) ? 0 : 1;
 }
 
 int trashContents(const QString &argument, const QString &trash)
 {
     const QString path = platform::absoluteItemPath(argument);
-    if (HXLocalPaths::isProtectedFolder(argument) || HXLocalPaths::isProtectedFolder(path))
+    // The rule looks at the cleaned spelling and the folder opened as well.
+    if (HXLocalPaths::isProtectedFolder(argument))
         return complain(HXFormat(
             u"Unable to trash folder contents of path %@ because it is a system directory.", argument));
     int error = 0;
@@ -71,8 +67,15 @@ int trashContents(const QString &argument, const QString &trash)
     if (!folder || error != 0)
         return complain(QStringLiteral("could not list %1: %2").arg(path, reason(error)));
     bool all = true;
-    for (const QString &name : names)
-        all = trashEntry(*folder, path, name, trash) && all;
+    for (const QString &name : names) {
+        const QString entry = HXPath::appendingComponent(path, name);
+        if (HXLocalPaths::isProtectedFolder(entry)) {
+            complain(HXFormat(u"Unable to trash path %@ because it is a system directory.", entry));
+            all = false;
+        } else {
+            all = trashEntry(*folder, name, entry, trash) && all;
+        }
+    }
     return all ? 0 : 1;
 }
 
