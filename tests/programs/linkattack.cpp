@@ -19,6 +19,7 @@
 #include <QCoreApplication>
 #include <QDataStream>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QMap>
 
@@ -239,6 +240,17 @@ void annaLink(const QString &target, const QString &path)
     ::lchown(encode(path).constData(), annaUid, annaGid);
 }
 
+// Clears the locked flag of PATH and of everything below it, links left alone.
+void unlockEverything(const QString &path)
+{
+    setImmutable(path, false);
+    QDirIterator it(path, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext())
+        if (!QFileInfo(it.next()).isSymLink())
+            setImmutable(it.filePath(), false);
+}
+
 // Removes an attempt's tree as root, never through a link.
 void clean(const QString &path)
 {
@@ -435,6 +447,9 @@ Attempt attemptFor(const QString &name)
                 }
             });
             HXFileManager::unlockFolder(folder);
+            // A folder left locked (say under the name anna swapped it to) would keep
+            // her from swapping anything in later attempts.
+            unlockEverything(folder);
             clean(folder);
         };
     if (name == QLatin1String("permissiontool"))
