@@ -35,14 +35,6 @@ void HXAppController::setHasGUI(bool hasGUI)
         HXAuthorization::sharedController(false);
 }
 
-void HXAppController::startRepair(bool trashPreferences, bool trashWorkspaces, bool silent)
-{
-    (void)trashPreferences;
-    (void)trashWorkspaces;
-    (void)silent;
-    HXLog::appendLog(u"Starting repair...");
-}
-
 QString HXAppController::currentBundlePath()
 {
     // Only the main bundle is ever loaded, so the bundle named MENDWELL_BUNDLE_ID

@@ -1,12 +1,17 @@
 #pragma once
 
-// The application controller. This build has the command-line form and the output
-// console; the main window arrives with the windowed mode.
+// The application controller: the repair, its clean-up steps and the output
+// console. The main window that holds the controls arrives with the windowed mode;
+// until then whoever builds the window hands its parts over.
 
+#include <QAbstractButton>
 #include <QColor>
 #include <QPointer>
+#include <QProgressBar>
 #include <QString>
 #include <QTextEdit>
+#include <QVariantMap>
+#include <QWidget>
 
 #include <memory>
 #include <mutex>
@@ -21,7 +26,42 @@ public:
     // The controller of the command-line repair: task log "Mendwell.task", no window.
     static std::unique_ptr<HXAppController> initWithoutGUI();
 
-    void startRepair(bool trashPreferences, bool trashWorkspaces, bool silent);
+    // --- The repair
+
+    // The repair button's action: starts threadedRepair on a thread of its own with
+    // the two options read from the check boxes, and returns at once.
+    void repair();
+    // The windowed repair's thread: { "shouldTrash", "shouldTrashWorkspaces" }.
+    void threadedRepair(const QVariantMap &parameters);
+    // The repair with one choice for preferences and layouts alike.
+    void startRepair(bool trash, bool silent);
+    // The repair itself: every step in order, the verdict, the notices, and the
+    // editor started again when it had been running.
+    void startRepair(bool shouldTrash, bool shouldTrashWorkspaces, bool silent);
+    // Main thread: the controls while a windowed repair runs, and after.
+    void repairStart();
+    void repairEnd();
+
+    // --- Clean-up steps of the repair (and two menu commands)
+
+    // Asks Premiere Pro to quit and waits about 42 seconds at most; true once it
+    // is gone.
+    bool closePremiere();
+    void sendQuitEventToApp(const QString &applicationName);
+    void trashPremierePrefs(bool showAlert);
+    void trashWorkspaces(bool showAlert);
+    // Ends the Adobe background processes through killtool, as root.
+    void stopAll();
+    void trashDynamicLinkCaches();
+    void resetMemoryBalancer();
+    // True, with a warning on the console, when the application is set to open in
+    // 32-bit mode.
+    bool checkForActive32BitMode(const QString &bundleIdentifier);
+    // A file, or a folder's contents, to the console user's Trash through trashtool.
+    void authTrashFile(const QString &path);
+    void authTrashFolderContents(const QString &folder);
+    void menuTrashPremierePrefs();
+    void menuTrashWindowLayout();
 
     // Runs the bundle's permissiontool as root, once, after the audit found
     // something wrong; the tool finds and corrects the items by itself.
@@ -52,6 +92,17 @@ public:
     QTextEdit *errorText() const { return m_errorText; }
     void setErrorText(QTextEdit *view) { m_errorText = view; }
 
+    // The parts of the main window the repair uses (not owned; any may be none).
+    struct RepairControls {
+        QPointer<QWidget> windowMain;
+        QPointer<QAbstractButton> repairButton;
+        QPointer<QProgressBar> spinner;
+        QPointer<QAbstractButton> trashPrefs;
+        QPointer<QAbstractButton> resetLayoutCheck;
+    };
+    void setRepairControls(const RepairControls &controls) { m_controls = controls; }
+    QWidget *windowMain() const { return m_controls.windowMain; }
+
 private:
     void insertErrorTextOnMainThread(const QString &text, const QColor &color, bool bold);
     void clearErrorTextOnMainThread();
@@ -60,4 +111,5 @@ private:
     mutable std::mutex m_outputMutex;
     std::optional<QString> m_outputString;
     QPointer<QTextEdit> m_errorText;
+    RepairControls m_controls;
 };

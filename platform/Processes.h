@@ -4,6 +4,7 @@
 // one of them. A process is pinned before it is signalled, so a signal reaches
 // that process or nothing, never one that took over its pid later.
 
+#include "platform/Accounts.h"
 #include "platform/Descriptor.h"
 
 #include <QString>
@@ -17,6 +18,8 @@ namespace platform {
 
 struct RunningProcess {
     pid_t pid = 0;
+    // The user the process acts as.
+    uid_t owner = 0;
     // Absolute, as the system resolved it when the process started; the
     // executable may have been removed since.
     QString executablePath;
@@ -59,5 +62,12 @@ private:
 
 // Waits until every one of PROCESSES has ended, at most LIMIT.
 void waitUntilEnded(const std::vector<const PinnedProcess *> &processes, std::chrono::seconds limit);
+
+// Starts EXECUTABLE without arguments as ACCOUNT, in a session of its own and not
+// as a child of this process, in HOME, with HOME, USER and LOGNAME of that account
+// and the rest of this environment. As root the identity is dropped before the
+// program runs, so nothing started here runs as root for a user. 0 once it runs,
+// else an errno (EPERM for another user's identity without root).
+int startDetached(const QString &executable, const Account &account, const QString &home);
 
 }  // namespace platform

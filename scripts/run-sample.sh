@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds Mendwell and shows it at work on the shipped sample data: the help text,
-# then a command-line repair run as root for the console user "anna" inside a
-# throw-away sandbox, and the log that run wrote.
+# Builds Mendwell and shows it at work on the sample data (scripts/make-sample.sh):
+# a command-line repair run as root for the console user "anna" inside a
+# throw-away sandbox, then what went to anna's Trash as trash-cli lists it, a
+# second repair that finds the permissions correct, and the log of both runs.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,16 +11,11 @@ bash scripts/setup-tests.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build
 
-app=build/Mendwell.app/Contents/MacOS/Mendwell
-echo "== Mendwell -help"
-"$app" -help
-
 sandbox=$(mktemp -d /tmp/mendwell-sample-XXXXXX)
 trap 'rm -rf "$sandbox"' EXIT
 chmod 755 "$sandbox"
-mkdir -p "$sandbox/Users/anna" "$sandbox/Library/Logs/Lanternfish" "$sandbox/Applications"
-cp -a sample/Users/anna/. "$sandbox/Users/anna/"
-chown -R anna:anna "$sandbox/Users/anna"
+mkdir -p "$sandbox/Users" "$sandbox/Library" "$sandbox/Applications"
+bash scripts/make-sample.sh "$sandbox"
 cp -a build/Mendwell.app "$sandbox/Applications/"
 
 binds=()
@@ -30,19 +26,26 @@ for entry in /*; do
   elif [ -d "$entry" ]; then binds+=(--bind "$entry" "$entry")
   else binds+=(--ro-bind "$entry" "$entry"); fi
 done
+# No desktop seat inside: the console user is the one sudo names.
+[ -d /run/systemd/seats ] && binds+=(--tmpfs /run/systemd/seats)
 in_sandbox() {
   bwrap "${binds[@]}" --ro-bind /sys /sys \
     --bind "$sandbox/Users" /Users --bind "$sandbox/Library" /Library --bind "$sandbox/Applications" /Applications \
     --proc /proc --dev-bind /dev /dev --unshare-pid --die-with-parent \
-    --clearenv --setenv PATH /usr/bin:/bin:/usr/sbin:/sbin --setenv SUDO_USER anna --setenv LC_ALL C.UTF-8 "$@"
+    --clearenv --setenv PATH /usr/bin:/bin:/usr/sbin:/sbin --setenv SUDO_USER anna --setenv LC_ALL C.UTF-8 \
+    --setenv HOME /root "$@"
+}
+repair() {
+  echo
+  echo "== In the sandbox, as root for console user anna: Mendwell $*"
+  in_sandbox /Applications/Mendwell.app/Contents/MacOS/Mendwell "$@" 2>&1 | sed 's/^[0-9-]* [0-9:.]* //'
 }
 
+repair -repair -trash
 echo
-echo "== In the sandbox, as root for console user anna: Mendwell -repair"
-in_sandbox /Applications/Mendwell.app/Contents/MacOS/Mendwell -repair
+echo "== anna's Trash (trash-list, as anna)"
+in_sandbox --setenv HOME /Users/anna setpriv --reuid=anna --regid=anna --init-groups -- trash-list | sort -k3
+repair -repair
 echo
-echo "== Folders the run made in anna's home"
-(cd "$sandbox" && find Users/anna/Library/Logs -printf '%M %u %p\n')
-echo
-echo "== /Library/Logs/Lanternfish/Mendwell.task.1.log"
+echo "== /Library/Logs/Lanternfish/Mendwell.task.1.log (the second run; the first is Mendwell.task.2.log in anna's Logs)"
 cat "$sandbox/Library/Logs/Lanternfish/Mendwell.task.1.log"

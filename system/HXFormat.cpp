@@ -103,6 +103,31 @@ QString formatNumber(const Conversion &conversion, const HXFormatArg::Value &val
 
 }  // namespace
 
+QString HXListDescription(const QStringList &list)
+{
+    // Strings go bare only when made of the characters a property list leaves unquoted.
+    const auto bare = [](const QString &text) {
+        if (text.isEmpty())
+            return false;
+        for (const QChar c : text)
+            if (!(c.isLetterOrNumber() && c.unicode() < 128) && !QStringView(u"_$+/:.-").contains(c))
+                return false;
+        return true;
+    };
+    QString out = QStringLiteral("(");
+    for (qsizetype i = 0; i < list.size(); ++i) {
+        QString item = list[i];
+        if (!bare(item)) {
+            item.replace(QLatin1Char('\\'), QStringLiteral("\\\\"))
+                .replace(QLatin1Char('"'), QStringLiteral("\\\""))
+                .replace(QLatin1Char('\n'), QStringLiteral("\\n"));
+            item = QLatin1Char('"') + item + QLatin1Char('"');
+        }
+        out += QStringLiteral("\n    ") + item + (i + 1 < list.size() ? QStringLiteral(",") : QString());
+    }
+    return out + QStringLiteral("\n)");
+}
+
 QString HXFormatList(QStringView format, std::initializer_list<HXFormatArg> args)
 {
     // The common cases: plain text, and one object as the whole format.

@@ -5,6 +5,7 @@
 // text formats as text, numbers as numbers, whatever the conversion asks for.
 
 #include <QString>
+#include <QStringList>
 #include <QStringView>
 #include <QVariant>
 
@@ -17,6 +18,8 @@
 #include <type_traits>
 #include <variant>
 
+QString HXListDescription(const QStringList &list);
+
 class HXFormatArg {
 public:
     HXFormatArg(const QString &text) : m_value(text) {}
@@ -28,6 +31,8 @@ public:
     {
     }
     HXFormatArg(const QVariant &value) : m_value(value.toString()) {}
+    // A list formats as the system describes one: "(\n    a,\n    \"b c\"\n)".
+    HXFormatArg(const QStringList &list) : m_value(HXListDescription(list)) {}
     HXFormatArg(const std::optional<QString> &text) : m_value(text ? *text : QStringLiteral("(null)")) {}
     HXFormatArg(bool value) : m_value(static_cast<long long>(value)) {}
     template <std::signed_integral T> HXFormatArg(T value) : m_value(static_cast<long long>(value)) {}

@@ -1,5 +1,7 @@
 #include "system/PropertyList.h"
 
+#include "platform/Folder.h"
+
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
@@ -10,6 +12,7 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <unistd.h>
 
 namespace PropertyList {
 
@@ -219,6 +222,21 @@ QVariant readFile(const QString &path)
 QVariantMap readDictionary(const QString &path)
 {
     const QVariant value = readFile(path);
+    return value.typeId() == QMetaType::QVariantMap ? value.toMap() : QVariantMap();
+}
+
+QVariantMap readDictionaryInUsersTree(const QString &path)
+{
+    const std::optional<platform::Item> item = platform::Item::open(path);
+    const int descriptor = item ? item->folder.openFileForReading(item->name) : -1;
+    if (descriptor < 0)
+        return QVariantMap();
+    QFile file;
+    if (!file.open(descriptor, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
+        ::close(descriptor);
+        return QVariantMap();
+    }
+    const QVariant value = fromData(file.readAll());
     return value.typeId() == QMetaType::QVariantMap ? value.toMap() : QVariantMap();
 }
 

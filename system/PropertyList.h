@@ -22,6 +22,11 @@ QVariant readFile(const QString &path);
 // Reads a file whose top level is a dictionary; anything else reads as empty.
 QVariantMap readDictionary(const QString &path);
 
+// The same for a file in a tree its user can change while root reads: the path is
+// walked without following a link the user could have planted, and the file
+// itself is never a link.
+QVariantMap readDictionaryInUsersTree(const QString &path);
+
 // Serialises a value tree as XML; an empty array when a value has no plist form.
 QByteArray toXml(const QVariant &value);
 

@@ -7,9 +7,15 @@
 #include <csignal>
 #include <cstdlib>
 #include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+extern char **environ;
 
 namespace platform {
 
@@ -69,8 +75,10 @@ std::vector<RunningProcess> runningProcesses()
             continue;
         // Kernel threads have no executable; another user's process refuses
         // to show it unless this one is root.
-        if (std::optional<QString> path = executableOf(static_cast<pid_t>(pid)))
-            processes.push_back({static_cast<pid_t>(pid), std::move(*path)});
+        std::optional<QString> path = executableOf(static_cast<pid_t>(pid));
+        struct stat info {};
+        if (path && ::stat(("/proc/" + QByteArray(entry->d_name)).constData(), &info) == 0)
+            processes.push_back({static_cast<pid_t>(pid), info.st_uid, std::move(*path)});
     }
     ::closedir(proc);
     return processes;
@@ -127,6 +135,113 @@ void waitUntilEnded(const std::vector<const PinnedProcess *> &processes, std::ch
             return;
         std::erase_if(waiting, [](const pollfd &entry) { return entry.revents != 0; });
     }
+}
+
+namespace {
+
+// The environment of a program started for ACCOUNT: ours, with that account's
+// names and home, and without a runtime folder that belongs to someone else.
+std::vector<QByteArray> environmentFor(const Account &account, const QString &home)
+{
+    const QByteArray runtime = "/run/user/" + QByteArray::number(account.uid);
+    std::vector<QByteArray> entries{"HOME=" + QFile::encodeName(home), "USER=" + account.name.toLocal8Bit(),
+                                    "LOGNAME=" + account.name.toLocal8Bit()};
+    struct stat info {};
+    const bool ownRuntime = ::stat(runtime.constData(), &info) == 0 && info.st_uid == account.uid;
+    if (ownRuntime)
+        entries.push_back("XDG_RUNTIME_DIR=" + runtime);
+    const bool keepRuntime = !ownRuntime && account.uid == ::getuid();
+    for (char **entry = environ; *entry != nullptr; ++entry) {
+        const QByteArray assignment(*entry);
+        const QByteArray name = assignment.left(assignment.indexOf('='));
+        if (name == "HOME" || name == "USER" || name == "LOGNAME" || name.startsWith("SUDO_") ||
+            name == "PKEXEC_UID" || (name == "XDG_RUNTIME_DIR" && !keepRuntime))
+            continue;
+        entries.push_back(assignment);
+    }
+    return entries;
+}
+
+// In the started program, between fork and exec: async-signal-safe calls only.
+[[noreturn]] void becomeProgram(const char *executable, char *const *arguments, char *const *environment,
+                                const char *home, const Account &account, const gid_t *groups,
+                                std::size_t groupCount, bool dropIdentity, int report)
+{
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (int number = 1; number < NSIG; ++number)
+        ::signal(number, SIG_DFL);
+    const int null = ::open("/dev/null", O_RDWR);
+    // Nothing of ours stays open in it: a caller reading our output would
+    // otherwise wait for the program to end too.
+    if (null < 0 || ::dup2(null, 0) < 0 || ::dup2(null, 1) < 0 || ::dup2(null, 2) < 0)
+        goto failed;
+    ::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
+    if (dropIdentity && (::setgroups(groupCount, groups) != 0 || ::setgid(account.gid) != 0 ||
+                         ::setuid(account.uid) != 0 || ::setuid(0) == 0))
+        goto failed;
+    if (::chdir(home) != 0 && ::chdir("/") != 0)
+        goto failed;
+    ::execve(executable, arguments, environment);
+failed:
+    const int error = errno;
+    [[maybe_unused]] const ssize_t written = ::write(report, &error, sizeof error);
+    ::_exit(127);
+}
+
+}  // namespace
+
+int startDetached(const QString &executable, const Account &account, const QString &home)
+{
+    const bool dropIdentity = ::geteuid() == 0 && account.uid != 0;
+    if (!dropIdentity && account.uid != ::geteuid())
+        return EPERM;
+    // Everything the child needs is made before fork: it may not allocate.
+    const QByteArray path = QFile::encodeName(executable);
+    const QByteArray homePath = QFile::encodeName(home);
+    std::vector<QByteArray> environment = environmentFor(account, home);
+    std::vector<char *> environmentPointers;
+    for (QByteArray &entry : environment)
+        environmentPointers.push_back(entry.data());
+    environmentPointers.push_back(nullptr);
+    QByteArray argument0 = path;
+    char *arguments[] = {argument0.data(), nullptr};
+
+    int report[2];
+    if (::pipe2(report, O_CLOEXEC) != 0)
+        return errno;
+    const pid_t intermediate = ::fork();
+    if (intermediate < 0) {
+        const int error = errno;
+        ::close(report[0]);
+        ::close(report[1]);
+        return error;
+    }
+    if (intermediate == 0) {
+        // A second fork leaves the program to init, so nobody has to collect it.
+        ::setsid();
+        const pid_t program = ::fork();
+        if (program == 0)
+            becomeProgram(path.constData(), arguments, environmentPointers.data(), homePath.constData(),
+                          account, account.groups.data(), account.groups.size(), dropIdentity, report[1]);
+        if (program < 0) {
+            const int error = errno;
+            [[maybe_unused]] const ssize_t written = ::write(report[1], &error, sizeof error);
+        }
+        ::_exit(0);
+    }
+    ::close(report[1]);
+    int status = 0;
+    while (::waitpid(intermediate, &status, 0) < 0 && errno == EINTR) {
+    }
+    // End of file once the program has replaced itself: no error to read.
+    int error = 0;
+    ssize_t got = 0;
+    while ((got = ::read(report[0], &error, sizeof error)) < 0 && errno == EINTR) {
+    }
+    ::close(report[0]);
+    return got == static_cast<ssize_t>(sizeof error) ? error : 0;
 }
 
 }  // namespace platform

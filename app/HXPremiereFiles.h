@@ -1,0 +1,23 @@
+#pragma once
+
+// What a repair trashes of Premiere Pro, gathered from the standard folders in the
+// order the repair trashes it. Gathering looks only; nothing is changed here.
+
+#include <QString>
+#include <QStringList>
+
+namespace HXPremiereFiles {
+
+inline const QString kBundleIdentifier = QStringLiteral("com.adobe.AdobePremierePro");
+inline const QString kApplicationName = QStringLiteral("Adobe Premiere Pro");
+
+// The preference files. Two entries are literal paths, added whether or not they
+// exist: the crash reporter's settings, and "com.Adobe.Common*.plist" a second
+// time, asterisk and all, which trashes nothing (it always has been so).
+QStringList preferencePaths();
+// The workspace layouts of every Premiere Pro version.
+QStringList windowLayoutPaths();
+QStringList dynamicLinkCachePaths();
+QStringList memoryBalancerPaths();
+
+}  // namespace HXPremiereFiles

@@ -1,0 +1,208 @@
+// The repair: one fixed sequence of steps, the same in the window (on a thread
+// of its own) and on the command line (on the main thread).
+
+#include "app/HXAppController.h"
+#include "app/HXPremiereFiles.h"
+
+#include "app/audit/HXMendwellUtils.h"
+#include "diagnostics/HXException.h"
+#include "diagnostics/HXLog.h"
+#include "system/HXAuthorization.h"
+#include "system/HXDistributedNotificationCenter.h"
+#include "system/HXFormat.h"
+#include "system/HXMainThread.h"
+#include "system/HXWorkspace.h"
+#include "ui/HXAlert.h"
+#include "ui/HXGrowl.h"
+
+#include <exception>
+#include <thread>
+
+namespace {
+
+const QString kScanFinished = QStringLiteral("hxMendwellScanFinished");
+const QString kOutputKey = QStringLiteral("output");
+const QString kShouldTrash = QStringLiteral("shouldTrash");
+const QString kShouldTrashWorkspaces = QStringLiteral("shouldTrashWorkspaces");
+const QString kNoticeTitle = QStringLiteral("Mendwell");
+const QString kErrorsFound = QStringLiteral("Errors were found during processing.");
+const QString kNoErrorsFound = QStringLiteral("No errors were found.");
+
+// Only so many wrong paths are listed; a count stands for the rest.
+constexpr qsizetype kListedPaths = 20;
+// From this many on, the permission step warns that it takes a while.
+constexpr qsizetype kManyPaths = 50;
+
+QString wrongPathsListing(const QStringList &paths)
+{
+    if (paths.size() <= kListedPaths)
+        return paths.join(QLatin1Char('\n'));
+    return HXFormat(u"%@\n(plus %i more)", paths.mid(0, kListedPaths).join(QLatin1Char('\n')),
+                    static_cast<int>(paths.size() - kListedPaths));
+}
+
+QString settingPermissionsLine(qsizetype count)
+{
+    if (count < kManyPaths)
+        return HXFormat(u"Setting correct permissions on %i file%@...", static_cast<int>(count),
+                        count == 1 ? QString() : QStringLiteral("s"));
+    return HXFormat(u"Setting correct permissions on %i files. This could take a while...",
+                    static_cast<int>(count));
+}
+
+QStringList auditAdobeFolders()
+{
+    QStringList badPaths;
+    for (const QString &root : HXMendwellUtils::auditedFolders())
+        if (const std::optional<QStringList> found = HXMendwellUtils::checkPermissionsForDirectory(root))
+            badPaths += *found;
+    return badPaths;
+}
+
+}  // namespace
+
+void HXAppController::repair()
+{
+    const auto isOn = [](const QPointer<QAbstractButton> &box) { return box && box->isChecked(); };
+    const QVariantMap parameters{{kShouldTrash, isOn(m_controls.trashPrefs)},
+                                 {kShouldTrashWorkspaces, isOn(m_controls.resetLayoutCheck)}};
+    // The disabled button, not a lock, keeps a second repair from starting.
+    std::thread([this, parameters] { threadedRepair(parameters); }).detach();
+}
+
+void HXAppController::threadedRepair(const QVariantMap &parameters)
+{
+    const bool shouldTrash = parameters.value(kShouldTrash).toBool();
+    const bool shouldTrashWorkspaces = parameters.value(kShouldTrashWorkspaces).toBool();
+    HXPerformOnMainThread([this] { repairStart(); }, true);
+    startRepair(shouldTrash, shouldTrashWorkspaces, false);
+    HXPerformOnMainThread([this] { repairEnd(); }, true);
+}
+
+void HXAppController::repairStart()
+{
+    if (m_controls.repairButton)
+        m_controls.repairButton->setEnabled(false);
+    if (m_controls.spinner)
+        m_controls.spinner->setRange(0, 0);  // busy: the bar runs back and forth
+}
+
+void HXAppController::repairEnd()
+{
+    if (m_controls.repairButton)
+        m_controls.repairButton->setEnabled(true);
+    if (m_controls.spinner)
+        m_controls.spinner->setRange(0, 1);
+}
+
+void HXAppController::startRepair(bool trash, bool silent)
+{
+    startRepair(trash, trash, silent);
+}
+
+void HXAppController::startRepair(bool shouldTrash, bool shouldTrashWorkspaces, bool silent)
+{
+    try {
+        const auto say = [this, silent](void (HXAppController::*insert)(const QString &),
+                                        const QString &text) {
+            if (!silent)
+                (this->*insert)(text);
+        };
+        bool errorsFound = false;
+        bool premiereWasRunning = false;
+
+        if (!m_hasGUI && !silent)
+            HXGrowl::postGrowlNotification(kNoticeTitle, QStringLiteral("Repairing Creative Suite..."));
+        HXLog::appendLog(u"Starting repair...");
+
+        HXAuthorization &authorization = HXAuthorization::sharedController();
+        if (!authorization.isAuthorized())
+            authorization.authStart();
+        if (!authorization.isAuthorized()) {
+            // The window says nothing at all: the button simply comes back.
+            if (!m_hasGUI) {
+                HXDistributedNotificationCenter::defaultCenter().postNotification(
+                    kScanFinished, {{kOutputKey, QStringLiteral("Unable to authorize. Repair canceled.")}});
+                if (!silent)
+                    HXGrowl::postGrowlNotification(kNoticeTitle, QStringLiteral("Repair failed."));
+            }
+            return;
+        }
+
+        if (m_hasGUI)
+            clearErrorText();
+        say(&HXAppController::insertBoldText, QStringLiteral("Starting repair..."));
+
+        if (HXWorkspace::runningBundleIdentifiers().contains(HXPremiereFiles::kBundleIdentifier)) {
+            say(&HXAppController::insertBoldText, QStringLiteral("Waiting for Premiere Pro to exit..."));
+            // Goes on after the time limit even while Premiere Pro still runs.
+            closePremiere();
+            premiereWasRunning = true;
+        }
+        if (shouldTrash) {
+            say(&HXAppController::insertText, QStringLiteral("Trashing preferences..."));
+            trashPremierePrefs(false);
+        }
+        if (shouldTrashWorkspaces) {
+            say(&HXAppController::insertText, QStringLiteral("Trashing workspaces..."));
+            trashWorkspaces(false);
+        }
+        say(&HXAppController::insertText, QStringLiteral("Terminating processes..."));
+        stopAll();
+        say(&HXAppController::insertText, QStringLiteral("Trashing dynamic link caches..."));
+        trashDynamicLinkCaches();
+        say(&HXAppController::insertText, QStringLiteral("Resetting memory balancer..."));
+        resetMemoryBalancer();
+
+        say(&HXAppController::insertText, QStringLiteral("Checking file permissions..."));
+        const QStringList badPaths = auditAdobeFolders();
+        if (!badPaths.isEmpty()) {
+            HXLog::appendLog(u"Incorrect file permissions on: %@", badPaths);
+            say(&HXAppController::insertErrorText,
+                HXFormat(u"The following files have incorrect permissions:\n%@",
+                         wrongPathsListing(badPaths)));
+            say(&HXAppController::insertText, settingPermissionsLine(badPaths.size()));
+            setFilePermissions();
+            // Wrong permissions count as errors even though they were just corrected.
+            errorsFound = true;
+        } else {
+            say(&HXAppController::insertText, QStringLiteral("No file permission errors found."));
+        }
+        say(&HXAppController::insertText, QStringLiteral("Checking 32-bit flag..."));
+        if (checkForActive32BitMode(HXPremiereFiles::kBundleIdentifier))
+            errorsFound = true;
+
+        say(&HXAppController::insertText, QStringLiteral("Finishing..."));
+        authorization.authEnd();
+
+        // A silent run always reports errors: its caller looks at the log.
+        QString summary = silent || errorsFound ? kErrorsFound : kNoErrorsFound;
+        if (errorsFound)
+            say(&HXAppController::insertBoldErrorText, HXFormat(u"Processing complete. %@", summary));
+        else
+            say(&HXAppController::insertBoldText, HXFormat(u"Processing complete. %@", summary));
+
+        if (m_hasGUI) {
+            if (errorsFound)
+                summary += QStringLiteral("\n\nScroll up to see the relevant error messages.");
+            HXAlert::alertSheetWithMessageText(QStringLiteral("Processing complete"), summary, windowMain());
+        } else {
+            const std::optional<QString> output = outputString();
+            QVariantMap userInfo;
+            if (output && !output->isEmpty())
+                userInfo.insert(kOutputKey, *output);
+            HXDistributedNotificationCenter::defaultCenter().postNotification(kScanFinished, userInfo);
+            if (!silent)
+                HXGrowl::postGrowlNotification(kNoticeTitle, QStringLiteral("Repair complete."));
+        }
+
+        if (premiereWasRunning) {
+            if (const std::optional<QString> premiere =
+                    HXWorkspace::absolutePathForAppBundleWithIdentifier(HXPremiereFiles::kBundleIdentifier))
+                HXWorkspace::launchApplication(*premiere);
+        }
+    } catch (const std::exception &exception) {
+        HXException::logException(exception,
+                                  "-[HXAppController startRepair:shouldTrashWorkspaces:isSilent:]");
+    }
+}

@@ -1,0 +1,511 @@
+// The repair as users run it: Mendwell -repair as a process in the sandbox, as root
+// for console user anna (or as anna, who cannot authorize), on a session bus of
+// the test's own with a real notification server. A stand-in editor
+// (tests/programs/editorstandin.cpp) with Premiere Pro's bundle identifier runs
+// as anna in /Applications. One driver script per sandbox run starts the editor,
+// runs Mendwell and waits for the editor to come back, all in the sandbox's own
+// process namespace. This program listens on the bus for the closing signal.
+
+#include "system/HXDistributedNotificationCenter.h"
+#include "tests/support/Sandbox.h"
+#include "tests/support/TestDisplay.h"
+#include "tests/support/TestFiles.h"
+#include "tests/support/TestNotificationServer.h"
+#include "tests/support/TestSessionBus.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QRegularExpression>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <plist/plist.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+const QString kEditor = QStringLiteral("/Applications/Adobe Premiere Pro.app");
+const QString kRecord = QStringLiteral("/Users/anna/editor.record");
+const QString kDriver = QStringLiteral("/Applications/TestPrograms/repairdriver.sh");
+const QString kTimeFile = QStringLiteral("/Library/TestRuns/repair.time");
+
+// repairdriver.sh BEHAVIOUR COMMAND...: BEHAVIOUR is "none" (no editor runs) or
+// the editor's ("quit-after N", "refuse"). Mendwell's own output is the driver's.
+const char kDriverScript[] = R"sh(set -u
+behaviour=$1
+shift
+record=/Users/anna/editor.record
+app="/Applications/Adobe Premiere Pro.app"
+launches() { grep -c launch "$record" 2>/dev/null || true; }
+if [ "$behaviour" != none ]; then
+    printf '%s\n%s\n' "$behaviour" "$record" >"$app/Contents/Resources/behaviour"
+    setpriv --reuid=anna --regid=anna --init-groups -- env HOME=/Users/anna \
+        "$app/Contents/MacOS/Adobe Premiere Pro" &
+    until [ "$(launches)" = 1 ]; do sleep 0.01; done
+fi
+before=$(launches)
+start=$(date +%s%N)
+"$@"
+end=$(date +%s%N)
+echo "$(((end - start) / 1000000))" >/Library/TestRuns/repair.time
+# The editor started again on its own; give it a moment to say so.
+if [ "$behaviour" != none ]; then
+    n=0
+    while [ "$(launches)" = "$before" ] && [ $n -lt 500 ]; do sleep 0.01; n=$((n + 1)); done
+fi
+)sh";
+
+const QStringList kSampleTrash = {
+    QStringLiteral("/Library/Preferences/com.adobe.CSXS.4.plist"),
+    QStringLiteral("/Users/anna/Documents/Adobe/Premiere Pro/7.0/Layouts/Color Correction.xml"),
+    QStringLiteral("/Users/anna/Documents/Adobe/Premiere Pro/7.0/Layouts/Editing.xml"),
+    QStringLiteral("/Users/anna/Documents/Adobe/Premiere Pro/7.0/Layouts/Effects.xml"),
+    QStringLiteral("/Users/anna/Library/Application Support/Adobe/Premiere Pro/7.0/Adobe Premiere Pro Prefs"),
+    QStringLiteral("/Users/anna/Library/Caches/TemporaryItems/com.adobe.dynamiclinkmanager.1234"),
+    QStringLiteral("/Users/anna/Library/Preferences/Adobe/dynamiclinkmanager/7.0/memorybalancerdlserver.xml"),
+    QStringLiteral("/Users/anna/Library/Preferences/com.Adobe.Common 7.0.plist"),
+    QStringLiteral("/Users/anna/Library/Preferences/com.Adobe.Premiere Pro.7.0.plist"),
+    QStringLiteral("/Users/anna/Library/Preferences/com.adobe.CSXS.4.plist"),
+    QStringLiteral("/Users/anna/Library/Preferences/com.adobe.crashreporter.plist"),
+};
+
+// The four wrong items of the sample, in no particular order (the audit lists
+// them in the file system's order).
+const QStringList kSampleWrong = {
+    QStringLiteral("/Library/Application Support/Adobe/Common/Plugin Registry.txt"),
+    QStringLiteral("/Library/Application Support/Adobe/SLStore"),
+    QStringLiteral("/Users/anna/Documents/Adobe/Premiere Pro/7.0/Profile-root"),
+    QStringLiteral("/Users/anna/Library/Application Support/Adobe/Premiere Pro/7.0/Trace Database.txt"),
+};
+
+const QString kWrongHeading = QStringLiteral("The following files have incorrect permissions:\n");
+
+struct RepairRun {
+    ProcessResult process;
+    // The console lines, as the system log on standard error shows them.
+    QStringList console;
+    // What the closing signal carried: none when no signal came; "output" absent
+    // inside when it had none.
+    std::optional<QVariantMap> finished;
+    // Notices the server showed during the run ("summary|body").
+    QStringList notices;
+    qint64 milliseconds = -1;
+};
+
+// Console lines: each system-log line starts with its date and "Mendwell[pid] ";
+// lines without that prefix continue the one before.
+QStringList consoleLines(const QByteArray &err)
+{
+    static const QRegularExpression prefix(
+        QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} Mendwell\\[\\d+\\] "));
+    QStringList lines;
+    for (const QString &line : QString::fromUtf8(err).split(QLatin1Char('\n'))) {
+        const QRegularExpressionMatch match = prefix.match(line);
+        if (match.hasMatch())
+            lines.append(line.mid(match.capturedLength()));
+        else if (!lines.isEmpty())
+            lines.last() += QLatin1Char('\n') + line;
+    }
+    if (!lines.isEmpty() && lines.last().endsWith(QLatin1Char('\n')))
+        lines.last().chop(1);
+    return lines;
+}
+
+// The listing inside LINE sorted, so lines can be compared whatever the order the
+// file system listed the wrong items in.
+QStringList withSortedListing(QStringList lines)
+{
+    for (QString &line : lines)
+        if (line.startsWith(kWrongHeading)) {
+            QStringList paths = line.mid(kWrongHeading.size()).split(QLatin1Char('\n'));
+            std::sort(paths.begin(), paths.end());
+            line = kWrongHeading + paths.join(QLatin1Char('\n'));
+        }
+    return lines;
+}
+
+class RepairTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        if (!Sandbox::unavailableReason().isEmpty())
+            return;
+        bus = new TestSessionBus;
+        display = new TestDisplay;
+        if (!bus->isRunning() || !display->isRunning())
+            return;
+        server = new TestNotificationServer(display->display(), bus->address());
+        bus->useForThisProcess();
+        HXDistributedNotificationCenter::defaultCenter().addObserver(
+            QStringLiteral("hxMendwellScanFinished"),
+            [](const HXNotification &notification) { finished.push_back(notification.userInfo); });
+    }
+
+    static void TearDownTestSuite()
+    {
+        delete server;
+        delete display;
+        delete bus;
+    }
+
+    void SetUp() override
+    {
+        SKIP_WITHOUT_SANDBOX();
+        ASSERT_TRUE(server != nullptr && server->isRunning());
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
+        // The driver writes its timing here whoever it runs as.
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/TestRuns")));
+        ::chmod(QFile::encodeName(box.hostPath(QStringLiteral("/Library/TestRuns"))).constData(), 01777);
+        QFile driver(box.hostPath(kDriver));
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Applications/TestPrograms")));
+        ASSERT_TRUE(driver.open(QIODevice::WriteOnly));
+        driver.write(kDriverScript);
+    }
+
+    void makeSample()
+    {
+        const ProcessResult made =
+            runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
+                        box.hostPath(QString())});
+        ASSERT_EQ(made.exitCode, 0) << made.err.constData();
+    }
+
+    // An editor bundle with Premiere Pro's identifier; it runs only when a run
+    // asks for it.
+    void installEditor()
+    {
+        ASSERT_TRUE(box.makeFolder(kEditor + QStringLiteral("/Contents/Resources")));
+        ASSERT_TRUE(
+            box.writeFile(kEditor + QStringLiteral("/Contents/Info.plist"),
+                          "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                          "<key>CFBundleIdentifier</key><string>com.adobe.AdobePremierePro</string>"
+                          "<key>CFBundleExecutable</key><string>Adobe Premiere Pro</string>"
+                          "<key>CFBundleName</key><string>Adobe Premiere Pro</string></dict></plist>\n"));
+        ASSERT_TRUE(box.makeFolder(kEditor + QStringLiteral("/Contents/MacOS")));
+        const QString executable =
+            box.hostPath(kEditor + QStringLiteral("/Contents/MacOS/Adobe Premiere Pro"));
+        ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/editorstandin"), executable));
+        ::chmod(QFile::encodeName(executable).constData(), 0755);
+    }
+
+    // The three Adobe folders the audit looks at, correct and empty.
+    void makeAdobeFolders()
+    {
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Library/Application Support/Adobe"), true));
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Documents/Adobe"), true));
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Application Support/Adobe")));
+    }
+
+    RepairRun repair(const QStringList &switches, const QString &editor = QStringLiteral("none"),
+                     bool asRoot = true)
+    {
+        RepairRun run;
+        const std::size_t signalsBefore = finished.size();
+        const qsizetype noticesBefore = server->shownNotices().size();
+        const QStringList command =
+            QStringList{QStringLiteral("sh"), kDriver, editor, Sandbox::mendwellPath()} + switches;
+        const QStringList environment{bus->environmentEntry()};
+        run.process = asRoot ? box.runAsRoot(command, environment) : box.runAsUser(command, environment);
+        run.console = consoleLines(run.process.err);
+        run.milliseconds = box.readFile(kTimeFile).trimmed().toLongLong();
+        // The signal left before Mendwell ended; give the bus a moment to hand it on.
+        QElapsedTimer waited;
+        waited.start();
+        while (finished.size() == signalsBefore && waited.elapsed() < 10000)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        if (finished.size() == signalsBefore + 1)
+            run.finished = finished.back();
+        // Notices are recorded as the server shows them, a little later.
+        QThread::msleep(1500);
+        for (const QString &notice : server->shownNotices().mid(noticesBefore))
+            run.notices.append(
+                notice.section(QStringLiteral("\tsummary="), 1).section(QLatin1Char('\t'), 0, 0) +
+                QLatin1Char('|') +
+                notice.section(QStringLiteral("\tbody="), 1).section(QLatin1Char('\t'), 0, 0));
+        std::printf("[ repair   ] %s: %lld ms\n", qPrintable(switches.join(QLatin1Char(' '))),
+                    static_cast<long long>(run.milliseconds));
+        return run;
+    }
+
+    QStringList trashListing() const
+    {
+        const ProcessResult listed = box.runAsUser({QStringLiteral("trash-list")});
+        QStringList paths;
+        for (const QString &line : QString::fromUtf8(listed.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+            paths.append(line.section(QLatin1Char(' '), 2));
+        std::sort(paths.begin(), paths.end());
+        return paths;
+    }
+
+    QStringList editorRecord() const
+    {
+        return QString::fromUtf8(box.readFile(kRecord)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
+
+    static TestSessionBus *bus;
+    static TestDisplay *display;
+    static TestNotificationServer *server;
+    static std::vector<QVariantMap> finished;
+    Sandbox box;
+};
+
+TestSessionBus *RepairTest::bus = nullptr;
+TestDisplay *RepairTest::display = nullptr;
+TestNotificationServer *RepairTest::server = nullptr;
+std::vector<QVariantMap> RepairTest::finished;
+
+const QStringList kNotices = {QStringLiteral("Mendwell|Repairing Creative Suite..."),
+                              QStringLiteral("Mendwell|Repair complete.")};
+
+TEST_F(RepairTest, RepairsTheSampleWhileTheEditorQuitsAndStartsTheEditorAgain)
+{
+    makeSample();
+    installEditor();
+    const RepairRun first =
+        repair({QStringLiteral("-repair"), QStringLiteral("-trash")}, QStringLiteral("quit-after 3"));
+    const QStringList expected = {
+        QStringLiteral("Starting repair..."),
+        QStringLiteral("Waiting for Premiere Pro to exit..."),
+        QStringLiteral("Trashing preferences..."),
+        QStringLiteral("Trashing workspaces..."),
+        QStringLiteral("Terminating processes..."),
+        QStringLiteral("Trashing dynamic link caches..."),
+        QStringLiteral("Resetting memory balancer..."),
+        QStringLiteral("Checking file permissions..."),
+        kWrongHeading + kSampleWrong.join(QLatin1Char('\n')),
+        QStringLiteral("Setting correct permissions on 4 files..."),
+        QStringLiteral("Checking 32-bit flag..."),
+        QStringLiteral("Finishing..."),
+        QStringLiteral("Processing complete. Errors were found during processing."),
+    };
+    EXPECT_EQ(withSortedListing(first.console), expected) << first.process.err.constData();
+    ASSERT_TRUE(first.finished.has_value());
+    EXPECT_EQ(first.finished->value(QStringLiteral("output")).toString(),
+              first.console.join(QStringLiteral("\n\n")));
+    EXPECT_EQ(first.notices, kNotices);
+    EXPECT_EQ(trashListing(), kSampleTrash);
+    // Asked to quit, it took three seconds; then the repair started it again, as anna.
+    const QString launch = QStringLiteral("launch uid=%1 home=/Users/anna").arg(Sandbox::userId());
+    EXPECT_EQ(editorRecord(), (QStringList{launch, QStringLiteral("term"), launch}));
+    // What the user keeps: projects and a plug-in's settings.
+    EXPECT_TRUE(box.exists(QStringLiteral("/Users/anna/Movies/Trailer.prproj")));
+    EXPECT_TRUE(
+        box.exists(QStringLiteral("/Users/anna/Library/Application Support/Adobe/Premiere Pro/7.0/Plugins")));
+
+    // The permissions stay corrected; the editor is not running, so nobody waits
+    // for it and nothing is started.
+    const RepairRun second = repair({QStringLiteral("-repair")});
+    EXPECT_EQ(second.console, (QStringList{
+                                  QStringLiteral("Starting repair..."),
+                                  QStringLiteral("Terminating processes..."),
+                                  QStringLiteral("Trashing dynamic link caches..."),
+                                  QStringLiteral("Resetting memory balancer..."),
+                                  QStringLiteral("Checking file permissions..."),
+                                  QStringLiteral("No file permission errors found."),
+                                  QStringLiteral("Checking 32-bit flag..."),
+                                  QStringLiteral("Finishing..."),
+                                  QStringLiteral("Processing complete. No errors were found."),
+                              }));
+    EXPECT_EQ(second.notices, kNotices);
+    EXPECT_EQ(editorRecord().size(), 3);
+    EXPECT_EQ(trashListing(), kSampleTrash);
+}
+
+TEST_F(RepairTest, AnEditorThatRefusesToQuitHoldsTheRepairAboutFortyTwoSeconds)
+{
+    makeAdobeFolders();
+    installEditor();
+    const RepairRun run = repair({QStringLiteral("-repair")}, QStringLiteral("refuse"));
+    // 21 looks two seconds apart, then two seconds for the background processes.
+    EXPECT_GE(run.milliseconds, 44000);
+    EXPECT_EQ(run.console.mid(0, 3), (QStringList{QStringLiteral("Starting repair..."),
+                                                  QStringLiteral("Waiting for Premiere Pro to exit..."),
+                                                  QStringLiteral("Terminating processes...")}));
+    EXPECT_EQ(run.console.value(run.console.size() - 1),
+              QStringLiteral("Processing complete. No errors were found."));
+    // Still running, and started a second time all the same.
+    const QString launch = QStringLiteral("launch uid=%1 home=/Users/anna").arg(Sandbox::userId());
+    EXPECT_EQ(editorRecord(), (QStringList{launch, QStringLiteral("term"), launch}));
+}
+
+TEST_F(RepairTest, ASilentRunSaysNothingButStillSignalsTheEnd)
+{
+    makeSample();
+    const RepairRun run =
+        repair({QStringLiteral("-repair"), QStringLiteral("-silent"), QStringLiteral("-trash")});
+    EXPECT_TRUE(run.console.isEmpty()) << run.process.err.constData();
+    EXPECT_TRUE(run.process.out.isEmpty()) << run.process.out.constData();
+    EXPECT_TRUE(run.notices.isEmpty()) << run.notices.join(QLatin1Char('\n')).toStdString();
+    ASSERT_TRUE(run.finished.has_value());
+    EXPECT_FALSE(run.finished->contains(QStringLiteral("output")));
+    // It did the work all the same, and the log says which items were wrong.
+    EXPECT_EQ(trashListing(), kSampleTrash);
+    const QString log =
+        QString::fromUtf8(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/Mendwell.task.1.log")));
+    EXPECT_TRUE(log.contains(QStringLiteral(" - Incorrect file permissions on: (\n    \"")))
+        << log.toStdString();
+    for (const QString &path : kSampleWrong)
+        EXPECT_TRUE(log.contains(QLatin1Char('"') + path + QLatin1Char('"'))) << path.toStdString();
+}
+
+TEST_F(RepairTest, WithoutAuthorizationNothingHappensAndTheSignalSaysSo)
+{
+    makeSample();
+    const RepairRun run =
+        repair({QStringLiteral("-repair"), QStringLiteral("-trash")}, QStringLiteral("none"),
+               /*asRoot=*/false);
+    EXPECT_EQ(run.console, QStringList{QStringLiteral("Unable to authorize")});
+    ASSERT_TRUE(run.finished.has_value());
+    EXPECT_EQ(*run.finished, (QVariantMap{{QStringLiteral("output"),
+                                           QStringLiteral("Unable to authorize. Repair canceled.")}}));
+    EXPECT_EQ(run.notices, (QStringList{QStringLiteral("Mendwell|Repairing Creative Suite..."),
+                                        QStringLiteral("Mendwell|Repair failed.")}));
+    EXPECT_TRUE(trashListing().isEmpty());
+    EXPECT_TRUE(box.exists(QStringLiteral("/Users/anna/Library/Preferences/com.adobe.CSXS.4.plist")));
+}
+
+// A binary list as the system writes it, with the editor only in the second table.
+QByteArray binaryLaunchServices()
+{
+    plist_t root = plist_new_dict();
+    plist_t first = plist_new_dict();
+    plist_t other = plist_new_array();
+    plist_array_append_item(other, plist_new_string("i386"));
+    plist_array_append_item(other, plist_new_string("i386"));
+    plist_dict_set_item(first, "com.example.Other", other);
+    plist_t second = plist_new_dict();
+    plist_t editor = plist_new_array();
+    plist_array_append_item(editor, plist_new_string("x86_64"));
+    plist_array_append_item(editor, plist_new_string("i386"));
+    plist_dict_set_item(second, "com.adobe.AdobePremierePro", editor);
+    plist_dict_set_item(root, "LSArchitecturesForX86_64", first);
+    plist_dict_set_item(root, "LSArchitecturesForX86_64v2", second);
+    char *bytes = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(root, &bytes, &length);
+    QByteArray data(bytes, static_cast<qsizetype>(length));
+    std::free(bytes);
+    plist_free(root);
+    return data;
+}
+
+TEST_F(RepairTest, TheThirtyTwoBitFlagInABinaryListIsAnErrorAndSaidEvenWhenSilent)
+{
+    makeAdobeFolders();
+    installEditor();
+    ASSERT_TRUE(
+        box.writeFile(QStringLiteral("/Users/anna/Library/Preferences/com.apple.LaunchServices.plist"),
+                      binaryLaunchServices(), true));
+    const QString warning =
+        QStringLiteral("Adobe Premiere Pro is set to run in 32-bit mode. This may cause problems. To fix "
+                       "this, ctrl-click the "
+                       "application, click Get Info and deselect \"Open in 32-bit mode\".");
+
+    const RepairRun run = repair({QStringLiteral("-repair")});
+    EXPECT_EQ(run.console.mid(5),
+              (QStringList{
+                  QStringLiteral("No file permission errors found."),
+                  QStringLiteral("Checking 32-bit flag..."),
+                  warning,
+                  QStringLiteral("Finishing..."),
+                  QStringLiteral("Processing complete. Errors were found during processing."),
+              }));
+
+    const RepairRun silent = repair({QStringLiteral("-repair"), QStringLiteral("-silent")});
+    EXPECT_EQ(silent.console, QStringList{warning});
+    ASSERT_TRUE(silent.finished.has_value());
+    EXPECT_EQ(silent.finished->value(QStringLiteral("output")).toString(), warning);
+}
+
+TEST_F(RepairTest, LongListsShowTwentyPathsAndACount)
+{
+    makeAdobeFolders();
+    const QString folder = QStringLiteral("/Users/anna/Library/Application Support/Adobe/Cache");
+    ASSERT_TRUE(box.makeFolder(folder, true));
+    int made = 0;
+    // Files left behind by root in anna's folder: each has the wrong owner.
+    const auto addWrongFiles = [&](int count) {
+        for (int i = 0; i < count; ++i, ++made)
+            box.writeFile(folder + QStringLiteral("/item%1").arg(made, 3, 10, QLatin1Char('0')), "x");
+    };
+    struct Case {
+        int count;
+        QString listed;  // the count line, if any
+        QString setting;
+    };
+    const Case cases[] = {
+        {1, QString(), QStringLiteral("Setting correct permissions on 1 file...")},
+        {20, QString(), QStringLiteral("Setting correct permissions on 20 files...")},
+        {21, QStringLiteral("(plus 1 more)"), QStringLiteral("Setting correct permissions on 21 files...")},
+        {49, QStringLiteral("(plus 29 more)"), QStringLiteral("Setting correct permissions on 49 files...")},
+        {50, QStringLiteral("(plus 30 more)"),
+         QStringLiteral("Setting correct permissions on 50 files. This could take a while...")},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.count);
+        addWrongFiles(c.count);
+        const RepairRun run = repair({QStringLiteral("-repair")});
+        ASSERT_GE(run.console.size(), 7);
+        const QStringList listing = run.console[5].split(QLatin1Char('\n'));
+        EXPECT_EQ(listing.first(), QStringLiteral("The following files have incorrect permissions:"));
+        EXPECT_EQ(listing.size(), 1 + std::min(c.count, 20) + (c.listed.isEmpty() ? 0 : 1));
+        EXPECT_EQ(c.listed.isEmpty() ? QString() : listing.last(), c.listed);
+        EXPECT_TRUE(listing.at(1).startsWith(folder + QStringLiteral("/item")));
+        EXPECT_EQ(run.console[6], c.setting);
+        EXPECT_EQ(run.console.last(),
+                  QStringLiteral("Processing complete. Errors were found during processing."));
+    }
+    // Each run corrected what it found.
+    EXPECT_EQ(repair({QStringLiteral("-repair")}).console.value(5),
+              QStringLiteral("No file permission errors found."));
+}
+
+TEST_F(RepairTest, TheWindowedRepairRunsOnItsOwnThreadAndAnswersWithASheet)
+{
+    makeSample();
+    const std::size_t signalsBefore = finished.size();
+    const QString program = box.installTestProgram(QStringLiteral("app-windowedrepair"));
+    const ProcessResult result =
+        box.runAsRoot({program, QStringLiteral("trashprefs")},
+                      {bus->environmentEntry(), QStringLiteral("QT_QPA_PLATFORM=offscreen")});
+    ASSERT_EQ(result.exitCode, 0) << result.err.constData();
+    const QStringList out = QString::fromUtf8(result.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    ASSERT_EQ(out.size(), 5) << result.out.constData();
+    EXPECT_EQ(out[0], QStringLiteral("running: button=disabled spinner=busy"));
+    EXPECT_EQ(out[1], QStringLiteral("alert: Processing complete | Errors were found during processing.\\n\\n"
+                                     "Scroll up to see the relevant error messages."));
+    EXPECT_TRUE(
+        out[2].startsWith(QStringLiteral("console: Starting repair...\\n\\nTrashing preferences...\\n\\n"
+                                         "Terminating processes...")))
+        << out[2].toStdString();
+    EXPECT_TRUE(out[2].endsWith(QStringLiteral("Processing complete. Errors were found during processing.")));
+    EXPECT_EQ(out[3], QStringLiteral("after: button=enabled spinner=idle"));
+    // The layout command announces preferences, as it always has.
+    EXPECT_EQ(out[4], QStringLiteral("alert: Premiere Pro preferences successfully trashed | "
+                                     "Please relaunch Premiere Pro."));
+    // The repair trashed the preferences only; the menu command then the layouts.
+    const QStringList trashed = trashListing();
+    EXPECT_TRUE(trashed.contains(QStringLiteral("/Users/anna/Library/Preferences/com.adobe.CSXS.4.plist")));
+    EXPECT_TRUE(
+        trashed.contains(QStringLiteral("/Users/anna/Documents/Adobe/Premiere Pro/7.0/Layouts/Effects.xml")));
+    // In the window nothing is signalled.
+    QElapsedTimer waited;
+    waited.start();
+    while (waited.elapsed() < 1000)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    EXPECT_EQ(finished.size(), signalsBefore);
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication application(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

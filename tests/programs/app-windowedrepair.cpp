@@ -1,0 +1,109 @@
+// Drives the windowed repair the way the main window does: a window with the
+// console, the repair button, the spinner and the two option boxes, the repair
+// button's action, and then the window-layout menu command. Every alert is
+// answered with its default button. Prints what a person would have seen:
+//   running: button=disabled spinner=busy   (while the repair ran)
+//   alert: MESSAGE | INFORMATIVE            (newlines as "\n")
+//   console: ...                            (the console's text after the repair)
+//   after: button=enabled spinner=idle
+// usage: app-windowedrepair [trashprefs] [layouts]   (the boxes to tick)
+
+#include "app/HXAppController.h"
+#include "diagnostics/HXLog.h"
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QMessageBox>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTextEdit>
+#include <QTimer>
+#include <QVBoxLayout>
+
+#include <cstdio>
+
+namespace {
+
+void print(const QString &line)
+{
+    std::printf("%s\n", qPrintable(line));
+    std::fflush(stdout);
+}
+
+QString oneLine(QString text)
+{
+    return text.replace(QLatin1Char('\n'), QStringLiteral("\\n"));
+}
+
+QString controlsState(const QPushButton &button, const QProgressBar &spinner)
+{
+    return QStringLiteral("button=%1 spinner=%2")
+        .arg(button.isEnabled() ? QStringLiteral("enabled") : QStringLiteral("disabled"),
+             spinner.maximum() == 0 ? QStringLiteral("busy") : QStringLiteral("idle"));
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    QApplication application(argc, argv);
+    const QStringList options = application.arguments().mid(1);
+    HXLog::createNewLog(QStringLiteral("Mendwell"));
+
+    QWidget window;
+    auto *layout = new QVBoxLayout(&window);
+    auto *console = new QTextEdit;
+    auto *button = new QPushButton(QStringLiteral("Repair"));
+    auto *spinner = new QProgressBar;
+    auto *trashPrefs = new QCheckBox(QStringLiteral("Trash preferences"));
+    auto *layouts = new QCheckBox(QStringLiteral("Reset window layouts"));
+    for (QWidget *part :
+         {static_cast<QWidget *>(console), static_cast<QWidget *>(button), static_cast<QWidget *>(spinner),
+          static_cast<QWidget *>(trashPrefs), static_cast<QWidget *>(layouts)})
+        layout->addWidget(part);
+    spinner->setRange(0, 1);
+    trashPrefs->setChecked(options.contains(QStringLiteral("trashprefs")));
+    layouts->setChecked(options.contains(QStringLiteral("layouts")));
+    window.show();
+
+    HXAppController controller;
+    controller.setHasGUI(true);
+    controller.setErrorText(console);
+    controller.setRepairControls({&window, button, spinner, trashPrefs, layouts});
+
+    bool sawRunning = false;
+    bool repairDone = false;
+    QTimer watcher;
+    QObject::connect(&watcher, &QTimer::timeout, [&] {
+        for (QWidget *widget : QApplication::topLevelWidgets()) {
+            auto *alert = qobject_cast<QMessageBox *>(widget);
+            if (alert == nullptr || !alert->isVisible() || alert->property("answered").toBool())
+                continue;
+            alert->setProperty("answered", true);
+            print(QStringLiteral("alert: ") + oneLine(alert->text()) + QStringLiteral(" | ") +
+                  oneLine(alert->informativeText()));
+            QTimer::singleShot(0, alert, [alert] { alert->defaultButton()->click(); });
+        }
+        if (!button->isEnabled() && !sawRunning) {
+            sawRunning = true;
+            print(QStringLiteral("running: ") + controlsState(*button, *spinner));
+        }
+        if (sawRunning && button->isEnabled() && !repairDone) {
+            repairDone = true;
+            print(QStringLiteral("console: ") + oneLine(console->toPlainText()));
+            print(QStringLiteral("after: ") + controlsState(*button, *spinner));
+            // The menu command runs on the main thread and waits for its alert.
+            QTimer::singleShot(0, [&controller] {
+                controller.menuTrashWindowLayout();
+                QApplication::exit(0);
+            });
+        }
+    });
+    watcher.start(20);
+    // Only keeps a broken run from hanging forever.
+    QTimer::singleShot(120000, [] { QApplication::exit(3); });
+    controller.repair();
+    const int status = QApplication::exec();
+    HXLog::finishWriting();
+    return status;
+}

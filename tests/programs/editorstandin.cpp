@@ -1,0 +1,60 @@
+// Stands in for the video editor: installed as the executable of an application
+// bundle, it runs until SIGTERM and then quits after a pause, or never. Its
+// behaviour comes from Contents/Resources/behaviour beside it ("quit-after N" or
+// "refuse"), because a relaunched editor gets no arguments. Every start and every
+// SIGTERM is appended to the file named on the behaviour file's second line:
+// "launch uid=U home=H" and "term".
+
+#include <QByteArray>
+#include <QFile>
+#include <QDir>
+#include <QFileInfo>
+#include <QList>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
+
+namespace {
+
+void record(const QByteArray &path, const QByteArray &line)
+{
+    QFile file(QString::fromLocal8Bit(path));
+    if (file.open(QIODevice::Append))
+        file.write(line + '\n');
+}
+
+}  // namespace
+
+int main(int, char **)
+{
+    char self[4096] = {};
+    if (::readlink("/proc/self/exe", self, sizeof self - 1) <= 0)
+        return 1;
+    const QString behaviourPath =
+        QFileInfo(QString::fromLocal8Bit(self)).dir().filePath(QStringLiteral("../Resources/behaviour"));
+    QFile behaviourFile(behaviourPath);
+    if (!behaviourFile.open(QIODevice::ReadOnly)) {
+        std::fprintf(stderr, "no behaviour file %s\n", qPrintable(behaviourPath));
+        return 1;
+    }
+    const QList<QByteArray> lines = behaviourFile.readAll().split('\n');
+    const QByteArray behaviour = lines.value(0);
+    const QByteArray recordPath = lines.value(1);
+
+    sigset_t term;
+    sigemptyset(&term);
+    sigaddset(&term, SIGTERM);
+    ::sigprocmask(SIG_BLOCK, &term, nullptr);
+    record(recordPath, "launch uid=" + QByteArray::number(::getuid()) + " home=" + qgetenv("HOME"));
+    for (;;) {
+        int received = 0;
+        ::sigwait(&term, &received);
+        record(recordPath, "term");
+        if (behaviour.startsWith("quit-after ")) {
+            ::sleep(behaviour.mid(11).toUInt());
+            return 0;
+        }
+    }
+}
