@@ -90,7 +90,7 @@ TEST_F(CommandLineTest, RootRepairWritesTaskLogWithHeaderInMachineFolder)
     EXPECT_TRUE(result.out.isEmpty()) << result.out.toStdString();
 
     const QStringList texts = textsOf(box.readFile(kMachineLogs + QStringLiteral("/Mendwell.task.1.log")));
-    ASSERT_EQ(texts.size(), 6) << texts.join('\n').toStdString();
+    ASSERT_GE(texts.size(), 6) << texts.join('\n').toStdString();
     EXPECT_TRUE(texts[0].startsWith(QStringLiteral("Log started: 20")));
     EXPECT_EQ(texts[1], QStringLiteral("Version: 100"));
     EXPECT_EQ(texts[2], QStringLiteral("Path: /Applications/Mendwell.app/Contents/MacOS/Mendwell"));
@@ -104,7 +104,10 @@ TEST_F(CommandLineTest, RootRepairWritesTaskLogWithHeaderInMachineFolder)
     box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair")});
     EXPECT_EQ(box.readFile(kUserLogs + QStringLiteral("/Mendwell.task.2.log")),
               QByteArray("user generation one"));
-    EXPECT_EQ(textsOf(box.readFile(kMachineLogs + QStringLiteral("/Mendwell.task.1.log"))).size(), 6);
+    EXPECT_EQ(textsOf(box.readFile(kMachineLogs + QStringLiteral("/Mendwell.task.1.log")))
+                  .filter(QStringLiteral("Log started: "))
+                  .size(),
+              1);
 }
 
 TEST_F(CommandLineTest, UserRepairLogsInTheUsersFolder)
