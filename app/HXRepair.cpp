@@ -59,6 +59,64 @@ QStringList auditAdobeFolders()
     return badPaths;
 }
 
+// Console lines of a run: none at all in a silent one.
+class Console {
+public:
+    Console(HXAppController &controller, bool silent) : m_controller(controller), m_silent(silent) {}
+    void say(void (HXAppController::*insert)(const QString &), const QString &text) const
+    {
+        if (!m_silent)
+            (m_controller.*insert)(text);
+    }
+
+private:
+    HXAppController &m_controller;
+    bool m_silent;
+};
+
+// The audit of the Adobe folders and, when it finds anything, the privileged
+// correction. True when something was wrong, even though it is corrected now.
+bool correctFilePermissions(HXAppController &controller, const Console &console)
+{
+    console.say(&HXAppController::insertText, QStringLiteral("Checking file permissions..."));
+    const QStringList badPaths = auditAdobeFolders();
+    if (badPaths.isEmpty()) {
+        console.say(&HXAppController::insertText, QStringLiteral("No file permission errors found."));
+        return false;
+    }
+    HXLog::appendLog(u"Incorrect file permissions on: %@", badPaths);
+    console.say(
+        &HXAppController::insertErrorText,
+        HXFormat(u"The following files have incorrect permissions:\n%@", wrongPathsListing(badPaths)));
+    console.say(&HXAppController::insertText, settingPermissionsLine(badPaths.size()));
+    controller.setFilePermissions();
+    return true;
+}
+
+// The verdict: on the console, then as a sheet in the window or as the closing
+// signal and a notice on the command line.
+void reportVerdict(HXAppController &controller, const Console &console, bool errorsFound, bool silent)
+{
+    // A silent run always reports errors: its caller looks at the log.
+    QString summary = silent || errorsFound ? kErrorsFound : kNoErrorsFound;
+    console.say(errorsFound ? &HXAppController::insertBoldErrorText : &HXAppController::insertBoldText,
+                HXFormat(u"Processing complete. %@", summary));
+    if (controller.hasGUI()) {
+        if (errorsFound)
+            summary += QStringLiteral("\n\nScroll up to see the relevant error messages.");
+        HXAlert::alertSheetWithMessageText(QStringLiteral("Processing complete"), summary,
+                                           controller.windowMain());
+        return;
+    }
+    const std::optional<QString> output = controller.outputString();
+    QVariantMap userInfo;
+    if (output && !output->isEmpty())
+        userInfo.insert(kOutputKey, *output);
+    HXDistributedNotificationCenter::defaultCenter().postNotification(kScanFinished, userInfo);
+    if (!silent)
+        HXGrowl::postGrowlNotification(kNoticeTitle, QStringLiteral("Repair complete."));
+}
+
 }  // namespace
 
 void HXAppController::repair()
@@ -103,14 +161,7 @@ void HXAppController::startRepair(bool trash, bool silent)
 void HXAppController::startRepair(bool shouldTrash, bool shouldTrashWorkspaces, bool silent)
 {
     try {
-        const auto say = [this, silent](void (HXAppController::*insert)(const QString &),
-                                        const QString &text) {
-            if (!silent)
-                (this->*insert)(text);
-        };
-        bool errorsFound = false;
-        bool premiereWasRunning = false;
-
+        const Console console(*this, silent);
         if (!m_hasGUI && !silent)
             HXGrowl::postGrowlNotification(kNoticeTitle, QStringLiteral("Repairing Creative Suite..."));
         HXLog::appendLog(u"Starting repair...");
@@ -131,70 +182,39 @@ void HXAppController::startRepair(bool shouldTrash, bool shouldTrashWorkspaces, 
 
         if (m_hasGUI)
             clearErrorText();
-        say(&HXAppController::insertBoldText, QStringLiteral("Starting repair..."));
-
+        console.say(&HXAppController::insertBoldText, QStringLiteral("Starting repair..."));
+        bool premiereWasRunning = false;
         if (HXWorkspace::runningBundleIdentifiers().contains(HXPremiereFiles::kBundleIdentifier)) {
-            say(&HXAppController::insertBoldText, QStringLiteral("Waiting for Premiere Pro to exit..."));
+            console.say(&HXAppController::insertBoldText,
+                        QStringLiteral("Waiting for Premiere Pro to exit..."));
             // Goes on after the time limit even while Premiere Pro still runs.
             closePremiere();
             premiereWasRunning = true;
         }
         if (shouldTrash) {
-            say(&HXAppController::insertText, QStringLiteral("Trashing preferences..."));
+            console.say(&HXAppController::insertText, QStringLiteral("Trashing preferences..."));
             trashPremierePrefs(false);
         }
         if (shouldTrashWorkspaces) {
-            say(&HXAppController::insertText, QStringLiteral("Trashing workspaces..."));
+            console.say(&HXAppController::insertText, QStringLiteral("Trashing workspaces..."));
             trashWorkspaces(false);
         }
-        say(&HXAppController::insertText, QStringLiteral("Terminating processes..."));
+        console.say(&HXAppController::insertText, QStringLiteral("Terminating processes..."));
         stopAll();
-        say(&HXAppController::insertText, QStringLiteral("Trashing dynamic link caches..."));
+        console.say(&HXAppController::insertText, QStringLiteral("Trashing dynamic link caches..."));
         trashDynamicLinkCaches();
-        say(&HXAppController::insertText, QStringLiteral("Resetting memory balancer..."));
+        console.say(&HXAppController::insertText, QStringLiteral("Resetting memory balancer..."));
         resetMemoryBalancer();
 
-        say(&HXAppController::insertText, QStringLiteral("Checking file permissions..."));
-        const QStringList badPaths = auditAdobeFolders();
-        if (!badPaths.isEmpty()) {
-            HXLog::appendLog(u"Incorrect file permissions on: %@", badPaths);
-            say(&HXAppController::insertErrorText,
-                HXFormat(u"The following files have incorrect permissions:\n%@",
-                         wrongPathsListing(badPaths)));
-            say(&HXAppController::insertText, settingPermissionsLine(badPaths.size()));
-            setFilePermissions();
-            // Wrong permissions count as errors even though they were just corrected.
-            errorsFound = true;
-        } else {
-            say(&HXAppController::insertText, QStringLiteral("No file permission errors found."));
-        }
-        say(&HXAppController::insertText, QStringLiteral("Checking 32-bit flag..."));
+        // Only wrong permissions and the 32-bit flag count as errors; what the
+        // other steps could not do is in the log.
+        bool errorsFound = correctFilePermissions(*this, console);
+        console.say(&HXAppController::insertText, QStringLiteral("Checking 32-bit flag..."));
         if (checkForActive32BitMode(HXPremiereFiles::kBundleIdentifier))
             errorsFound = true;
-
-        say(&HXAppController::insertText, QStringLiteral("Finishing..."));
+        console.say(&HXAppController::insertText, QStringLiteral("Finishing..."));
         authorization.authEnd();
-
-        // A silent run always reports errors: its caller looks at the log.
-        QString summary = silent || errorsFound ? kErrorsFound : kNoErrorsFound;
-        if (errorsFound)
-            say(&HXAppController::insertBoldErrorText, HXFormat(u"Processing complete. %@", summary));
-        else
-            say(&HXAppController::insertBoldText, HXFormat(u"Processing complete. %@", summary));
-
-        if (m_hasGUI) {
-            if (errorsFound)
-                summary += QStringLiteral("\n\nScroll up to see the relevant error messages.");
-            HXAlert::alertSheetWithMessageText(QStringLiteral("Processing complete"), summary, windowMain());
-        } else {
-            const std::optional<QString> output = outputString();
-            QVariantMap userInfo;
-            if (output && !output->isEmpty())
-                userInfo.insert(kOutputKey, *output);
-            HXDistributedNotificationCenter::defaultCenter().postNotification(kScanFinished, userInfo);
-            if (!silent)
-                HXGrowl::postGrowlNotification(kNoticeTitle, QStringLiteral("Repair complete."));
-        }
+        reportVerdict(*this, console, errorsFound, silent);
 
         if (premiereWasRunning) {
             if (const std::optional<QString> premiere =

@@ -6,9 +6,7 @@
 #include "system/HXBundle.h"
 #include "system/HXNotificationCenter.h"
 #include "tests/support/Sandbox.h"
-#include "tests/support/TestDisplay.h"
-#include "tests/support/TestNotificationServer.h"
-#include "tests/support/TestSessionBus.h"
+#include "tests/support/TestDesktop.h"
 #include "ui/HXGrowl.h"
 
 #include <QCoreApplication>
@@ -91,30 +89,20 @@ class HXGrowlTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        if (!Sandbox::unavailableReason().isEmpty())
-            return;
-        bus = new TestSessionBus;
-        display = new TestDisplay;
-        if (bus->isRunning() && display->isRunning())
-            server = new TestNotificationServer(display->display(), bus->address());
+        if (Sandbox::unavailableReason().isEmpty())
+            desktop = new TestDesktop;
     }
 
     static void TearDownTestSuite()
     {
-        delete server;
-        delete display;
-        delete bus;
-        server = nullptr;
-        display = nullptr;
-        bus = nullptr;
+        delete desktop;
+        desktop = nullptr;
     }
 
     void SetUp() override
     {
         SKIP_WITHOUT_SANDBOX();
-        ASSERT_TRUE(bus->isRunning());
-        ASSERT_TRUE(display->isRunning());
-        ASSERT_TRUE(server->isRunning());
+        ASSERT_TRUE(desktop->isRunning());
         const QString child = box.hostPath(kChildPath);
         ASSERT_TRUE(QFile::copy(QStringLiteral("/proc/self/exe"), child));
         ::chmod(QFile::encodeName(child).constData(), 0755);
@@ -123,7 +111,7 @@ protected:
     QStringList runChild(const QString &mode) const
     {
         const ProcessResult result = box.runAsUser(
-            {kChildPath}, {bus->environmentEntry(), QStringLiteral("MENDWELL_GROWL_CHILD=") + mode});
+            {kChildPath}, {desktop->bus.environmentEntry(), QStringLiteral("MENDWELL_GROWL_CHILD=") + mode});
         EXPECT_EQ(result.exitCode, 0) << result.err.constData();
         return QString::fromUtf8(result.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     }
@@ -132,7 +120,7 @@ protected:
     static QString shownNotice(const QString &summary)
     {
         for (int attempt = 0; attempt < 600; ++attempt) {
-            for (const QString &notice : server->shownNotices())
+            for (const QString &notice : desktop->server->shownNotices())
                 if (notice.contains(QStringLiteral("\tsummary=") + summary + QLatin1Char('\t')))
                     return notice;
             QThread::msleep(50);
@@ -140,15 +128,11 @@ protected:
         return QString();
     }
 
-    static TestSessionBus *bus;
-    static TestDisplay *display;
-    static TestNotificationServer *server;
+    static TestDesktop *desktop;
     Sandbox box;
 };
 
-TestSessionBus *HXGrowlTest::bus = nullptr;
-TestDisplay *HXGrowlTest::display = nullptr;
-TestNotificationServer *HXGrowlTest::server = nullptr;
+TestDesktop *HXGrowlTest::desktop = nullptr;
 
 TEST_F(HXGrowlTest, ShortFormShowsTheApplicationAndAClickReturnsThePostingDate)
 {
@@ -197,7 +181,7 @@ TEST_F(HXGrowlTest, TheSuiteWideSwitchSuppressesNoticesAndIsReadOnEveryPost)
     // The server shows notices in the order they came; once the second is up the
     // first would have been too.
     EXPECT_FALSE(shownNotice(QStringLiteral("Allowed notice")).isEmpty());
-    for (const QString &notice : server->shownNotices())
+    for (const QString &notice : desktop->server->shownNotices())
         EXPECT_FALSE(notice.contains(QLatin1String("Suppressed"))) << notice.toStdString();
 }
 

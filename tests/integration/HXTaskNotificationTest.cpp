@@ -3,6 +3,7 @@
 
 #include "system/HXTaskNotification.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/TestCallbackClient.h"
 #include "tests/support/TestSessionBus.h"
 
 #include <QCoreApplication>
@@ -26,44 +27,6 @@ const QString kEverything =
     QStringLiteral("incrementRemoteProgress,postFinishedTask,postError,postErrorString,"
                    "postDisconnect,postErrorForApp,postErrorStringUserInfo");
 const QString kLog = QStringLiteral("/Users/anna/Library/Logs/Lanternfish/taskreporter.1.log");
-
-// A stand-in client owning NAME and implementing METHODS.
-class Client {
-public:
-    Client(const QString &name, const QString &methods) : m_name(name)
-    {
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_process.start(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/taskcallbackclient"), {name, methods});
-        while (!m_process.canReadLine() && m_process.state() != QProcess::NotRunning)
-            m_process.waitForReadyRead(1000);
-    }
-
-    ~Client()
-    {
-        ::kill(static_cast<pid_t>(m_process.processId()), SIGCONT);
-        m_process.kill();
-        m_process.waitForFinished();
-    }
-
-    bool isReady() const { return m_process.state() == QProcess::Running; }
-    void freeze() const { ::kill(static_cast<pid_t>(m_process.processId()), SIGSTOP); }
-
-    // Every message received so far. The reporter has exited and the bus has
-    // queued its messages before this question, so they come first.
-    QStringList received() const
-    {
-        const QDBusMessage call = QDBusMessage::createMethodCall(
-            m_name, QStringLiteral("/"), QStringLiteral("com.lanternfish.test.Recorder"),
-            QStringLiteral("Received"));
-        const QDBusReply<QStringList> reply = QDBusConnection::sessionBus().call(call);
-        EXPECT_TRUE(reply.isValid()) << reply.error().message().toStdString();
-        return reply.value();
-    }
-
-private:
-    QString m_name;
-    QProcess m_process;
-};
 
 class HXTaskNotificationTest : public ::testing::Test {
 protected:
@@ -130,8 +93,8 @@ TEST_F(HXTaskNotificationTest, WithoutAClientEveryReportVanishesWithoutALogLine)
 
 TEST_F(HXTaskNotificationTest, OnlyTheSuiteApplicationHearsWhenBothClientsRunAndGetsTheRicherMessages)
 {
-    Client kestrelkit(kKestrelkit, kEverything);
-    Client marlin(kMarlin, kEverything);
+    TestCallbackClient kestrelkit(kKestrelkit, kEverything);
+    TestCallbackClient marlin(kMarlin, kEverything);
     ASSERT_TRUE(kestrelkit.isReady() && marlin.isReady());
     measureHeader();
     const QStringList out = report(allReports);
@@ -159,7 +122,7 @@ TEST_F(HXTaskNotificationTest, AClientWithThePlainMessagesOnlyGetsThoseAndNothin
 {
     measureHeader();
     {
-        Client marlin(kMarlin, QStringLiteral("postErrorString"));
+        TestCallbackClient marlin(kMarlin, QStringLiteral("postErrorString"));
         ASSERT_TRUE(marlin.isReady());
         // The pause comes also after the reports this client could not take.
         expectPausedAfterEach(report(allReports));
@@ -168,7 +131,7 @@ TEST_F(HXTaskNotificationTest, AClientWithThePlainMessagesOnlyGetsThoseAndNothin
                       "postErrorString|oneway|Unable to quit Adobe Premiere Pro application - busy")});
     }
     {
-        Client marlin(kMarlin, QStringLiteral("postError"));
+        TestCallbackClient marlin(kMarlin, QStringLiteral("postError"));
         ASSERT_TRUE(marlin.isReady());
         report(allReports);
         EXPECT_EQ(marlin.received(),
@@ -180,7 +143,7 @@ TEST_F(HXTaskNotificationTest, AClientWithThePlainMessagesOnlyGetsThoseAndNothin
 
 TEST_F(HXTaskNotificationTest, AClientThatStopsAnsweringCostsOneLogLinePerReport)
 {
-    Client kestrelkit(kKestrelkit, kEverything);
+    TestCallbackClient kestrelkit(kKestrelkit, kEverything);
     ASSERT_TRUE(kestrelkit.isReady());
     measureHeader();
     kestrelkit.freeze();

@@ -8,10 +8,9 @@
 
 #include "system/HXDistributedNotificationCenter.h"
 #include "tests/support/Sandbox.h"
-#include "tests/support/TestDisplay.h"
+#include "tests/support/TestCallbackClient.h"
+#include "tests/support/TestDesktop.h"
 #include "tests/support/TestFiles.h"
-#include "tests/support/TestNotificationServer.h"
-#include "tests/support/TestSessionBus.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -135,28 +134,21 @@ protected:
     {
         if (!Sandbox::unavailableReason().isEmpty())
             return;
-        bus = new TestSessionBus;
-        display = new TestDisplay;
-        if (!bus->isRunning() || !display->isRunning())
+        desktop = new TestDesktop;
+        if (!desktop->isRunning())
             return;
-        server = new TestNotificationServer(display->display(), bus->address());
-        bus->useForThisProcess();
+        desktop->bus.useForThisProcess();
         HXDistributedNotificationCenter::defaultCenter().addObserver(
             QStringLiteral("hxMendwellScanFinished"),
             [](const HXNotification &notification) { finished.push_back(notification.userInfo); });
     }
 
-    static void TearDownTestSuite()
-    {
-        delete server;
-        delete display;
-        delete bus;
-    }
+    static void TearDownTestSuite() { delete desktop; }
 
     void SetUp() override
     {
         SKIP_WITHOUT_SANDBOX();
-        ASSERT_TRUE(server != nullptr && server->isRunning());
+        ASSERT_TRUE(desktop->isRunning());
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
         // The driver writes its timing here whoever it runs as.
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/TestRuns")));
@@ -206,10 +198,10 @@ protected:
     {
         RepairRun run;
         const std::size_t signalsBefore = finished.size();
-        const qsizetype noticesBefore = server->shownNotices().size();
+        const qsizetype noticesBefore = desktop->server->shownNotices().size();
         const QStringList command =
             QStringList{QStringLiteral("sh"), kDriver, editor, Sandbox::mendwellPath()} + switches;
-        const QStringList environment{bus->environmentEntry()};
+        const QStringList environment{desktop->bus.environmentEntry()};
         run.process = asRoot ? box.runAsRoot(command, environment) : box.runAsUser(command, environment);
         run.console = consoleLines(run.process.err);
         run.milliseconds = box.readFile(kTimeFile).trimmed().toLongLong();
@@ -222,7 +214,7 @@ protected:
             run.finished = finished.back();
         // Notices are recorded as the server shows them, a little later.
         QThread::msleep(1500);
-        for (const QString &notice : server->shownNotices().mid(noticesBefore))
+        for (const QString &notice : desktop->server->shownNotices().mid(noticesBefore))
             run.notices.append(
                 notice.section(QStringLiteral("\tsummary="), 1).section(QLatin1Char('\t'), 0, 0) +
                 QLatin1Char('|') +
@@ -247,16 +239,12 @@ protected:
         return QString::fromUtf8(box.readFile(kRecord)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     }
 
-    static TestSessionBus *bus;
-    static TestDisplay *display;
-    static TestNotificationServer *server;
+    static TestDesktop *desktop;
     static std::vector<QVariantMap> finished;
     Sandbox box;
 };
 
-TestSessionBus *RepairTest::bus = nullptr;
-TestDisplay *RepairTest::display = nullptr;
-TestNotificationServer *RepairTest::server = nullptr;
+TestDesktop *RepairTest::desktop = nullptr;
 std::vector<QVariantMap> RepairTest::finished;
 
 const QStringList kNotices = {QStringLiteral("Mendwell|Repairing Creative Suite..."),
@@ -465,6 +453,26 @@ TEST_F(RepairTest, LongListsShowTwentyPathsAndACount)
               QStringLiteral("No file permission errors found."));
 }
 
+TEST_F(RepairTest, AQuitRequestWithNothingToQuitIsLoggedAndToldToTheClient)
+{
+    TestCallbackClient client(QStringLiteral("com.lanternfish.HXMarlinClientCallback"),
+                              QStringLiteral("postErrorString"));
+    ASSERT_TRUE(client.isReady());
+    const QString program = box.installTestProgram(QStringLiteral("app-quitrequest"));
+    const ProcessResult result =
+        box.runAsRoot({program, QStringLiteral("Adobe Premiere Pro")}, {desktop->bus.environmentEntry()});
+    ASSERT_EQ(result.exitCode, 0) << result.err.constData();
+    // Two blanks before the dash in the log, one for the client.
+    const QString log =
+        QString::fromUtf8(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/app-quitrequest.1.log")));
+    EXPECT_TRUE(log.contains(
+        QStringLiteral(" - Unable to quit Adobe Premiere Pro application  - Application isn't running.\n")))
+        << log.toStdString();
+    EXPECT_EQ(client.received(), QStringList{QStringLiteral(
+                                     "postErrorString|oneway|Unable to quit Adobe Premiere Pro application - "
+                                     "Application isn't running.")});
+}
+
 TEST_F(RepairTest, TheWindowedRepairRunsOnItsOwnThreadAndAnswersWithASheet)
 {
     makeSample();
@@ -472,7 +480,7 @@ TEST_F(RepairTest, TheWindowedRepairRunsOnItsOwnThreadAndAnswersWithASheet)
     const QString program = box.installTestProgram(QStringLiteral("app-windowedrepair"));
     const ProcessResult result =
         box.runAsRoot({program, QStringLiteral("trashprefs")},
-                      {bus->environmentEntry(), QStringLiteral("QT_QPA_PLATFORM=offscreen")});
+                      {desktop->bus.environmentEntry(), QStringLiteral("QT_QPA_PLATFORM=offscreen")});
     ASSERT_EQ(result.exitCode, 0) << result.err.constData();
     const QStringList out = QString::fromUtf8(result.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     ASSERT_EQ(out.size(), 5) << result.out.constData();
