@@ -12,7 +12,6 @@
 #include <QHash>
 
 #include <cstring>
-#include <unistd.h>
 
 namespace {
 
