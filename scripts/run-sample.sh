@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds Mendwell and shows it at work on the sample data (scripts/make-sample.sh):
 # a command-line repair run as root for the console user "anna" inside a
-# throw-away sandbox, then what went to anna's Trash as trash-cli lists it, a
-# second repair that finds the permissions correct, and the log of both runs.
+# throw-away sandbox, then what went to anna's Trash as trash-cli lists it and
+# the log of that run, and a second repair that finds the permissions correct.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -45,7 +45,7 @@ repair -repair -trash
 echo
 echo "== anna's Trash (trash-list, as anna)"
 in_sandbox --setenv HOME /Users/anna setpriv --reuid=anna --regid=anna --init-groups -- trash-list | sort -k3
-repair -repair
 echo
-echo "== /Library/Logs/Lanternfish/Mendwell.task.1.log (the second run; the first is Mendwell.task.2.log in anna's Logs)"
+echo "== The log of that run: /Library/Logs/Lanternfish/Mendwell.task.1.log"
 cat "$sandbox/Library/Logs/Lanternfish/Mendwell.task.1.log"
+repair -repair
