@@ -18,6 +18,7 @@
 #include <type_traits>
 #include <variant>
 
+// LIST as the system describes an array: "(", one item per line, ")".
 QString HXListDescription(const QStringList &list);
 
 class HXFormatArg {

@@ -54,6 +54,24 @@ std::optional<QString> executableOf(pid_t pid)
     return QFile::decodeName(target);
 }
 
+// The effective user of PID from its status ("Uid: real effective saved fs"); the
+// owner of /proc/PID would say root for a process that made itself undumpable.
+std::optional<uid_t> effectiveUserOf(const char *pid)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(QLatin1String(pid)));
+    if (!status.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    for (QByteArray line = status.readLine(); !line.isEmpty(); line = status.readLine()) {
+        if (!line.startsWith("Uid:"))
+            continue;
+        const QList<QByteArray> ids = line.mid(4).simplified().split(' ');
+        bool ok = false;
+        const uint uid = ids.value(1).toUInt(&ok);
+        return ok ? std::optional<uid_t>(uid) : std::nullopt;
+    }
+    return std::nullopt;
+}
+
 bool endedBehind(int pidfd)
 {
     pollfd entry{pidfd, POLLIN, 0};
@@ -76,9 +94,9 @@ std::vector<RunningProcess> runningProcesses()
         // Kernel threads have no executable; another user's process refuses
         // to show it unless this one is root.
         std::optional<QString> path = executableOf(static_cast<pid_t>(pid));
-        struct stat info {};
-        if (path && ::stat(("/proc/" + QByteArray(entry->d_name)).constData(), &info) == 0)
-            processes.push_back({static_cast<pid_t>(pid), info.st_uid, std::move(*path)});
+        const std::optional<uid_t> owner = path ? effectiveUserOf(entry->d_name) : std::nullopt;
+        if (owner)
+            processes.push_back({static_cast<pid_t>(pid), *owner, std::move(*path)});
     }
     ::closedir(proc);
     return processes;

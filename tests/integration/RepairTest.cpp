@@ -193,6 +193,15 @@ protected:
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Application Support/Adobe")));
     }
 
+    // The clean-up step driver, inside Mendwell.app so that it finds the bundle's tools.
+    QString installStepDriver() const
+    {
+        const QString inside = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/app-cleanupstep");
+        QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-cleanupstep"), box.hostPath(inside));
+        ::chmod(QFile::encodeName(box.hostPath(inside)).constData(), 0755);
+        return inside;
+    }
+
     RepairRun repair(const QStringList &switches, const QString &editor = QStringLiteral("none"),
                      bool asRoot = true)
     {
@@ -453,19 +462,41 @@ TEST_F(RepairTest, AQuitRequestWithNothingToQuitIsLoggedAndToldToTheClient)
     TestCallbackClient client(QStringLiteral("com.lanternfish.HXMarlinClientCallback"),
                               QStringLiteral("postErrorString"));
     ASSERT_TRUE(client.isReady());
-    const QString program = box.installTestProgram(QStringLiteral("app-quitrequest"));
+    const QString program = installStepDriver();
     const ProcessResult result =
-        box.runAsRoot({program, QStringLiteral("Adobe Premiere Pro")}, {desktop->bus.environmentEntry()});
+        box.runAsRoot({program, QStringLiteral("quit"), QStringLiteral("Adobe Premiere Pro")},
+                      {desktop->bus.environmentEntry()});
     ASSERT_EQ(result.exitCode, 0) << result.err.constData();
     // Two blanks before the dash in the log, one for the client.
     const QString log =
-        QString::fromUtf8(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/app-quitrequest.1.log")));
+        QString::fromUtf8(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/app-cleanupstep.1.log")));
     EXPECT_TRUE(log.contains(
         QStringLiteral(" - Unable to quit Adobe Premiere Pro application  - Application isn't running.\n")))
         << log.toStdString();
     EXPECT_EQ(client.received(), QStringList{QStringLiteral(
                                      "postErrorString|oneway|Unable to quit Adobe Premiere Pro application - "
                                      "Application isn't running.")});
+}
+
+TEST_F(RepairTest, ThePrivilegedTrashStepsGoThroughTrashtoolIntoTheConsoleUsersTrash)
+{
+    const QString folder = QStringLiteral("/Users/anna/Library/Caches/Adobe");
+    for (const char *name : {"/single.dat", "/Media/one.cfa", "/Media/two.pek"})
+        ASSERT_TRUE(box.writeFile(folder + QLatin1String(name), "cache", true));
+    const QString program = installStepDriver();
+    for (const QStringList &step :
+         {QStringList{QStringLiteral("trashfile"), folder + QStringLiteral("/single.dat")},
+          QStringList{QStringLiteral("trashcontents"), folder + QStringLiteral("/Media")}})
+        ASSERT_EQ(box.runAsRoot(QStringList{program} + step).exitCode, 0);
+    EXPECT_EQ(trashListing(), (QStringList{folder + QStringLiteral("/Media/one.cfa"),
+                                           folder + QStringLiteral("/Media/two.pek"),
+                                           folder + QStringLiteral("/single.dat")}));
+    EXPECT_TRUE(box.exists(folder + QStringLiteral("/Media")));
+    const QString log =
+        QString::fromUtf8(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/app-cleanupstep.1.log")));
+    EXPECT_TRUE(log.contains(QStringLiteral(" - Trashing contents of folder ") + folder +
+                             QStringLiteral("/Media...\n")))
+        << log.toStdString();
 }
 
 TEST_F(RepairTest, TheWindowedRepairRunsOnItsOwnThreadAndAnswersWithASheet)
