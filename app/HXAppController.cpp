@@ -1,11 +1,16 @@
 #include "app/HXAppController.h"
 
+#include "diagnostics/HXBugReporter.h"
 #include "diagnostics/HXLog.h"
+#include "platform/Accounts.h"
+#include "platform/CrashReports.h"
 #include "platform/Platform.h"
 #include "system/HXAuthorization.h"
 #include "system/HXBundle.h"
 #include "system/HXFormat.h"
+#include "system/HXLocalPaths.h"
 #include "system/HXMainThread.h"
+#include "system/HXPath.h"
 
 #include <QApplication>
 #include <QTextCharFormat>
@@ -13,11 +18,37 @@
 #include <QTextDocument>
 #include <QTextEdit>
 
+namespace {
+
+// Reports of this process's own crashes go where the bug reporter looks: the
+// user's Logs/DiagnosticReports, given to that user when root writes them.
+void writeCrashReportsForUser()
+{
+    const std::optional<platform::Account> user = platform::accountNamed(HXLocalPaths::username());
+    platform::installCrashReportWriter(
+        HXPath::appendingComponent(HXLocalPaths::logDirectory(true), QStringLiteral("DiagnosticReports")),
+        QStringLiteral("Mendwell"), user ? std::optional<uid_t>(user->uid) : std::nullopt);
+}
+
+}  // namespace
+
+HXAppController::~HXAppController()
+{
+    if (m_detectsCrashes)
+        HXBugReporter::stopBugReporter();
+}
+
 std::unique_ptr<HXAppController> HXAppController::initWithoutGUI()
 {
     std::unique_ptr<HXAppController> controller(new HXAppController());
-    // Crash detection with the program's own settings file joins here when it is built.
     HXLog::createNewLog(QStringLiteral("Mendwell.task"));
+    // The stamps of the command-line runs live in the user's copy of our settings.
+    HXBugReporter::startBugReporter(
+        QStringLiteral("Mendwell"),
+        HXPath::appendingComponent(HXLocalPaths::prefsDirectory(true),
+                                   QStringLiteral("com.lanternfish.Mendwell.plist")));
+    writeCrashReportsForUser();
+    controller->m_detectsCrashes = true;
     controller->m_hasGUI = false;
     // Without -hotkey the repair must never show a password dialog: fix the
     // privileged-operations controller in its no-window form before anything

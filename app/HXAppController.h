@@ -22,6 +22,8 @@ public:
     // A controller without window, text view or log of its own; initWithoutGUI
     // (and the windowed construction) set those up.
     HXAppController() = default;
+    // Records a clean exit when this controller started crash detection.
+    ~HXAppController();
 
     // The controller of the command-line repair: task log "Mendwell.task", no window.
     static std::unique_ptr<HXAppController> initWithoutGUI();
@@ -108,6 +110,7 @@ private:
     void clearErrorTextOnMainThread();
 
     bool m_hasGUI = false;
+    bool m_detectsCrashes = false;
     mutable std::mutex m_outputMutex;
     std::optional<QString> m_outputString;
     QPointer<QTextEdit> m_errorText;

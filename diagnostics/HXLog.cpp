@@ -47,19 +47,7 @@ QByteArray cString(const QString &text)
 
 bool loggingDisabledByPreference()
 {
-    const QVariant value = HXUserDefaults::valueForKey(QStringLiteral("disable-logging"),
-                                                       QStringLiteral("com.lanternfish.global"))
-                               .value_or(QVariant());
-    // Stricter than the usual truth values: only "1", true or the number 1.
-    if (value.typeId() == QMetaType::QString)
-        return value.toString() == QLatin1String("1");
-    if (value.typeId() == QMetaType::Bool)
-        return value.toBool();
-    // A number equal to the boolean true, as the platform compares numbers.
-    if (value.typeId() == QMetaType::LongLong || value.typeId() == QMetaType::ULongLong ||
-        value.typeId() == QMetaType::Double)
-        return value.toDouble() == 1.0;
-    return false;
+    return HXUserDefaults::isSuiteSwitchSet(QStringLiteral("disable-logging"));
 }
 
 // Creates FOLDER with its missing parents. Running as root inside the console

@@ -8,6 +8,7 @@
 #include "platform/Descriptor.h"
 
 #include <QString>
+#include <QStringList>
 
 #include <chrono>
 #include <optional>
@@ -63,11 +64,12 @@ private:
 // Waits until every one of PROCESSES has ended, at most LIMIT.
 void waitUntilEnded(const std::vector<const PinnedProcess *> &processes, std::chrono::seconds limit);
 
-// Starts EXECUTABLE without arguments as ACCOUNT, in a session of its own and not
+// Starts EXECUTABLE with ARGUMENTS as ACCOUNT, in a session of its own and not
 // as a child of this process, in HOME, with HOME, USER and LOGNAME of that account
 // and the rest of this environment. As root the identity is dropped before the
 // program runs, so nothing started here runs as root for a user. 0 once it runs,
 // else an errno (EPERM for another user's identity without root).
-int startDetached(const QString &executable, const Account &account, const QString &home);
+int startDetached(const QString &executable, const QStringList &arguments, const Account &account,
+                  const QString &home);
 
 }  // namespace platform

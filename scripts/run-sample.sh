@@ -14,14 +14,14 @@ cmake --build build
 sandbox=$(mktemp -d /tmp/mendwell-sample-XXXXXX)
 trap 'rm -rf "$sandbox"' EXIT
 chmod 755 "$sandbox"
-mkdir -p "$sandbox/Users" "$sandbox/Library" "$sandbox/Applications"
+mkdir -p "$sandbox/Users" "$sandbox/Library" "$sandbox/Applications" "$sandbox/root"
 bash scripts/make-sample.sh "$sandbox"
 cp -a build/Mendwell.app "$sandbox/Applications/"
 
 binds=()
 for entry in /*; do
   name=${entry#/}
-  case "$name" in Users|Library|Applications|proc|dev|sys) continue ;; esac
+  case "$name" in Users|Library|Applications|root|proc|dev|sys) continue ;; esac
   if [ -L "$entry" ]; then binds+=(--symlink "$(readlink "$entry")" "$entry")
   elif [ -d "$entry" ]; then binds+=(--bind "$entry" "$entry")
   else binds+=(--ro-bind "$entry" "$entry"); fi
@@ -31,6 +31,7 @@ done
 in_sandbox() {
   bwrap "${binds[@]}" --ro-bind /sys /sys \
     --bind "$sandbox/Users" /Users --bind "$sandbox/Library" /Library --bind "$sandbox/Applications" /Applications \
+    --bind "$sandbox/root" /root \
     --proc /proc --dev-bind /dev /dev --unshare-pid --die-with-parent \
     --clearenv --setenv PATH /usr/bin:/bin:/usr/sbin:/sbin --setenv SUDO_USER anna --setenv LC_ALL C.UTF-8 \
     --setenv HOME /root "$@"

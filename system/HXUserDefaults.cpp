@@ -57,6 +57,21 @@ std::optional<QVariant> HXUserDefaults::valueForKey(const QString &key, const QS
     return *found;
 }
 
+bool HXUserDefaults::isSuiteSwitchSet(const QString &key)
+{
+    const QVariant value = valueForKey(key, QStringLiteral("com.lanternfish.global")).value_or(QVariant());
+    // Stricter than the usual truth values.
+    if (value.typeId() == QMetaType::QString)
+        return value.toString() == QLatin1String("1");
+    if (value.typeId() == QMetaType::Bool)
+        return value.toBool();
+    // A number equal to the boolean true, as the platform compares numbers.
+    if (value.typeId() == QMetaType::LongLong || value.typeId() == QMetaType::ULongLong ||
+        value.typeId() == QMetaType::Double)
+        return value.toDouble() == 1.0;
+    return false;
+}
+
 bool HXUserDefaults::boolFromValue(const QVariant &value)
 {
     switch (value.typeId()) {

@@ -67,6 +67,10 @@ public:
     // numbers by value, strings "YES"/"true"/non-zero numbers as true.
     static bool boolFromValue(const QVariant &value);
 
+    // A switch KEY of the suite-wide preferences ("com.lanternfish.global"), read
+    // afresh: set only by the string "1", true, or a number equal to true.
+    static bool isSuiteSwitchSet(const QString &key);
+
 private:
     void loadLocked() const;
     bool writeLocked();

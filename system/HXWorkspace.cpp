@@ -100,7 +100,7 @@ std::optional<QString> absolutePathForAppBundleWithIdentifier(const QString &ide
     return std::nullopt;
 }
 
-bool launchApplication(const QString &path)
+bool launchApplication(const QString &path, const QStringList &arguments)
 {
     if (!isApplicationBundle(path))
         return false;
@@ -113,7 +113,7 @@ bool launchApplication(const QString &path)
     if (executable.isEmpty())
         executable = path + QStringLiteral("/Contents/MacOS/") +
                      HXPath::deletingExtension(HXPath::lastComponent(path));
-    return platform::startDetached(executable, *account, home) == 0;
+    return platform::startDetached(executable, arguments, *account, home) == 0;
 }
 
 std::optional<QString> quitApplication(const QString &name)

@@ -32,9 +32,10 @@ QStringList runningBundleIdentifiers();
 // machine's, then the desktop user's, each with one level of sub-folders.
 std::optional<QString> absolutePathForAppBundleWithIdentifier(const QString &identifier);
 
-// Starts the application bundle at PATH for the desktop user (never as root);
-// false when it is no application or could not be started.
-bool launchApplication(const QString &path);
+// Starts the application bundle at PATH for the desktop user (never as root),
+// handing it ARGUMENTS (documents to open); false when it is no application or
+// could not be started.
+bool launchApplication(const QString &path, const QStringList &arguments = {});
 
 // Asks every running application named NAME (its bundle's name, without ".app",
 // or its CFBundleName) to quit, every one of its processes, without waiting.

@@ -1,5 +1,6 @@
 #include "system/PropertyList.h"
 
+#include "platform/Accounts.h"
 #include "platform/Folder.h"
 
 #include <QDateTime>
@@ -268,6 +269,37 @@ bool writeXmlFile(const QString &path, const QVariant &value)
         return false;
     }
     return file.commit();
+}
+
+bool writeXmlFileInUsersTree(const QString &path, const QVariant &value, std::optional<uid_t> owner)
+{
+    const QByteArray xml = toXml(value);
+    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'));
+    if (xml.isEmpty() || slash < 0)
+        return false;
+    const QString name = path.mid(slash + 1);
+    const std::optional<platform::Folder> folder =
+        platform::Folder::openMakingPath(slash == 0 ? QStringLiteral("/") : path.left(slash), 0755, owner);
+    if (!folder || name.isEmpty())
+        return false;
+    const QString temporary = QStringLiteral(".%1.%2.tmp").arg(name).arg(::getpid());
+    const int fd = folder->createFile(temporary, 0644);
+    if (fd < 0)
+        return false;
+    bool written = true;
+    for (qsizetype done = 0; written && done < xml.size();) {
+        const ssize_t count = ::write(fd, xml.constData() + done, static_cast<size_t>(xml.size() - done));
+        written = count > 0;
+        done += count > 0 ? count : 0;
+    }
+    written = ::close(fd) == 0 && written;
+    if (written && owner && ::geteuid() == 0)
+        written = folder->setOwner(temporary, *owner, platform::primaryGroupOf(*owner)) == 0;
+    if (!written || folder->rename(temporary, *folder, name, true) != 0) {
+        folder->removeEntry(temporary);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace PropertyList

@@ -10,6 +10,9 @@
 #include <QVariant>
 #include <QVariantMap>
 
+#include <optional>
+#include <sys/types.h>
+
 namespace PropertyList {
 
 // Parses XML or binary property-list data; an invalid QVariant when it is neither.
@@ -33,5 +36,11 @@ QByteArray toXml(const QVariant &value);
 // Writes the value tree as XML through a temporary file in the same folder and a
 // rename, so readers see either the old file or the whole new one.
 bool writeXmlFile(const QString &path, const QVariant &value);
+
+// The same for a file in a tree its user can change while root writes: the
+// folder is reached (and made, for OWNER, when missing) without following a link
+// the user could have planted, the new file is made there and renamed over the
+// old one, and as root it is then given to OWNER.
+bool writeXmlFileInUsersTree(const QString &path, const QVariant &value, std::optional<uid_t> owner);
 
 }  // namespace PropertyList

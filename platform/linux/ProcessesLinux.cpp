@@ -210,7 +210,8 @@ failed:
 
 }  // namespace
 
-int startDetached(const QString &executable, const Account &account, const QString &home)
+int startDetached(const QString &executable, const QStringList &arguments, const Account &account,
+                  const QString &home)
 {
     const bool dropIdentity = ::geteuid() == 0 && account.uid != 0;
     if (!dropIdentity && account.uid != ::geteuid())
@@ -223,8 +224,13 @@ int startDetached(const QString &executable, const Account &account, const QStri
     for (QByteArray &entry : environment)
         environmentPointers.push_back(entry.data());
     environmentPointers.push_back(nullptr);
-    QByteArray argument0 = path;
-    char *arguments[] = {argument0.data(), nullptr};
+    std::vector<QByteArray> argumentBytes{path};
+    for (const QString &argument : arguments)
+        argumentBytes.push_back(argument.toLocal8Bit());
+    std::vector<char *> argumentPointers;
+    for (QByteArray &argument : argumentBytes)
+        argumentPointers.push_back(argument.data());
+    argumentPointers.push_back(nullptr);
 
     int report[2];
     if (::pipe2(report, O_CLOEXEC) != 0)
@@ -241,8 +247,9 @@ int startDetached(const QString &executable, const Account &account, const QStri
         ::setsid();
         const pid_t program = ::fork();
         if (program == 0)
-            becomeProgram(path.constData(), arguments, environmentPointers.data(), homePath.constData(),
-                          account, account.groups.data(), account.groups.size(), dropIdentity, report[1]);
+            becomeProgram(path.constData(), argumentPointers.data(), environmentPointers.data(),
+                          homePath.constData(), account, account.groups.data(), account.groups.size(),
+                          dropIdentity, report[1]);
         if (program < 0) {
             const int error = errno;
             [[maybe_unused]] const ssize_t written = ::write(report[1], &error, sizeof error);

@@ -1,9 +1,10 @@
-// Stands in for the video editor: installed as the executable of an application
-// bundle, it runs until SIGTERM and then quits after a pause, or never. Its
-// behaviour comes from Contents/Resources/behaviour beside it ("quit-after N" or
-// "refuse"), because a relaunched editor gets no arguments. Every start and every
-// SIGTERM is appended to the file named on the behaviour file's second line:
-// "launch uid=U home=H" and "term".
+// Stands in for an application of the desktop (the video editor, the bug
+// reporter): installed as the executable of an application bundle, it runs until
+// SIGTERM and then quits after a pause, or never, or quits at once. Its behaviour
+// comes from Contents/Resources/behaviour beside it ("quit-after N", "refuse" or
+// "record-only"), because a relaunched application gets no arguments. Every start
+// and every SIGTERM is appended to the file named on the behaviour file's second
+// line: "launch uid=U home=H" (with " open=DOCUMENT" for each argument) and "term".
 
 #include <QByteArray>
 #include <QFile>
@@ -27,7 +28,7 @@ void record(const QByteArray &path, const QByteArray &line)
 
 }  // namespace
 
-int main(int, char **)
+int main(int argc, char **argv)
 {
     char self[4096] = {};
     if (::readlink("/proc/self/exe", self, sizeof self - 1) <= 0)
@@ -47,7 +48,12 @@ int main(int, char **)
     sigemptyset(&term);
     sigaddset(&term, SIGTERM);
     ::sigprocmask(SIG_BLOCK, &term, nullptr);
-    record(recordPath, "launch uid=" + QByteArray::number(::getuid()) + " home=" + qgetenv("HOME"));
+    QByteArray launch = "launch uid=" + QByteArray::number(::getuid()) + " home=" + qgetenv("HOME");
+    for (int i = 1; i < argc; ++i)
+        launch += QByteArray(" open=") + argv[i];
+    record(recordPath, launch);
+    if (behaviour == "record-only")
+        return 0;
     for (;;) {
         int received = 0;
         ::sigwait(&term, &received);

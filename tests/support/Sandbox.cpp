@@ -64,7 +64,7 @@ gid_t Sandbox::userGroupId()
 
 Sandbox::Sandbox() : m_root(QDir::tempPath() + QStringLiteral("/mendwell-sandbox-XXXXXX"))
 {
-    for (const char *folder : {"Users", "Library", "Applications", "runtime-root", "runtime-user"})
+    for (const char *folder : {"Users", "Library", "Applications", "root", "runtime-root", "runtime-user"})
         QDir().mkpath(m_root.path() + QLatin1Char('/') + QLatin1String(folder));
     ::chmod(QFile::encodeName(m_root.path()).constData(), 0755);
     ::chmod(QFile::encodeName(m_root.path() + QStringLiteral("/runtime-root")).constData(), 0700);
@@ -139,7 +139,8 @@ QStringList Sandbox::bubblewrapArguments() const
     // A fresh root (bubblewrap's own tmpfs) holding every real top-level folder,
     // so that /Users, /Library and /Applications can be this test's own.
     const QStringList own{QStringLiteral("Users"), QStringLiteral("Library"), QStringLiteral("Applications"),
-                          QStringLiteral("proc"),  QStringLiteral("dev"),     QStringLiteral("sys")};
+                          QStringLiteral("root"),  QStringLiteral("proc"),    QStringLiteral("dev"),
+                          QStringLiteral("sys")};
     for (const QFileInfo &entry :
          QDir(QStringLiteral("/")).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
         const QString name = entry.fileName();
@@ -158,6 +159,8 @@ QStringList Sandbox::bubblewrapArguments() const
     args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Applications"))
          << QStringLiteral("/Applications");
     args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Users")) << QStringLiteral("/Users");
+    // Root's own settings stay in the sandbox too.
+    args << QStringLiteral("--bind") << hostPath(QStringLiteral("/root")) << QStringLiteral("/root");
     // The console user comes from the environment, not from a desktop seat of the
     // machine the tests happen to run on.
     if (QFileInfo(QStringLiteral("/run/systemd/seats")).isDir())

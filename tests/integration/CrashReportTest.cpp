@@ -1,0 +1,146 @@
+// Crash detection as users meet it: a command-line repair in the sandbox (as root
+// for console user anna) dies of SIGSEGV in the middle of its work, leaves its own
+// crash report in anna's Logs/DiagnosticReports, and the next run hands that
+// report to the bug reporter, a stand-in bundle (tests/programs/editorstandin.cpp)
+// in Mendwell.app's Resources that records what it was asked to open.
+
+#include "system/PropertyList.h"
+#include "tests/support/Sandbox.h"
+#include "tests/support/TestFiles.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+namespace {
+
+const QString kReports = QStringLiteral("/Users/anna/Library/Logs/DiagnosticReports");
+const QString kBugReporter = QStringLiteral("/Applications/Mendwell.app/Contents/Resources/Bug Reporter.app");
+const QString kRecord = QStringLiteral("/Users/anna/bugreporter.record");
+const QString kLog = QStringLiteral("/Library/Logs/Lanternfish/Mendwell.task.1.log");
+
+// Starts a repair, and once it is ending the background processes (its two-second
+// pause), sends it SIGSEGV. Prints the repair's exit status.
+const char kCrashScript[] = R"sh(set -u
+rm -f /Library/Logs/Lanternfish/Mendwell.task.1.log
+/Applications/Mendwell.app/Contents/MacOS/Mendwell -repair -silent 2>/dev/null &
+pid=$!
+n=0
+until grep -q 'Stopping processes' /Library/Logs/Lanternfish/Mendwell.task.1.log 2>/dev/null; do
+    sleep 0.01; n=$((n + 1)); [ $n -gt 3000 ] && break
+done
+kill -SEGV $pid
+wait $pid
+echo "status=$?"
+)sh";
+
+class CrashReportTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        SKIP_WITHOUT_SANDBOX();
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
+        ASSERT_TRUE(box.writeFile(QStringLiteral("/Applications/TestPrograms/crash.sh"), kCrashScript));
+        // The bug reporter, bundled where the bundle's own copy goes.
+        ASSERT_TRUE(
+            box.writeFile(kBugReporter + QStringLiteral("/Contents/Info.plist"),
+                          "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                          "<key>CFBundleIdentifier</key><string>com.lanternfish.BugReporter</string>"
+                          "<key>CFBundleExecutable</key><string>Bug Reporter</string></dict></plist>\n"));
+        ASSERT_TRUE(box.writeFile(kBugReporter + QStringLiteral("/Contents/Resources/behaviour"),
+                                  "record-only\n" + kRecord.toUtf8() + "\n"));
+        ASSERT_TRUE(box.makeFolder(kBugReporter + QStringLiteral("/Contents/MacOS")));
+        const QString executable =
+            box.hostPath(kBugReporter + QStringLiteral("/Contents/MacOS/Bug Reporter"));
+        ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/editorstandin"), executable));
+        ::chmod(QFile::encodeName(executable).constData(), 0755);
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Library/Preferences"), true));
+    }
+
+    // Crashes one repair; the path of the report it left.
+    QString crashARepair()
+    {
+        const QStringList before = reports();
+        const ProcessResult crashed =
+            box.runAsRoot({QStringLiteral("sh"), QStringLiteral("/Applications/TestPrograms/crash.sh")});
+        EXPECT_EQ(crashed.out.trimmed(), QByteArray("status=139")) << crashed.err.constData();
+        QStringList added = reports();
+        for (const QString &old : before)
+            added.removeAll(old);
+        EXPECT_EQ(added.size(), 1) << added.join(' ').toStdString();
+        return added.value(0);
+    }
+
+    QStringList reports() const { return QDir(box.hostPath(kReports)).entryList(QDir::Files); }
+
+    // One repair run to its end; the lines its task log holds.
+    QString repairLog()
+    {
+        box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair"), QStringLiteral("-silent")});
+        return QString::fromUtf8(box.readFile(kLog));
+    }
+
+    QStringList bugReporterRecord() const
+    {
+        return QString::fromUtf8(box.readFile(kRecord)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
+
+    Sandbox box;
+};
+
+TEST_F(CrashReportTest, ACrashLeavesAReportThatTheNextRunHandsToTheBugReporter)
+{
+    // The first run only records its launch; nothing crashed before it.
+    EXPECT_FALSE(repairLog().contains(QStringLiteral("Application crashed on last launch")));
+
+    const QString name = crashARepair();
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^Mendwell_\\d{4}-\\d\\d-\\d\\d-\\d{6}_[^.]+\\.crash$"))
+                    .match(name)
+                    .hasMatch())
+        << name.toStdString();
+    const QString path = kReports + QLatin1Char('/') + name;
+    const QString report = QString::fromUtf8(box.readFile(path));
+    EXPECT_TRUE(report.contains(QStringLiteral("Exception Type:  SIGSEGV (signal 11)")))
+        << report.toStdString();
+    // It died sleeping in the step that ends the background processes.
+    EXPECT_TRUE(report.contains(QStringLiteral("stopAll"))) << report.toStdString();
+    struct stat info {};
+    ASSERT_EQ(::stat(QFile::encodeName(box.hostPath(path)).constData(), &info), 0);
+    EXPECT_EQ(info.st_uid, Sandbox::userId());
+
+    // The next run finds it and opens it with the bug reporter, as anna. (It starts
+    // in a later second: the stamps keep whole seconds, so a run in the same second
+    // as the report would offer it once more.)
+    QThread::msleep(1100);
+    EXPECT_TRUE(repairLog().contains(QStringLiteral(" - Application crashed on last launch\n")));
+    EXPECT_EQ(bugReporterRecord(),
+              QStringList{
+                  QStringLiteral("launch uid=%1 home=/Users/anna open=%2").arg(Sandbox::userId()).arg(path)});
+    // The one after it does not offer the same report again.
+    EXPECT_FALSE(repairLog().contains(QStringLiteral("Application crashed on last launch")));
+    EXPECT_EQ(bugReporterRecord().size(), 1);
+}
+
+TEST_F(CrashReportTest, TheSuiteSwitchKeepsReportsFromTheBugReporter)
+{
+    ASSERT_TRUE(PropertyList::writeXmlFile(
+        box.hostPath(QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.global.plist")),
+        QVariantMap{{QStringLiteral("disable-crash-reporter"), QStringLiteral("1")}}));
+    repairLog();
+    crashARepair();
+    const ProcessResult next =
+        box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair"), QStringLiteral("-silent")});
+    const QString log = QString::fromUtf8(box.readFile(kLog));
+    EXPECT_TRUE(log.contains(QStringLiteral(" - Application crashed on last launch\n")));
+    EXPECT_TRUE(log.contains(QStringLiteral(" - Crash reporter disabled\n"))) << log.toStdString();
+    EXPECT_TRUE(next.err.contains("] Crash reporter disabled\n")) << next.err.constData();
+    EXPECT_TRUE(bugReporterRecord().isEmpty());
+}
+
+}  // namespace
