@@ -8,6 +8,7 @@
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestFiles.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -141,6 +142,46 @@ TEST_F(CrashReportTest, TheSuiteSwitchKeepsReportsFromTheBugReporter)
     EXPECT_TRUE(log.contains(QStringLiteral(" - Crash reporter disabled\n"))) << log.toStdString();
     EXPECT_TRUE(next.err.contains("] Crash reporter disabled\n")) << next.err.constData();
     EXPECT_TRUE(bugReporterRecord().isEmpty());
+}
+
+TEST_F(CrashReportTest, TheReportIsTheNewestOfTheFirstFolderThatHasOneNewerThanTheLaunch)
+{
+    const QString stamps = QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.Mendwell.plist");
+    const QString program = box.installTestProgram(QStringLiteral("app-crashcheck"));
+    const auto check = [&] {
+        return QString::fromUtf8(box.runAsRoot({program, QStringLiteral("Mendwell"), stamps}).out.trimmed());
+    };
+    // Whole seconds, as the stamps keep them.
+    const QDateTime launch = QDateTime::fromSecsSinceEpoch(QDateTime::currentSecsSinceEpoch() - 3600, Qt::UTC);
+    const auto stamp = [&](const QVariantMap &values) {
+        ASSERT_TRUE(PropertyList::writeXmlFile(box.hostPath(stamps), values));
+    };
+    const auto report = [&](const QString &path, qint64 secondsAfterLaunch) {
+        ASSERT_TRUE(box.writeFile(path, "report", true));
+        QFile file(box.hostPath(path));
+        ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+        ASSERT_TRUE(file.setFileTime(launch.addSecs(secondsAfterLaunch), QFileDevice::FileModificationTime));
+    };
+    const QString user = QStringLiteral("/Users/anna/Library/Logs/");
+    const QString machine = QStringLiteral("/Library/Logs/");
+
+    report(machine + QStringLiteral("DiagnosticReports/Mendwell_machine.crash"), 60);
+    EXPECT_EQ(check(), QStringLiteral("none"));  // no launch recorded: the first run
+    stamp({{QStringLiteral("launch"), launch}, {QStringLiteral("exit"), launch}});
+    EXPECT_EQ(check(), QStringLiteral("none"));  // an exit as late as the launch: clean
+    stamp({{QStringLiteral("launch"), launch}, {QStringLiteral("exit"), launch.addSecs(-1)}});
+    EXPECT_EQ(check(), machine + QStringLiteral("DiagnosticReports/Mendwell_machine.crash"));
+
+    // Earlier folders come first, but only with a report newer than the launch
+    // whose name is the application's, in any case, and "_".
+    report(user + QStringLiteral("CrashReporter/Mendwell_same-second.crash"), 0);
+    report(user + QStringLiteral("DiagnosticReports/MendwellHelper_newer.crash"), 120);
+    report(machine + QStringLiteral("CrashReporter/MENDWELL_2026.ips"), 30);
+    EXPECT_EQ(check(), machine + QStringLiteral("CrashReporter/MENDWELL_2026.ips"));
+    report(user + QStringLiteral("DiagnosticReports/mendwell_user.crash"), 10);
+    EXPECT_EQ(check(), user + QStringLiteral("DiagnosticReports/mendwell_user.crash"));
+    EXPECT_TRUE(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/app-crashcheck.1.log"))
+                    .contains(" - Application crashed on last launch\n"));
 }
 
 }  // namespace
