@@ -1,0 +1,35 @@
+// Drives the update launcher as the program does, from inside Mendwell.app:
+//   app-softwareupdate path      prints the updater it would run
+//   app-softwareupdate check     the quiet check, waited for
+//   app-softwareupdate startup   the start-up decision, then two seconds for its thread
+//   app-softwareupdate menu      the menu command
+
+#include "app/HXSoftwareUpdate.h"
+#include "diagnostics/HXLog.h"
+
+#include <QString>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+int main(int argc, char **argv)
+{
+    const QString mode = argc == 2 ? QString::fromLocal8Bit(argv[1]) : QString();
+    HXLog::createNewLog(QStringLiteral("app-softwareupdate"));
+    if (mode == u"path") {
+        std::printf("%s\n", qPrintable(HXSoftwareUpdate::updaterPath()));
+    } else if (mode == u"check") {
+        HXSoftwareUpdate::automaticallyCheckForUpdates();
+    } else if (mode == u"startup") {
+        HXSoftwareUpdate().startup();
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+    } else if (mode == u"menu") {
+        HXSoftwareUpdate().manualUpdateCheck();
+    } else {
+        std::fprintf(stderr, "usage: %s path|check|startup|menu\n", argv[0]);
+        return 2;
+    }
+    HXLog::finishWriting();
+    return 0;
+}
