@@ -116,6 +116,15 @@ bool launchApplication(const QString &path, const QStringList &arguments)
     return platform::startDetached(executable, arguments, *account, home) == 0;
 }
 
+bool openFile(const QString &path)
+{
+    const std::optional<platform::Account> account = desktopAccount();
+    if (!account || account->uid == 0 || !QFileInfo::exists(path))
+        return false;
+    const QString home = platform::homeDirectoryOfUser(account->name).value_or(QStringLiteral("/"));
+    return platform::startDetached(QStringLiteral("/usr/bin/xdg-open"), {path}, *account, home) == 0;
+}
+
 std::optional<QString> quitApplication(const QString &name)
 {
     int refusal = 0;

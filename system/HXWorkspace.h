@@ -37,6 +37,10 @@ std::optional<QString> absolutePathForAppBundleWithIdentifier(const QString &ide
 // could not be started.
 bool launchApplication(const QString &path, const QStringList &arguments = {});
 
+// Opens the file at PATH with the desktop's application for it, for the desktop
+// user; false when that could not be started.
+bool openFile(const QString &path);
+
 // Asks every running application named NAME (its bundle's name, without ".app",
 // or its CFBundleName) to quit, every one of its processes, without waiting.
 // None when at least one took the request, else what went wrong.
