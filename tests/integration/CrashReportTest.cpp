@@ -49,18 +49,10 @@ protected:
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
         ASSERT_TRUE(box.writeFile(QStringLiteral("/Applications/TestPrograms/crash.sh"), kCrashScript));
         // The bug reporter, bundled where the bundle's own copy goes.
-        ASSERT_TRUE(
-            box.writeFile(kBugReporter + QStringLiteral("/Contents/Info.plist"),
-                          "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                          "<key>CFBundleIdentifier</key><string>com.lanternfish.BugReporter</string>"
-                          "<key>CFBundleExecutable</key><string>Bug Reporter</string></dict></plist>\n"));
-        ASSERT_TRUE(box.writeFile(kBugReporter + QStringLiteral("/Contents/Resources/behaviour"),
-                                  "record-only\n" + kRecord.toUtf8() + "\n"));
-        ASSERT_TRUE(box.makeFolder(kBugReporter + QStringLiteral("/Contents/MacOS")));
-        const QString executable =
-            box.hostPath(kBugReporter + QStringLiteral("/Contents/MacOS/Bug Reporter"));
-        ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/editorstandin"), executable));
-        ::chmod(QFile::encodeName(executable).constData(), 0755);
+        ASSERT_TRUE(box.installStandInApplication(
+            kBugReporter, QStringLiteral("Bug Reporter"),
+            "<key>CFBundleIdentifier</key><string>com.lanternfish.BugReporter</string>", "record-only",
+            kRecord));
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Library/Preferences"), true));
     }
 
@@ -152,7 +144,8 @@ TEST_F(CrashReportTest, TheReportIsTheNewestOfTheFirstFolderThatHasOneNewerThanT
         return QString::fromUtf8(box.runAsRoot({program, QStringLiteral("Mendwell"), stamps}).out.trimmed());
     };
     // Whole seconds, as the stamps keep them.
-    const QDateTime launch = QDateTime::fromSecsSinceEpoch(QDateTime::currentSecsSinceEpoch() - 3600, Qt::UTC);
+    const QDateTime launch =
+        QDateTime::fromSecsSinceEpoch(QDateTime::currentSecsSinceEpoch() - 3600, Qt::UTC);
     const auto stamp = [&](const QVariantMap &values) {
         ASSERT_TRUE(PropertyList::writeXmlFile(box.hostPath(stamps), values));
     };

@@ -171,18 +171,10 @@ protected:
     // asks for it.
     void installEditor()
     {
-        ASSERT_TRUE(box.makeFolder(kEditor + QStringLiteral("/Contents/Resources")));
-        ASSERT_TRUE(
-            box.writeFile(kEditor + QStringLiteral("/Contents/Info.plist"),
-                          "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                          "<key>CFBundleIdentifier</key><string>com.adobe.AdobePremierePro</string>"
-                          "<key>CFBundleExecutable</key><string>Adobe Premiere Pro</string>"
-                          "<key>CFBundleName</key><string>Adobe Premiere Pro</string></dict></plist>\n"));
-        ASSERT_TRUE(box.makeFolder(kEditor + QStringLiteral("/Contents/MacOS")));
-        const QString executable =
-            box.hostPath(kEditor + QStringLiteral("/Contents/MacOS/Adobe Premiere Pro"));
-        ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/editorstandin"), executable));
-        ::chmod(QFile::encodeName(executable).constData(), 0755);
+        ASSERT_TRUE(box.installStandInApplication(
+            kEditor, QStringLiteral("Adobe Premiere Pro"),
+            "<key>CFBundleIdentifier</key><string>com.adobe.AdobePremierePro</string>"
+            "<key>CFBundleName</key><string>Adobe Premiere Pro</string>"));
     }
 
     // The three Adobe folders the audit looks at, correct and empty.

@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -38,22 +37,10 @@ protected:
     // An updater bundle of VERSION that records into /Users/anna/RECORD.record.
     void installUpdater(const QString &path, int version, const QString &record, bool annas = false)
     {
-        ASSERT_TRUE(box.writeFile(
-            path + QStringLiteral("/Contents/Info.plist"),
-            QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                           "<key>CFBundleExecutable</key><string>Updater</string>"
-                           "<key>CFBundleVersion</key><string>%1</string></dict></plist>\n")
-                .arg(version)
-                .toUtf8(),
-            annas));
-        ASSERT_TRUE(box.writeFile(path + QStringLiteral("/Contents/Resources/behaviour"),
-                                  "record-only\n/Users/anna/" + record.toUtf8() + ".record\n", annas));
-        ASSERT_TRUE(box.makeFolder(path + QStringLiteral("/Contents/MacOS"), annas));
-        const QString executable = box.hostPath(path + QStringLiteral("/Contents/MacOS/Updater"));
-        ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/editorstandin"), executable));
-        ::chmod(QFile::encodeName(executable).constData(), 0755);
-        if (annas)
-            ::chown(QFile::encodeName(executable).constData(), Sandbox::userId(), Sandbox::userGroupId());
+        ASSERT_TRUE(box.installStandInApplication(
+            path, QStringLiteral("Updater"),
+            QStringLiteral("<key>CFBundleVersion</key><string>%1</string>").arg(version).toUtf8(),
+            "record-only", QStringLiteral("/Users/anna/") + record + QStringLiteral(".record"), annas));
     }
 
     ProcessResult drive(const QString &mode)

@@ -84,6 +84,29 @@ QString Sandbox::installTestProgram(const QString &name) const
     return inside;
 }
 
+bool Sandbox::installStandInApplication(const QString &path, const QString &executable,
+                                        const QByteArray &infoEntries, const QByteArray &behaviour,
+                                        const QString &record, bool ownedByUser) const
+{
+    const QByteArray info = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                            "<key>CFBundleExecutable</key><string>" +
+                            executable.toUtf8() + "</string>" + infoEntries + "</dict></plist>\n";
+    if (!writeFile(path + QStringLiteral("/Contents/Info.plist"), info, ownedByUser) ||
+        !makeFolder(path + QStringLiteral("/Contents/Resources"), ownedByUser) ||
+        !makeFolder(path + QStringLiteral("/Contents/MacOS"), ownedByUser))
+        return false;
+    if (!behaviour.isEmpty() && !writeFile(path + QStringLiteral("/Contents/Resources/behaviour"),
+                                           behaviour + '\n' + record.toUtf8() + '\n', ownedByUser))
+        return false;
+    const QString installed = hostPath(path + QStringLiteral("/Contents/MacOS/") + executable);
+    if (!QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/editorstandin"), installed) ||
+        ::chmod(QFile::encodeName(installed).constData(), 0755) != 0)
+        return false;
+    const auto account = userAccount();
+    return !ownedByUser ||
+           (account && ::lchown(QFile::encodeName(installed).constData(), account->uid, account->gid) == 0);
+}
+
 QString Sandbox::hostPath(const QString &sandboxPath) const
 {
     return m_root.path() + sandboxPath;

@@ -42,6 +42,14 @@ public:
     // sandbox and returns its path there.
     QString installTestProgram(const QString &name) const;
 
+    // Installs the stand-in application (tests/programs/editorstandin.cpp) as the
+    // bundle PATH, its executable named EXECUTABLE, with INFOENTRIES (plist keys and
+    // values) in its Info.plist. A non-empty BEHAVIOUR is written with RECORD as its
+    // behaviour file (else a test's script writes it).
+    bool installStandInApplication(const QString &path, const QString &executable,
+                                   const QByteArray &infoEntries, const QByteArray &behaviour = {},
+                                   const QString &record = {}, bool ownedByUser = false) const;
+
     // Runs ARGUMENTS inside the sandbox as root, with anna as the console user
     // (SUDO_USER=anna). "Mendwell" as the program means the installed bundle.
     ProcessResult runAsRoot(const QStringList &arguments, const QStringList &environment = {}) const;
