@@ -182,8 +182,12 @@ QStringList Sandbox::bubblewrapArguments() const
     args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Applications"))
          << QStringLiteral("/Applications");
     args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Users")) << QStringLiteral("/Users");
-    // Root's own settings stay in the sandbox too.
+    // Root's own settings stay in the sandbox too; the build and the sources (which
+    // may lie in root's home) stay where the tests look for them.
     args << QStringLiteral("--bind") << hostPath(QStringLiteral("/root")) << QStringLiteral("/root");
+    for (const QString &tree : {QStringLiteral(MENDWELL_SOURCE_DIR), QStringLiteral(MENDWELL_BINARY_DIR)})
+        if (tree.startsWith(QLatin1String("/root/")))
+            args << QStringLiteral("--bind") << tree << tree;
     // The console user comes from the environment, not from a desktop seat of the
     // machine the tests happen to run on.
     if (QFileInfo(QStringLiteral("/run/systemd/seats")).isDir())
