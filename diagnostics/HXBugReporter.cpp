@@ -21,14 +21,19 @@ const QString kLaunch = QStringLiteral("launch");
 const QString kExit = QStringLiteral("exit");
 const QString kBugReporterIdentifier = QStringLiteral("com.lanternfish.BugReporter");
 
-// The account named by the component after the first "Users" of PATH.
-std::optional<platform::Account> ownerOfUsersPath(const QString &path)
+// The user whose home holds PATH: the one named by the component after the first
+// "Users", as homes are on the Mac; else the console user, when PATH lies in that
+// user's home (homes elsewhere, as on Linux).
+std::optional<platform::Account> ownerOfHomeHolding(const QString &path)
 {
     const QStringList components = HXPath::components(path);
     const qsizetype users = components.indexOf(QStringLiteral("Users"));
-    if (users < 0 || users + 1 >= components.size())
-        return std::nullopt;
-    return platform::accountNamed(components.at(users + 1));
+    if (users >= 0 && users + 1 < components.size())
+        return platform::accountNamed(components.at(users + 1));
+    const QString home = HXLocalPaths::userDirectory();
+    if (!home.isEmpty() && path.startsWith(home + QLatin1Char('/')))
+        return platform::accountNamed(HXLocalPaths::username());
+    return std::nullopt;
 }
 
 void recordDate(const QString &key, const std::optional<QString> &plistPath)
@@ -42,7 +47,7 @@ void recordDate(const QString &key, const std::optional<QString> &plistPath)
     }
     QVariantMap stamps = PropertyList::readDictionaryInUsersTree(*plistPath);
     stamps.insert(key, now);
-    const std::optional<platform::Account> owner = ownerOfUsersPath(*plistPath);
+    const std::optional<platform::Account> owner = ownerOfHomeHolding(*plistPath);
     PropertyList::writeXmlFileInUsersTree(*plistPath, stamps,
                                           owner ? std::optional<uid_t>(owner->uid) : std::nullopt);
     HXBugReporter::chownPlist(*plistPath);
@@ -170,7 +175,7 @@ void HXBugReporter::chownPlist(const QString &path)
 {
     // Only root writes files that belong to someone else. The owner changes through
     // the opened folder: a link planted in place of the file is never followed.
-    const std::optional<platform::Account> owner = ownerOfUsersPath(path);
+    const std::optional<platform::Account> owner = ownerOfHomeHolding(path);
     if (!owner || !platform::isRoot())
         return;
     if (const std::optional<platform::Item> item = platform::Item::open(path))

@@ -34,6 +34,7 @@ public:
     static std::optional<QString> checkForCrashes(const std::optional<QString> &name,
                                                   const std::optional<QString> &plistPath);
 
-    // Gives a file written in a user's home ("/Users/NAME/...") to that user.
+    // Gives a file written in a user's home ("/Users/NAME/...", or the console
+    // user's home wherever it is) to that user.
     static void chownPlist(const QString &path);
 };
