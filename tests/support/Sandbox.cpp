@@ -7,9 +7,11 @@
 #include <QFileInfo>
 #include <QStandardPaths>
 
+#include <chrono>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -149,6 +151,18 @@ QByteArray Sandbox::readFile(const QString &sandboxPath) const
 {
     QFile file(hostPath(sandboxPath));
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QStringList Sandbox::recordLines(const QString &sandboxPath, int count) const
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    QStringList lines;
+    for (;;) {
+        lines = QString::fromUtf8(readFile(sandboxPath)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        if (lines.size() >= count || std::chrono::steady_clock::now() > deadline)
+            return lines;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
 }
 
 bool Sandbox::exists(const QString &sandboxPath) const

@@ -36,6 +36,9 @@ public:
     bool makeFolder(const QString &sandboxPath, bool ownedByUser = false) const;
     bool writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser = false) const;
     QByteArray readFile(const QString &sandboxPath) const;
+    // The lines of a record that a detached program writes: waits (a bounded
+    // while) until it holds at least COUNT lines, then returns what it holds.
+    QStringList recordLines(const QString &sandboxPath, int count) const;
     bool exists(const QString &sandboxPath) const;
 
     // Copies the test program NAME (built into the test-programs folder) into the
