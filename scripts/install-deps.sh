@@ -10,7 +10,7 @@ packages=(
   libgtest-dev libgmock-dev
   bubblewrap util-linux e2fsprogs passwd dbus dbus-x11 xvfb xauth x11-apps imagemagick
   dunst libnotify-bin policykit-1 trash-cli unzip zip libglib2.0-bin
-  libspdlog-dev
+  libspdlog-dev ca-certificates xdg-utils
 )
 
 missing=()

@@ -151,6 +151,11 @@ QString HXLocalPaths::userDirectory()
     return platform::homeDirectoryOfUser(console.value_or(QString())).value_or(QString());
 }
 
+QString HXLocalPaths::ownHomeDirectory()
+{
+    return processHome();
+}
+
 QString HXLocalPaths::username()
 {
     if (!platform::isRoot())

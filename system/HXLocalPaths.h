@@ -37,6 +37,9 @@ public:
     static QString movieDirectory();
     static QString desktopDirectory();
     static QString userDirectory();
+    // The process's own home, also as root: for the program's own settings and
+    // caches, which are never written into another user's tree.
+    static QString ownHomeDirectory();
     static QString username();
     static QString systemLibraryDirectory();
     static QString trashDirectory();

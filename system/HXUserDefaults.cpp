@@ -1,6 +1,5 @@
 #include "system/HXUserDefaults.h"
 
-#include "platform/Platform.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
 #include "system/PropertyList.h"
@@ -33,7 +32,7 @@ QString HXUserDefaults::pathForDomain(const QString &domain, const QString &pref
 QString HXUserDefaults::ownPreferencesFolder()
 {
     // The process's own home even as root: root's settings are root's own.
-    const QString home = platform::homeDirectoryOfUser(platform::processUserName()).value_or(QString());
+    const QString home = HXLocalPaths::ownHomeDirectory();
     return HXPath::appendingComponent(home.isEmpty() ? QStringLiteral("/") : home,
                                       QStringLiteral("Library/Preferences"));
 }

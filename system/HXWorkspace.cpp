@@ -9,6 +9,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QUrl>
 #include <QHash>
 
 #include <cstring>
@@ -36,6 +37,16 @@ bool answersToName(const HXBundle &bundle, const QString &name)
 {
     return HXPath::deletingExtension(HXPath::lastComponent(bundle.bundlePath())) == name ||
            bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleName")).toString() == name;
+}
+
+// The desktop's opener, started for the desktop user (never as root).
+bool openWithDesktop(const QString &pathOrAddress)
+{
+    const std::optional<platform::Account> account = desktopAccount();
+    if (!account || account->uid == 0)
+        return false;
+    const QString home = platform::homeDirectoryOfUser(account->name).value_or(QStringLiteral("/"));
+    return platform::startDetached(QStringLiteral("/usr/bin/xdg-open"), {pathOrAddress}, *account, home) == 0;
 }
 
 }  // namespace
@@ -118,11 +129,14 @@ bool launchApplication(const QString &path, const QStringList &arguments)
 
 bool openFile(const QString &path)
 {
-    const std::optional<platform::Account> account = desktopAccount();
-    if (!account || account->uid == 0 || !QFileInfo::exists(path))
-        return false;
-    const QString home = platform::homeDirectoryOfUser(account->name).value_or(QStringLiteral("/"));
-    return platform::startDetached(QStringLiteral("/usr/bin/xdg-open"), {path}, *account, home) == 0;
+    return QFileInfo::exists(path) && openWithDesktop(path);
+}
+
+bool openURL(const QString &address)
+{
+    const QUrl url(address, QUrl::StrictMode);
+    const bool isWebPage = url.isValid() && (url.scheme() == u"https" || url.scheme() == u"http");
+    return isWebPage && openWithDesktop(url.toString(QUrl::FullyEncoded));
 }
 
 std::optional<QString> quitApplication(const QString &name)

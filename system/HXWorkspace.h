@@ -41,6 +41,10 @@ bool launchApplication(const QString &path, const QStringList &arguments = {});
 // user; false when that could not be started.
 bool openFile(const QString &path);
 
+// Opens ADDRESS (a web page) in the desktop user's browser; false when that could
+// not be started.
+bool openURL(const QString &address);
+
 // Asks every running application named NAME (its bundle's name, without ".app",
 // or its CFBundleName) to quit, every one of its processes, without waiting.
 // None when at least one took the request, else what went wrong.

@@ -206,6 +206,8 @@ QStringList Sandbox::bubblewrapArguments() const
     // machine the tests happen to run on.
     if (QFileInfo(QStringLiteral("/run/systemd/seats")).isDir())
         args << QStringLiteral("--tmpfs") << QStringLiteral("/run/systemd/seats");
+    for (qsizetype i = 0; i + 1 < m_overlays.size(); i += 2)
+        args << QStringLiteral("--ro-bind") << m_overlays[i] << m_overlays[i + 1];
     args << QStringLiteral("--proc") << QStringLiteral("/proc") << QStringLiteral("--dev-bind")
          << QStringLiteral("/dev") << QStringLiteral("/dev") << QStringLiteral("--unshare-pid")
          << QStringLiteral("--die-with-parent") << QStringLiteral("--clearenv");
@@ -244,6 +246,11 @@ ProcessResult Sandbox::run(const QStringList &arguments, const QStringList &envi
         command.first() = mendwellPath();
     args << command;
     return runProcess(args);
+}
+
+void Sandbox::overlay(const QString &hostPath, const QString &sandboxPath)
+{
+    m_overlays << hostPath << sandboxPath;
 }
 
 ProcessResult Sandbox::runAsRoot(const QStringList &arguments, const QStringList &environment) const

@@ -59,6 +59,10 @@ public:
     // Runs ARGUMENTS inside the sandbox as anna.
     ProcessResult runAsUser(const QStringList &arguments, const QStringList &environment = {}) const;
 
+    // Shows the host's HOSTPATH (a file or folder) read-only in place of
+    // SANDBOXPATH, which must exist on the host, in every later run.
+    void overlay(const QString &hostPath, const QString &sandboxPath);
+
     static QString mendwellPath()
     {
         return QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/Mendwell");
@@ -69,6 +73,7 @@ private:
     QStringList bubblewrapArguments() const;
 
     QTemporaryDir m_root;
+    QStringList m_overlays;  // host path, sandbox path, ...
 };
 
 // Skips the calling test when sandboxes cannot run here.
