@@ -35,10 +35,19 @@ const QByteArray kQuestion =
 
 class UsageStatisticsTest : public ::testing::Test {
 protected:
+    // One server for the whole program, started before any process runs.
+    static void SetUpTestSuite() { sharedServer = new TestHttpsServer(); }
+    static void TearDownTestSuite()
+    {
+        delete sharedServer;
+        sharedServer = nullptr;
+    }
+
     void SetUp() override
     {
         SKIP_WITHOUT_SANDBOX();
         ASSERT_TRUE(server.isListening()) << server.error().toStdString();
+        server.clearRequests();
         ASSERT_TRUE(
             QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-usagestats"), box.hostPath(kDriver)));
         ::chmod(QFile::encodeName(box.hostPath(kDriver)).constData(), 0755);
@@ -66,7 +75,9 @@ protected:
         QStringList arguments{kDriver, QStringLiteral("run")};
         if (!answer.isEmpty())
             arguments << answer;
-        return box.runAsUser(arguments, {QStringLiteral("QT_QPA_PLATFORM=offscreen")});
+        ProcessResult result = box.runAsUser(arguments, {QStringLiteral("QT_QPA_PLATFORM=offscreen")});
+        EXPECT_EQ(result.exitCode, 0) << result.err.constData();  // sanitizers' findings included
+        return result;
     }
 
     QVariantMap plist(const QString &path) const { return PropertyList::readDictionary(box.hostPath(path)); }
@@ -79,7 +90,8 @@ protected:
         ASSERT_TRUE(box.writeFile(kDefaults, PropertyList::toXml(defaults), true));
     }
 
-    TestHttpsServer server;
+    static inline TestHttpsServer *sharedServer = nullptr;
+    TestHttpsServer &server = *sharedServer;
     Sandbox box;
 };
 
@@ -211,12 +223,7 @@ TEST_F(UsageStatisticsTest, AFailedUploadStillEmptiesTheCacheAndAnOldIdentifierI
                                                       {QStringLiteral("uidAssigned"), now.addDays(-91)}}),
                       true));
     setDefault(QStringLiteral("lastSubmission"), now.addDays(-2));
-    // Nobody listens there.
-    const int closedPort = [] {
-        TestHttpsServer gone;
-        return gone.port();
-    }();
-    setServer(QStringLiteral("https://localhost:%1").arg(closedPort));
+    setServer(QStringLiteral("https://localhost:%1").arg(TestHttpsServer::unusedPort()));
     const ProcessResult failed = run();
     EXPECT_EQ(failed.out, QByteArray("Connection failed - Connection refused\n")) << failed.err.constData();
     EXPECT_TRUE(box.exists(kCache));

@@ -179,6 +179,27 @@ QList<RecordedRequest> TestHttpsServer::requests() const
     return m_requests;
 }
 
+void TestHttpsServer::clearRequests()
+{
+    std::lock_guard lock(m_mutex);
+    m_requests.clear();
+}
+
+int TestHttpsServer::unusedPort()
+{
+    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    const bool bound = probe >= 0 &&
+                       ::bind(probe, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
+                       ::getsockname(probe, reinterpret_cast<sockaddr *>(&address), &length) == 0;
+    if (probe >= 0)
+        ::close(probe);
+    return bound ? ntohs(address.sin_port) : 0;
+}
+
 void TestHttpsServer::serve()
 {
     while (!m_stopping) {

@@ -4,6 +4,9 @@
 // certificate for "localhost" made at start, records every request it receives
 // and answers each with 200. The certificate is handed to the sandbox as the
 // only trusted authority.
+//
+// Start it before the test program runs any process: under ThreadSanitizer a
+// thread started after QProcess has forked counts as started in a forked child.
 
 #include <QByteArray>
 #include <QList>
@@ -40,6 +43,10 @@ public:
     QString trustedCertificatesFolder() const { return m_trustFolder; }
 
     QList<RecordedRequest> requests() const;
+    void clearRequests();
+
+    // A port on 127.0.0.1 where nobody listens.
+    static int unusedPort();
 
 private:
     void serve();
