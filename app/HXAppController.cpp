@@ -11,6 +11,7 @@
 #include "system/HXLocalPaths.h"
 #include "system/HXMainThread.h"
 #include "system/HXPath.h"
+#include "system/HXUserDefaults.h"
 
 #include <QApplication>
 #include <QTextCharFormat>
@@ -55,6 +56,21 @@ std::unique_ptr<HXAppController> HXAppController::initWithoutGUI()
     // else creates it.
     if (!platform::processArguments().contains(QStringLiteral("-hotkey")))
         HXAuthorization::sharedController(false);
+    return controller;
+}
+
+std::unique_ptr<HXAppController> HXAppController::init()
+{
+    std::unique_ptr<HXAppController> controller(new HXAppController());
+    HXBugReporter::startBugReporter();
+    writeCrashReportsForUser();
+    controller->m_detectsCrashes = true;
+    HXLog::createNewLog(QStringLiteral("Mendwell"));
+    // Not through setHasGUI: the window's authorization may ask for a password.
+    controller->m_hasGUI = true;
+    HXUserDefaults::standardUserDefaults().registerDefaults({{QStringLiteral("SUCheckAtStartup"), true},
+                                                             {QStringLiteral("shouldTrash"), 0},
+                                                             {QStringLiteral("shouldTrashWorkspaces"), 0}});
     return controller;
 }
 

@@ -27,6 +27,9 @@ public:
 
     // The controller of the command-line repair: task log "Mendwell.task", no window.
     static std::unique_ptr<HXAppController> initWithoutGUI();
+    // The windowed controller: crash detection in the user's own settings, log
+    // "Mendwell", the defaults of the window's options registered.
+    static std::unique_ptr<HXAppController> init();
 
     // --- The repair
 

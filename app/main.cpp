@@ -6,13 +6,18 @@
 #include <QStringList>
 
 #include <cstdio>
+#include <memory>
 #include <unistd.h>
 
 namespace {
 
 int runWindowedApplication()
 {
-    std::puts("This build of Mendwell has no main window yet; run it with -repair.");
+    {
+        const std::unique_ptr<HXAppController> controller = HXAppController::init();
+        std::puts("This build of Mendwell has no main window yet; run it with -repair.");
+    }
+    HXLog::finishWriting();
     return 0;
 }
 

@@ -171,6 +171,15 @@ TEST_F(CrashReportTest, TheReportIsTheNewestOfTheFirstFolderThatHasOneNewerThanT
     EXPECT_EQ(check(), machine + QStringLiteral("CrashReporter/MENDWELL_2026.ips"));
     report(user + QStringLiteral("DiagnosticReports/mendwell_user.crash"), 10);
     EXPECT_EQ(check(), user + QStringLiteral("DiagnosticReports/mendwell_user.crash"));
+
+    // The windowed start, as anna in her own tree, keeps its stamps in her settings.
+    box.runAsRoot({QStringLiteral("chown"), QStringLiteral("-R"), QStringLiteral("anna:"),
+                   QStringLiteral("/Users/anna")});
+    box.runAsUser({QStringLiteral("Mendwell")});
+    const QVariantMap own = PropertyList::readDictionary(box.hostPath(stamps));
+    EXPECT_LE(own.value(QStringLiteral("launch")).toDateTime(),
+              own.value(QStringLiteral("exit")).toDateTime());
+    EXPECT_GT(own.value(QStringLiteral("launch")).toDateTime(), launch);
     EXPECT_TRUE(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/app-crashcheck.1.log"))
                     .contains(" - Application crashed on last launch\n"));
 }
