@@ -232,6 +232,11 @@ TEST_F(UsageStatisticsTest, AFailedUploadStillEmptiesTheCacheAndAnOldIdentifierI
     const QString uid = plist(kConsent).value(QStringLiteral("uid")).toString();
     EXPECT_NE(uid, QStringLiteral("oldoldoldold"));
     EXPECT_EQ(uid.size(), 12);
+
+    // A young identifier stays.
+    setDefault(QStringLiteral("lastSubmission"), now.addDays(-2));
+    EXPECT_EQ(run().out, QByteArray("Connection failed - Connection refused\n"));
+    EXPECT_EQ(plist(kConsent).value(QStringLiteral("uid")).toString(), uid);
 }
 
 }  // namespace
