@@ -223,7 +223,7 @@ TEST_F(UsageStatisticsTest, AFailedUploadStillEmptiesTheCacheAndAnOldIdentifierI
                                                       {QStringLiteral("uidAssigned"), now.addDays(-91)}}),
                       true));
     setDefault(QStringLiteral("lastSubmission"), now.addDays(-2));
-    setServer(QStringLiteral("https://localhost:%1").arg(TestHttpsServer::unusedPort()));
+    setServer(QStringLiteral("https://127.0.0.1:%1").arg(TestHttpsServer::unusedPort()));
     const ProcessResult failed = run();
     EXPECT_EQ(failed.out, QByteArray("Connection failed - Connection refused\n")) << failed.err.constData();
     EXPECT_TRUE(box.exists(kCache));

@@ -170,7 +170,8 @@ TestHttpsServer::~TestHttpsServer()
 
 QString TestHttpsServer::baseURL() const
 {
-    return QStringLiteral("https://localhost:%1").arg(m_port);
+    // By address: name lookup of "localhost" is not given on every machine.
+    return QStringLiteral("https://127.0.0.1:%1").arg(m_port);
 }
 
 QList<RecordedRequest> TestHttpsServer::requests() const

@@ -1,7 +1,7 @@
 #pragma once
 
 // A local HTTPS server for one test: it listens on 127.0.0.1 with a self-signed
-// certificate for "localhost" made at start, records every request it receives
+// certificate for 127.0.0.1 and "localhost" made at start, records every request it receives
 // and answers each with 200. The certificate is handed to the sandbox as the
 // only trusted authority.
 //
