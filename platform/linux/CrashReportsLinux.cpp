@@ -159,10 +159,15 @@ void writeReport(int signalNumber, const siginfo_t *info)
     } else {
         cause.text("Exception Type:  ").text(signalName(signalNumber)).text(" (signal ");
         cause.number(static_cast<unsigned>(signalNumber)).text(")\n");
-        cause.text("Exception Codes: code ")
-            .number(static_cast<unsigned>(info != nullptr ? info->si_code : 0));
-        cause.text(" at 0x").number(
-            reinterpret_cast<unsigned long long>(info != nullptr ? info->si_addr : nullptr), 16);
+        if (info != nullptr && info->si_code <= 0) {
+            // Sent by kill or a queue: there is no faulting address, only a sender.
+            cause.text("Exception Codes: sent by process ").number(static_cast<unsigned>(info->si_pid));
+        } else {
+            cause.text("Exception Codes: code ")
+                .number(static_cast<unsigned>(info != nullptr ? info->si_code : 0));
+            cause.text(" at 0x").number(
+                reinterpret_cast<unsigned long long>(info != nullptr ? info->si_addr : nullptr), 16);
+        }
         cause.text("\n");
     }
     cause.text("\nThread 0 Crashed:\n");

@@ -97,7 +97,8 @@ TEST_F(CrashReportTest, ACrashLeavesAReportThatTheNextRunHandsToTheBugReporter)
         << name.toStdString();
     const QString path = kReports + QLatin1Char('/') + name;
     const QString report = QString::fromUtf8(box.readFile(path));
-    EXPECT_TRUE(report.contains(QStringLiteral("Exception Type:  SIGSEGV (signal 11)")))
+    EXPECT_TRUE(report.contains(QStringLiteral("Exception Type:  SIGSEGV (signal 11)\n"
+                                               "Exception Codes: sent by process ")))
         << report.toStdString();
     // It died sleeping in the step that ends the background processes.
     EXPECT_TRUE(report.contains(QStringLiteral("stopAll"))) << report.toStdString();
