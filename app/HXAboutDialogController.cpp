@@ -48,19 +48,17 @@ void HXAboutDialogController::awakeFromNib()
     try {
         const QRect frame = m_aboutWindow ? m_aboutWindow->geometry() : QRect();
         QFile credits(m_bundle.resourcePath() + QStringLiteral("/Credits.html"));
-        if (credits.exists() && credits.open(QIODevice::ReadOnly)) {
-            if (m_creditsTextView) {
-                m_creditsTextView->setReadOnly(false);
-                m_creditsTextView->setHtml(QString::fromUtf8(credits.readAll()));
-                m_creditsTextView->setReadOnly(true);
-                m_creditsTextView->moveCursor(QTextCursor::Start);
-                m_creditsTextView->ensureCursorVisible();
-            }
-        } else if (!credits.exists()) {
+        if (!credits.exists()) {
             if (m_creditsScrollView)
                 m_creditsScrollView->hide();
             if (m_aboutWindow)
                 m_aboutWindow->setGeometry(frame.x(), frame.y(), frame.width(), 250);
+        } else if (credits.open(QIODevice::ReadOnly) && m_creditsTextView) {
+            m_creditsTextView->setReadOnly(false);
+            m_creditsTextView->setHtml(QString::fromUtf8(credits.readAll()));
+            m_creditsTextView->setReadOnly(true);
+            m_creditsTextView->moveCursor(QTextCursor::Start);
+            m_creditsTextView->ensureCursorVisible();
         }
 
         const QString iconFile =

@@ -59,23 +59,9 @@ QVariantMap readConsent()
 
 bool writeConsent(const QVariantMap &consent)
 {
-    QDir().mkpath(HXPath::deletingLastComponent(HXQC::consentFilePath()));
-    return PropertyList::writeXmlFile(HXQC::consentFilePath(), consent);
-}
-
-// A plist integer, or a boolean, that equals 1.
-bool isIntegerOne(const QVariant &value)
-{
-    switch (value.typeId()) {
-    case QMetaType::Bool:
-        return value.toBool();
-    case QMetaType::Int:
-    case QMetaType::LongLong:
-    case QMetaType::ULongLong:
-        return value.toLongLong() == 1;
-    default:
-        return false;
-    }
+    const QString path = HXQC::consentFilePath();
+    QDir().mkpath(HXPath::deletingLastComponent(path));
+    return PropertyList::writeXmlFile(path, consent);
 }
 
 QString bundleIdentifier()
@@ -113,7 +99,7 @@ HXQC::HXQC() : m_opQueue(std::make_unique<HXSerialQueue>())
     if (QCoreApplication *application = QCoreApplication::instance())
         m_willTerminateObservation = QObject::connect(application, &QCoreApplication::aboutToQuit,
                                                       application, [this] { willTerminate(); });
-    if (isIntegerOne(readConsent().value(kLogQC)))
+    if (HXUserDefaults::isNumberEqualTo(readConsent().value(kLogQC), 1))
         m_shouldLog = true;
     HXUserDefaults &defaults = HXUserDefaults::standardUserDefaults();
     defaults.setInteger(defaults.integerForKey(kLaunchCount) + 1, kLaunchCount);
@@ -178,11 +164,16 @@ void HXQC::loadQC(QWidget *parentWindow)
     const bool dayPassed = submitted && submitted->secsTo(QDateTime::currentDateTimeUtc()) > kUploadInterval;
     const bool firstUploadDue =
         !submitted && HXUserDefaults::standardUserDefaults().integerForKey(kLaunchCount) >= 4;
-    if (dayPassed || firstUploadDue) {
-        std::lock_guard lock(m_queueMutex);
-        if (m_opQueue)
-            m_opQueue->addOperation([this] { uploadData(); });
-    }
+    if (dayPassed || firstUploadDue)
+        enqueue([this] { uploadData(); });
+}
+
+void HXQC::enqueue(std::function<void()> operation)
+{
+    // After will-terminate there is no queue, and nothing more is queued.
+    std::lock_guard lock(m_queueMutex);
+    if (m_opQueue)
+        m_opQueue->addOperation(std::move(operation));
 }
 
 std::optional<QDateTime> HXQC::lastSubmission() const
@@ -239,11 +230,8 @@ void HXQC::logSystemSpecsEvent()
 
 void HXQC::writeCache()
 {
-    if (!m_shouldLog)
-        return;
-    std::lock_guard lock(m_queueMutex);
-    if (m_opQueue)
-        m_opQueue->addOperation([this] { writeCacheOnThread(); });
+    if (m_shouldLog)
+        enqueue([this] { writeCacheOnThread(); });
 }
 
 void HXQC::writeCacheOnThread()

@@ -16,6 +16,7 @@
 #include <QVariantMap>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -84,6 +85,7 @@ private:
 
     // Waits for the upload in flight and hands its outcome to the callbacks.
     void awaitConnection();
+    void enqueue(std::function<void()> operation);
     void releaseConnection();
     std::optional<QDateTime> lastSubmission() const;
 

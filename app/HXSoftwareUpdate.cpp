@@ -23,10 +23,7 @@ bool checkAtStartup()
     const QVariant value = HXUserDefaults::valueForKey(QStringLiteral("SUCheckAtStartup"),
                                                        QStringLiteral("com.lanternfish.global"))
                                .value_or(QVariant());
-    const bool isNo = (value.typeId() == QMetaType::Bool || value.typeId() == QMetaType::LongLong ||
-                       value.typeId() == QMetaType::ULongLong || value.typeId() == QMetaType::Double) &&
-                      value.toDouble() == 0.0;
-    return !isNo;
+    return !HXUserDefaults::isNumberEqualTo(value, 0);
 }
 
 }  // namespace

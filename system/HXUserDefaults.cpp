@@ -62,13 +62,22 @@ bool HXUserDefaults::isSuiteSwitchSet(const QString &key)
     // Stricter than the usual truth values.
     if (value.typeId() == QMetaType::QString)
         return value.toString() == QLatin1String("1");
-    if (value.typeId() == QMetaType::Bool)
-        return value.toBool();
-    // A number equal to the boolean true, as the platform compares numbers.
-    if (value.typeId() == QMetaType::LongLong || value.typeId() == QMetaType::ULongLong ||
-        value.typeId() == QMetaType::Double)
-        return value.toDouble() == 1.0;
-    return false;
+    return isNumberEqualTo(value, 1);
+}
+
+bool HXUserDefaults::isNumberEqualTo(const QVariant &value, double number)
+{
+    switch (value.typeId()) {
+    case QMetaType::Bool:
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+    case QMetaType::Double:
+        return value.toDouble() == number;
+    default:
+        return false;
+    }
 }
 
 bool HXUserDefaults::boolFromValue(const QVariant &value)

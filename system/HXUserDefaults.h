@@ -66,6 +66,9 @@ public:
     // The truth of a property-list value as the Foundation reads it: booleans and
     // numbers by value, strings "YES"/"true"/non-zero numbers as true.
     static bool boolFromValue(const QVariant &value);
+    // True when VALUE is a boolean or a number (never a string) equal to NUMBER,
+    // as the platform compares numbers (a boolean is 0 or 1).
+    static bool isNumberEqualTo(const QVariant &value, double number);
 
     // A switch KEY of the suite-wide preferences ("com.lanternfish.global"), read
     // afresh: set only by the string "1", true, or a number equal to true.
