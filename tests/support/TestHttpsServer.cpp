@@ -81,6 +81,24 @@ QByteArray pem(X509 *certificate)
     return QByteArray(data, static_cast<qsizetype>(length));
 }
 
+// A socket bound to a free port on 127.0.0.1 (-1 when none), and that port.
+int bindLoopback(int &port)
+{
+    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (socket < 0 || ::bind(socket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+        ::getsockname(socket, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+        if (socket >= 0)
+            ::close(socket);
+        return -1;
+    }
+    port = ntohs(address.sin_port);
+    return socket;
+}
+
 bool readSome(SSL *ssl, QByteArray &into)
 {
     char buffer[16384];
@@ -138,20 +156,15 @@ TestHttpsServer::TestHttpsServer()
         return;
     }
 
-    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-        ::listen(listener, 8) != 0 ||
-        ::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
+    int port = 0;
+    const int listener = bindLoopback(port);
+    if (listener < 0 || ::listen(listener, 8) != 0) {
         m_error = QStringLiteral("cannot listen on 127.0.0.1");
         if (listener >= 0)
             ::close(listener);
         return;
     }
-    m_port = ntohs(address.sin_port);
+    m_port = port;
     m_listener = listener;
     m_thread = std::thread([this] { serve(); });
 }
@@ -188,17 +201,11 @@ void TestHttpsServer::clearRequests()
 
 int TestHttpsServer::unusedPort()
 {
-    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    const bool bound = probe >= 0 &&
-                       ::bind(probe, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
-                       ::getsockname(probe, reinterpret_cast<sockaddr *>(&address), &length) == 0;
+    int port = 0;
+    const int probe = bindLoopback(port);
     if (probe >= 0)
         ::close(probe);
-    return bound ? ntohs(address.sin_port) : 0;
+    return port;
 }
 
 void TestHttpsServer::serve()
