@@ -15,6 +15,7 @@
 #include <typeinfo>
 #include <execinfo.h>
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace platform {
@@ -170,7 +171,10 @@ void writeReport(int signalNumber, const siginfo_t *info)
         }
         cause.text("\n");
     }
-    cause.text("\nThread 0 Crashed:\n");
+    // The main thread is thread 0, as on the Mac; any other is named by its id.
+    const long thread = ::syscall(SYS_gettid);
+    cause.text("\nThread ").number(thread == ::getpid() ? 0 : static_cast<unsigned long long>(thread));
+    cause.text(" Crashed:\n");
     cause.writeTo(fd);
     void *frames[64];
     const int count = ::backtrace(frames, 64);

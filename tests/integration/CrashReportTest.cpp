@@ -27,7 +27,7 @@ const QString kRecord = QStringLiteral("/Users/anna/bugreporter.record");
 const QString kLog = QStringLiteral("/Library/Logs/Lanternfish/Mendwell.task.1.log");
 
 // Starts a repair, and once it is ending the background processes (its two-second
-// pause), sends it SIGSEGV. Prints the repair's exit status.
+// pause), sends its main thread SIGSEGV. Prints the repair's exit status.
 const char kCrashScript[] = R"sh(set -u
 rm -f /Library/Logs/Lanternfish/Mendwell.task.1.log
 /Applications/Mendwell.app/Contents/MacOS/Mendwell -repair -silent 2>/dev/null &
@@ -36,7 +36,7 @@ n=0
 until grep -q 'Stopping processes' /Library/Logs/Lanternfish/Mendwell.task.1.log 2>/dev/null; do
     sleep 0.01; n=$((n + 1)); [ $n -gt 3000 ] && break
 done
-kill -SEGV $pid
+/Applications/TestPrograms/mainthreadkill $pid 11
 wait $pid
 echo "status=$?"
 )sh";
@@ -48,6 +48,7 @@ protected:
         SKIP_WITHOUT_SANDBOX();
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
         ASSERT_TRUE(box.writeFile(QStringLiteral("/Applications/TestPrograms/crash.sh"), kCrashScript));
+        box.installTestProgram(QStringLiteral("mainthreadkill"));
         // The bug reporter, bundled where the bundle's own copy goes.
         ASSERT_TRUE(box.installStandInApplication(
             kBugReporter, QStringLiteral("Bug Reporter"),
