@@ -4,6 +4,7 @@
 #include "system/HXFormat.h"
 #include "system/HXPath.h"
 #include "system/PropertyList.h"
+#include "ui/HXInterfaceFile.h"
 
 #include <QDialog>
 #include <QFile>
@@ -11,20 +12,18 @@
 #include <QIcon>
 #include <QLabel>
 #include <QTextBrowser>
-#include <QUiLoader>
 
 #include <exception>
 
 std::unique_ptr<HXAboutDialogController> HXAboutDialogController::load(const HXBundle &bundle,
                                                                        QWidget *parent)
 {
-    QFile file(bundle.resourcePath() + QStringLiteral("/HXAbout.ui"));
-    if (!file.open(QIODevice::ReadOnly))
+    QWidget *loaded = HXInterfaceFile::load(bundle, QStringLiteral("HXAbout"), parent);
+    auto *window = qobject_cast<QDialog *>(loaded);
+    if (window == nullptr) {
+        delete loaded;
         return nullptr;
-    QUiLoader loader;
-    auto *window = qobject_cast<QDialog *>(loader.load(&file, parent));
-    if (window == nullptr)
-        return nullptr;
+    }
     std::unique_ptr<HXAboutDialogController> controller(new HXAboutDialogController(bundle));
     controller->m_aboutWindow = window;
     controller->m_appNameLabel = window->findChild<QLabel *>(QStringLiteral("appNameLabel"));

@@ -6,15 +6,13 @@
 
 #include "system/HXBundle.h"
 
+#include <QDialog>
+#include <QFrame>
+#include <QLabel>
 #include <QPointer>
+#include <QTextBrowser>
 
 #include <memory>
-
-class QDialog;
-class QFrame;
-class QLabel;
-class QTextBrowser;
-class QWidget;
 
 class HXAboutDialogController {
 public:

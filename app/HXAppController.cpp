@@ -1,5 +1,7 @@
 #include "app/HXAppController.h"
 
+#include "app/HXAboutDialogController.h"
+
 #include "diagnostics/HXBugReporter.h"
 #include "diagnostics/HXLog.h"
 #include "platform/Accounts.h"
@@ -33,8 +35,13 @@ void writeCrashReportsForUser()
 
 }  // namespace
 
+HXAppController::HXAppController() = default;
+
 HXAppController::~HXAppController()
 {
+    // The windows go before the application object does.
+    m_ownedPrefsWindow.reset();
+    m_ownedMainWindow.reset();
     if (m_detectsCrashes)
         HXBugReporter::stopBugReporter();
 }
@@ -68,6 +75,7 @@ std::unique_ptr<HXAppController> HXAppController::init()
     HXLog::createNewLog(QStringLiteral("Mendwell"));
     // Not through setHasGUI: the window's authorization may ask for a password.
     controller->m_hasGUI = true;
+    controller->loadAppInfrastructure();
     HXUserDefaults::standardUserDefaults().registerDefaults({{QStringLiteral("SUCheckAtStartup"), true},
                                                              {QStringLiteral("shouldTrash"), 0},
                                                              {QStringLiteral("shouldTrashWorkspaces"), 0}});

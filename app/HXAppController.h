@@ -1,14 +1,18 @@
 #pragma once
 
-// The application controller: the repair, its clean-up steps and the output
-// console. The main window that holds the controls arrives with the windowed mode;
-// until then whoever builds the window hands its parts over.
+// The application controller: the main window and its menus, the repair, its
+// clean-up steps and the output console. The windowed application builds its
+// windows from two interface files ("AppInfrastructure", then "MainMenu"); test
+// programs may instead hand over parts of a window of their own.
+
+#include "app/HXSoftwareUpdate.h"
 
 #include <QAbstractButton>
 #include <QColor>
 #include <QPointer>
 #include <QProgressBar>
 #include <QString>
+#include <QStringList>
 #include <QTextEdit>
 #include <QVariantMap>
 #include <QWidget>
@@ -17,11 +21,14 @@
 #include <mutex>
 #include <optional>
 
+class HXAboutDialogController;
+class QLabel;
+
 class HXAppController {
 public:
     // A controller without window, text view or log of its own; initWithoutGUI
     // (and the windowed construction) set those up.
-    HXAppController() = default;
+    HXAppController();
     // Records a clean exit when this controller started crash detection.
     ~HXAppController();
 
@@ -30,6 +37,55 @@ public:
     // The windowed controller: crash detection in the user's own settings, log
     // "Mendwell", the defaults of the window's options registered.
     static std::unique_ptr<HXAppController> init();
+
+    // --- The windowed application
+
+    // The whole windowed run: the controller with "AppInfrastructure", the main
+    // interface file "MainMenu", the start-up guard and the event loop. Returns
+    // the exit status.
+    static int applicationMain();
+    // Loads "AppInfrastructure" with this controller as owner; on failure the
+    // critical-error texts and termination.
+    void loadAppInfrastructure();
+    // Loads "MainMenu" (the main window and its menus); false when it is missing.
+    bool loadMainInterface();
+    // Counted: only the second call, once both files are loaded, does the work.
+    void awakeFromNib();
+    void applicationDidFinishLaunching();
+    static bool applicationShouldTerminateAfterLastWindowClosed() { return true; }
+    void applicationWillTerminate();
+    // Asks the application to end; nothing of the start-up continues after it.
+    void terminate();
+    bool isTerminating() const { return m_terminating; }
+
+    // --- Menu commands and preferences
+
+    void prefsToggleAdminPass(QAbstractButton *sender);
+    void prefsToggleQCLogging(QAbstractButton *sender);
+    void showPreferences();
+    void helpUserManual();
+    void helpHome();
+    void helpMarlin();
+    void helpReportBug();
+    void helpSuggestFeature();
+    void helpSupport();
+    void helpHXHome();
+    void showAboutDialog();
+    void viewLog();
+    void viewTaskLog();
+    void gatherLogs();
+    void manualUpdateCheck();
+
+    // Runs TOOL unprivileged and waits: none when it exits with 0, otherwise what
+    // it wrote to its standard error (UTF-8).
+    static std::optional<QString> returnTaskOutputWithTool(const QString &tool, const QStringList &arguments);
+
+    // The two preference boxes and the preferences window (not owned; none until
+    // "AppInfrastructure" is loaded).
+    QAbstractButton *prefsAdminPass() const { return m_prefsAdminPass; }
+    QAbstractButton *qcLoggingCheck() const { return m_qcLoggingCheck; }
+    QWidget *prefsWindow() const { return m_prefsWindow; }
+    qint64 awakeCount() const { return m_awakeCount; }
 
     // --- The repair
 
@@ -109,13 +165,28 @@ public:
     QWidget *windowMain() const { return m_controls.windowMain; }
 
 private:
+    void connectMainWindow();
+    void connectPreferences();
+    void rememberOption(QAbstractButton *box, const QString &key);
     void insertErrorTextOnMainThread(const QString &text, const QColor &color, bool bold);
     void clearErrorTextOnMainThread();
 
     bool m_hasGUI = false;
+    qint64 m_awakeCount = 0;
+    // Kept from the earliest version of the settings; nothing reads it.
+    [[maybe_unused]] bool m_oldConfigAvailable = false;
     bool m_detectsCrashes = false;
+    bool m_terminating = false;
     mutable std::mutex m_outputMutex;
     std::optional<QString> m_outputString;
     QPointer<QTextEdit> m_errorText;
     RepairControls m_controls;
+    QPointer<QLabel> m_logoImageView;
+    QPointer<QAbstractButton> m_prefsAdminPass;
+    QPointer<QAbstractButton> m_qcLoggingCheck;
+    QPointer<QWidget> m_prefsWindow;
+    std::unique_ptr<QWidget> m_ownedPrefsWindow;
+    std::unique_ptr<QWidget> m_ownedMainWindow;
+    std::unique_ptr<HXAboutDialogController> m_aboutDialog;
+    HXSoftwareUpdate m_softwareUpdate;
 };

@@ -1,7 +1,9 @@
 #include "app/HXAppController.h"
 #include "app/HXCommandLine.h"
 #include "diagnostics/HXLog.h"
+#include "platform/Session.h"
 
+#include <QApplication>
 #include <QString>
 #include <QStringList>
 
@@ -11,14 +13,23 @@
 
 namespace {
 
-int runWindowedApplication()
+int runWindowedApplication(int argc, char **argv)
 {
-    {
-        const std::unique_ptr<HXAppController> controller = HXAppController::init();
-        std::puts("This build of Mendwell has no main window yet; run it with -repair.");
+    if (!platform::desktopSessionAvailable()) {
+        std::fputs(
+            "Mendwell needs a desktop session for its window; run it with -repair for the command-line "
+            "repair.\n",
+            stderr);
+        return 1;
     }
+    QApplication application(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Mendwell"));
+    // The main window's closing ends the program, not the last window's.
+    QApplication::setQuitOnLastWindowClosed(false);
+    platform::onTerminationRequest([] { QCoreApplication::quit(); });
+    const int status = HXAppController::applicationMain();
     HXLog::finishWriting();
-    return 0;
+    return status;
 }
 
 }  // namespace
@@ -34,7 +45,7 @@ int main(int argc, char **argv)
         return 0;
     }
     if (!options.commandLineMode)
-        return runWindowedApplication();
+        return runWindowedApplication(argc, argv);
 
     // The caller starts us privileged (sudo, pkexec or a root launcher); without
     // that the call fails and the repair asks for administrator rights instead.

@@ -15,9 +15,25 @@ const QString kOwnDomain = QStringLiteral("com.lanternfish.Mendwell");
 
 HXUserDefaults &HXUserDefaults::standardUserDefaults()
 {
-    static HXUserDefaults *const defaults =
-        new HXUserDefaults(pathForDomain(kOwnDomain, ownPreferencesFolder()));
+    static HXUserDefaults *const defaults = [] {
+        auto *standard = new HXUserDefaults(pathForDomain(kOwnDomain, ownPreferencesFolder()));
+        standard->m_anyUserPath = anyUserPath();
+        return standard;
+    }();
     return *defaults;
+}
+
+QString HXUserDefaults::anyUserPath()
+{
+    return pathForDomain(kOwnDomain, HXLocalPaths::prefsDirectory(false));
+}
+
+bool HXUserDefaults::setValueForAnyUser(const QVariant &value, const QString &key)
+{
+    const QString path = anyUserPath();
+    QVariantMap values = PropertyList::readDictionary(path);
+    values.insert(key, value);
+    return PropertyList::writeXmlFile(path, values);
 }
 
 HXUserDefaults::HXUserDefaults(const QString &path) : m_path(path)
@@ -127,6 +143,12 @@ QVariant HXUserDefaults::objectForKey(const QString &key) const
     const auto stored = m_values.constFind(key);
     if (stored != m_values.constEnd())
         return *stored;
+    if (!m_anyUserPath.isEmpty()) {
+        const QVariantMap machine = PropertyList::readDictionary(m_anyUserPath);
+        const auto found = machine.constFind(key);
+        if (found != machine.constEnd())
+            return *found;
+    }
     return m_registered.value(key);
 }
 

@@ -5,6 +5,10 @@
 // domain in the Preferences folder of the process's own home (never rebased into
 // the console user's home when running as root). A missing or unreadable file
 // counts as empty; every change writes the whole file atomically. Thread-safe.
+//
+// Below its own values the standard user defaults read the program's settings for
+// every user of this machine: its domain in the machine's Preferences folder
+// (/Library/Preferences), which the administrators' group may write.
 
 #include <QString>
 #include <QVariant>
@@ -38,6 +42,11 @@ public:
     bool setBool(bool value, const QString &key);
     bool setInteger(qint64 value, const QString &key);
     bool removeObjectForKey(const QString &key);
+
+    // The program's setting KEY for any user of this machine; false when the
+    // machine's file could not be written (the caller is no administrator).
+    static bool setValueForAnyUser(const QVariant &value, const QString &key);
+    static QString anyUserPath();
 
     // Fallback values for keys the file does not hold; never written to the file.
     void registerDefaults(const QVariantMap &defaults);
@@ -80,6 +89,8 @@ private:
 
     mutable std::mutex m_mutex;
     QString m_path;
+    // The machine's layer, read afresh on every lookup; standard defaults only.
+    QString m_anyUserPath;
     mutable bool m_loaded = false;
     mutable QVariantMap m_values;
     QVariantMap m_registered;

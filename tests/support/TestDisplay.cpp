@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-TestDisplay::TestDisplay()
+TestDisplay::TestDisplay(const QString &screen)
 {
     // Xvfb picks a free number and writes it to the descriptor given by -displayfd.
     int fds[2];
@@ -11,8 +11,7 @@ TestDisplay::TestDisplay()
     m_server.setChildProcessModifier([fds] { ::close(fds[0]); });
     m_server.start(QStringLiteral("Xvfb"),
                    {QStringLiteral("-displayfd"), QString::number(fds[1]), QStringLiteral("-screen"),
-                    QStringLiteral("0"), QStringLiteral("1280x800x24"), QStringLiteral("-nolisten"),
-                    QStringLiteral("tcp")});
+                    QStringLiteral("0"), screen, QStringLiteral("-nolisten"), QStringLiteral("tcp")});
     ::close(fds[1]);
     if (!m_server.waitForStarted()) {
         ::close(fds[0]);

@@ -7,7 +7,8 @@
 
 class TestDisplay {
 public:
-    TestDisplay();
+    // SCREEN: Xvfb's screen, WIDTHxHEIGHTxDEPTH.
+    explicit TestDisplay(const QString &screen = QStringLiteral("1280x800x24"));
     ~TestDisplay();
 
     bool isRunning() const { return !m_display.isEmpty(); }

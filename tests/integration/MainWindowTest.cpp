@@ -1,0 +1,287 @@
+// The windowed application as a person uses it: Mendwell started on an X display
+// in the sandbox (console user anna, the sample tree), clicked and typed at with
+// xdotool, photographed with ImageMagick. The screenshots are kept in the build
+// folder's window-shots/ for people to look at.
+
+#include "tests/support/Sandbox.h"
+#include "tests/support/TestDisplay.h"
+
+#include "system/PropertyList.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QImage>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const QString kDriver = QStringLiteral("/Applications/TestPrograms/windowdriver.sh");
+const QString kRuns = QStringLiteral("/Library/TestRuns");
+const QString kShotsKept = QStringLiteral(MENDWELL_BINARY_DIR "/window-shots");
+
+// windowdriver.sh SCENE SCALE: starts Mendwell and acts out SCENE at QT_SCALE_FACTOR
+// SCALE. Writes SCENE.figures ("name value" lines) and the screenshots SHOT-SCALE.png
+// in /Library/TestRuns. Positions are the main window's layout at scale 1.
+const char kDriverScript[] = R"sh(set -u
+scene=$1
+scale=$2
+runs=/Library/TestRuns
+figures=$runs/$scene-$scale.figures
+export QT_SCALE_FACTOR=$scale QT_QPA_PLATFORM=xcb
+now() { date +%s%N; }
+ours() { xdotool search --onlyvisible --pid "$pid" 2>/dev/null; }
+# waitfor TITLE: the first visible window titled TITLE (a pattern), within 20 s.
+waitfor() {
+    n=0
+    while [ $n -lt 2000 ]; do
+        w=$(xdotool search --onlyvisible --name "$1" 2>/dev/null | head -1)
+        [ -n "$w" ] && { echo "$w"; return 0; }
+        sleep 0.01
+        n=$((n + 1))
+    done
+    return 1
+}
+# count N: waits up to 60 s until N of our windows show.
+count() {
+    n=0
+    until [ "$(ours | wc -l)" -eq "$1" ] || [ $n -ge 6000 ]; do sleep 0.01; n=$((n + 1)); done
+}
+shot() { sleep 0.4; import -window root -trim +repage "$runs/$1-$scale.png"; }
+click() { xdotool mousemove --window "$1" $(($2 * scale)) $(($3 * scale)) click 1; }
+press() { xdotool windowfocus --sync "$1"; shift; xdotool key "$@"; }
+figure() { echo "$1 $2" >>"$figures"; }
+finish() {  # waits up to 20 s for the end of Mendwell and records its status
+    n=0
+    while kill -0 "$pid" 2>/dev/null && [ $n -lt 2000 ]; do sleep 0.01; n=$((n + 1)); done
+    if kill -0 "$pid" 2>/dev/null; then figure status running; kill -KILL "$pid"; exit 0; fi
+    wait "$pid"
+    figure status $?
+}
+
+: >"$figures"
+start=$(now)
+/Applications/Mendwell.app/Contents/MacOS/Mendwell >"$runs/$scene-$scale.out" 2>"$runs/$scene-$scale.err" &
+pid=$!
+case $scene in
+guard)
+    # The password is never given: Mendwell must end without showing its window.
+    seen=0
+    n=0
+    while kill -0 "$pid" 2>/dev/null && [ $n -lt 2000 ]; do
+        [ -n "$(ours)" ] && seen=1
+        n=$((n + 1))
+    done
+    figure windows $seen
+    finish
+    ;;
+noinfra)
+    count 1
+    figure windows "$(ours | wc -l)"
+    shot panel
+    press "$(ours | head -1)" Return
+    finish
+    ;;
+repair | scaled)
+    main=$(waitfor '^Mendwell$') || { figure status nowindow; kill "$pid"; exit 0; }
+    figure ready_ms $((($(now) - start) / 1000000))
+    figure ready_hwm_kb "$(awk '/VmHWM/ { print $2 }' /proc/$pid/status)"
+    shot rest
+    click "$main" 60 143
+    if [ "$scene" = repair ]; then
+        click "$main" 60 169
+        shot options
+        click "$main" 565 490
+        shot running
+        count 2
+        shot sheet
+        press "$(ours | grep -vx "$main" | head -1)" Return
+        count 1
+        press "$main" alt+m a
+        about=$(waitfor '^About Mendwell$') && shot about && press "$about" Escape
+    fi
+    press "$main" ctrl+comma
+    prefs=$(waitfor '^Mendwell Preferences$') || { figure status noprefs; kill "$pid"; exit 0; }
+    click "$prefs" 130 30
+    shot prefs
+    press "$prefs" Escape
+    figure end_hwm_kb "$(awk '/VmHWM/ { print $2 }' /proc/$pid/status)"
+    press "$main" ctrl+q
+    finish
+    ;;
+esac
+)sh";
+
+class MainWindowTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        if (Sandbox::unavailableReason().isEmpty())
+            display = new TestDisplay(QStringLiteral("2560x1600x24"));
+    }
+    static void TearDownTestSuite() { delete display; }
+
+    void SetUp() override
+    {
+        SKIP_WITHOUT_SANDBOX();
+        ASSERT_TRUE(display->isRunning());
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
+        ASSERT_TRUE(box.makeFolder(kRuns));
+        ::chmod(QFile::encodeName(box.hostPath(kRuns)).constData(), 01777);
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Applications/TestPrograms")));
+        ASSERT_TRUE(box.writeFile(kDriver, kDriverScript));
+        // Past the first run the statistics question would come up; it is answered.
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/root/Library/Preferences")));
+        ASSERT_TRUE(PropertyList::writeXmlFile(
+            box.hostPath(QStringLiteral("/root/Library/Preferences/com.lanternfish.qc.plist")),
+            QVariantMap{{QStringLiteral("logQC"), false}}));
+    }
+
+    // Runs SCENE and returns its figures.
+    QMap<QString, QString> act(const QString &scene, int scale, bool asUser = false)
+    {
+        const QStringList command{QStringLiteral("sh"), kDriver, scene, QString::number(scale)};
+        const QStringList environment{QStringLiteral("DISPLAY=") + display->display()};
+        const ProcessResult result =
+            asUser ? box.runAsUser(command, environment) : box.runAsRoot(command, environment);
+        EXPECT_EQ(result.exitCode, 0) << result.err.constData();
+        QMap<QString, QString> figures;
+        const QString file = QStringLiteral("%1/%2-%3.figures").arg(kRuns, scene).arg(scale);
+        for (const QString &line :
+             QString::fromUtf8(box.readFile(file)).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+            figures.insert(line.section(QLatin1Char(' '), 0, 0), line.section(QLatin1Char(' '), 1));
+        return figures;
+    }
+
+    QImage shot(const QString &name) const
+    {
+        QDir().mkpath(kShotsKept);
+        const QString inside = QStringLiteral("%1/%2.png").arg(kRuns, name);
+        QFile::remove(kShotsKept + QLatin1Char('/') + name + QStringLiteral(".png"));
+        QFile::copy(box.hostPath(inside), kShotsKept + QLatin1Char('/') + name + QStringLiteral(".png"));
+        return QImage(box.hostPath(inside));
+    }
+
+    QByteArray runOutput(const QString &scene, int scale, const char *stream) const
+    {
+        return box.readFile(
+            QStringLiteral("%1/%2-%3.%4").arg(kRuns, scene).arg(scale).arg(QLatin1String(stream)));
+    }
+
+    Sandbox box;
+    static TestDisplay *display;
+};
+
+TestDisplay *MainWindowTest::display = nullptr;
+
+// The console's red: the errors of a repair.
+qsizetype redPixels(const QImage &image)
+{
+    qsizetype count = 0;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x) {
+            const QColor colour = image.pixelColor(x, y);
+            count += colour.red() > 200 && colour.green() < 80 && colour.blue() < 80;
+        }
+    return count;
+}
+
+TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithASheet)
+{
+    const ProcessResult made =
+        runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
+                    box.hostPath(QString())});
+    ASSERT_EQ(made.exitCode, 0) << made.err.constData();
+
+    QMap<QString, QString> figures = act(QStringLiteral("repair"), 1);
+    ASSERT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
+        << runOutput("repair", 1, "err").data();
+    std::printf("[ figures ] 100%%: window ready %s ms, peak %s kB at ready, %s kB after the repair\n",
+                qPrintable(figures.value(QStringLiteral("ready_ms"))),
+                qPrintable(figures.value(QStringLiteral("ready_hwm_kb"))),
+                qPrintable(figures.value(QStringLiteral("end_hwm_kb"))));
+
+    // Both clicked boxes took effect, and are remembered.
+    const QVariantMap settings = PropertyList::readDictionary(
+        box.hostPath(QStringLiteral("/root/Library/Preferences/com.lanternfish.Mendwell.plist")));
+    EXPECT_EQ(settings.value(QStringLiteral("shouldTrash")).toLongLong(), 1);
+    EXPECT_EQ(settings.value(QStringLiteral("shouldTrashWorkspaces")).toLongLong(), 1);
+    const ProcessResult listed = box.runAsUser({QStringLiteral("trash-list")});
+    for (const char *trashed : {"/Users/anna/Library/Preferences/com.Adobe.Premiere Pro.7.0.plist",
+                                "/Users/anna/Documents/Adobe/Premiere Pro/7.0/Layouts/Editing.xml"})
+        EXPECT_TRUE(listed.out.contains(trashed)) << trashed << "\n" << listed.out.constData();
+
+    // Every step reached the console, in order.
+    const QString log =
+        QString::fromUtf8(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/Mendwell.1.log")));
+    qsizetype at = 0;
+    for (const char *line : {"Starting repair...", "Trashing preferences...", "Trashing workspaces...",
+                             "Terminating processes...", "Trashing dynamic link caches...",
+                             "Resetting memory balancer...", "Checking file permissions...",
+                             "The following files have incorrect permissions:", "Checking 32-bit flag...",
+                             "Finishing...", "Processing complete. Errors were found during processing."}) {
+        const qsizetype found = log.indexOf(QLatin1String(line), at);
+        EXPECT_GE(found, 0) << line;
+        at = std::max(at, found);
+    }
+
+    // At rest the console is empty; after the repair it shows the errors in red.
+    EXPECT_EQ(redPixels(shot(QStringLiteral("rest-1"))), 0);
+    EXPECT_GT(redPixels(shot(QStringLiteral("sheet-1"))), 100);
+    for (const char *name : {"options-1", "running-1", "about-1", "prefs-1"})
+        EXPECT_FALSE(shot(QLatin1String(name)).isNull()) << name;
+
+    // Twice the size: the same window, its first box clicked off again.
+    figures = act(QStringLiteral("scaled"), 2);
+    ASSERT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
+        << runOutput("scaled", 2, "err").data();
+    std::printf("[ figures ] 200%%: window ready %s ms, peak %s kB at ready\n",
+                qPrintable(figures.value(QStringLiteral("ready_ms"))),
+                qPrintable(figures.value(QStringLiteral("ready_hwm_kb"))));
+    EXPECT_EQ(PropertyList::readDictionary(
+                  box.hostPath(QStringLiteral("/root/Library/Preferences/com.lanternfish.Mendwell.plist")))
+                  .value(QStringLiteral("shouldTrash"))
+                  .toLongLong(),
+              0);
+    const QImage scaled = shot(QStringLiteral("rest-2"));
+    const QImage normal = shot(QStringLiteral("rest-1"));
+    EXPECT_NEAR(scaled.width(), 2 * normal.width(), 4);
+    EXPECT_FALSE(shot(QStringLiteral("prefs-2")).isNull());
+}
+
+TEST_F(MainWindowTest, WithoutItsInfrastructureTheProgramSaysSoAndEnds)
+{
+    ASSERT_TRUE(QFile::remove(
+        box.hostPath(QStringLiteral("/Applications/Mendwell.app/Contents/Resources/AppInfrastructure.ui"))));
+    const QMap<QString, QString> figures = act(QStringLiteral("noinfra"), 1);
+    // One window, the panel; answering it ends the program.
+    EXPECT_EQ(figures.value(QStringLiteral("windows")), QStringLiteral("1"));
+    EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"));
+    const char *critical =
+        "Critical error: unable to load application infrastructure. You must reinstall the application.";
+    EXPECT_TRUE(runOutput("noinfra", 1, "err").contains(critical)) << runOutput("noinfra", 1, "err").data();
+    EXPECT_TRUE(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/Mendwell.1.log")).contains(critical));
+    EXPECT_FALSE(shot(QStringLiteral("panel-1")).isNull());
+}
+
+TEST_F(MainWindowTest, ARequiredPasswordThatIsNotGivenEndsTheProgram)
+{
+    // anna cannot authenticate here: there is no agent to ask her.
+    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Preferences")));
+    ASSERT_TRUE(PropertyList::writeXmlFile(
+        box.hostPath(QStringLiteral("/Library/Preferences/com.lanternfish.Mendwell.plist")),
+        QVariantMap{{QStringLiteral("requireAdminPassword"), 1}}));
+    const QMap<QString, QString> figures = act(QStringLiteral("guard"), 1, true);
+    EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"));
+    EXPECT_EQ(figures.value(QStringLiteral("windows")), QStringLiteral("0"));
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication application(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
