@@ -177,7 +177,14 @@ TEST_F(CrashReportTest, TheReportIsTheNewestOfTheFirstFolderThatHasOneNewerThanT
     // The windowed start, as anna in her own tree, keeps its stamps in her settings.
     box.runAsRoot({QStringLiteral("chown"), QStringLiteral("-R"), QStringLiteral("anna:"),
                    QStringLiteral("/Users/anna")});
-    box.runAsUser({QStringLiteral("Mendwell")});
+    // The window opens off screen and is closed the way a log-out closes it.
+    const ProcessResult windowed = box.runAsUser(
+        {QStringLiteral("sh"), QStringLiteral("-c"),
+         QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/Mendwell & n=0; "
+                        "until [ -s \"$HOME/Library/Logs/Lanternfish/Mendwell.1.log\" ] || [ $n -ge 2000 ]; "
+                        "do sleep 0.01; n=$((n + 1)); done; kill -TERM $!; wait $!")},
+        {QStringLiteral("QT_QPA_PLATFORM=offscreen")});
+    EXPECT_EQ(windowed.exitCode, 0) << windowed.err.constData();
     const QVariantMap own = PropertyList::readDictionary(box.hostPath(stamps));
     EXPECT_LE(own.value(QStringLiteral("launch")).toDateTime(),
               own.value(QStringLiteral("exit")).toDateTime());
