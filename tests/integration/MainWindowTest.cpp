@@ -83,6 +83,26 @@ noinfra)
     press "$(ours | head -1)" Return
     finish
     ;;
+settings)
+    # As a user: the two preference boxes, then Help > Report a Bug.
+    main=$(waitfor '^Mendwell$') || { figure status nowindow; kill "$pid"; exit 0; }
+    press "$main" ctrl+comma
+    prefs=$(waitfor '^Mendwell Preferences$') || { figure status noprefs; kill "$pid"; exit 0; }
+    machine=/Library/Preferences/com.lanternfish.Mendwell.plist
+    click "$prefs" 120 68
+    sleep 0.3
+    cp "$machine" "$runs/admin-on.plist"
+    click "$prefs" 120 68
+    sleep 0.3
+    cp "$machine" "$runs/admin-off.plist"
+    click "$prefs" 120 136
+    shot general
+    press "$prefs" Escape
+    press "$main" alt+h b
+    sleep 0.5
+    press "$main" ctrl+q
+    finish
+    ;;
 repair | scaled)
     main=$(waitfor '^Mendwell$') || { figure status nowindow; kill "$pid"; exit 0; }
     figure ready_ms $((($(now) - start) / 1000000))
@@ -263,6 +283,40 @@ TEST_F(MainWindowTest, WithoutItsInfrastructureTheProgramSaysSoAndEnds)
     EXPECT_TRUE(runOutput("noinfra", 1, "err").contains(critical)) << runOutput("noinfra", 1, "err").data();
     EXPECT_TRUE(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/Mendwell.1.log")).contains(critical));
     EXPECT_FALSE(shot(QStringLiteral("panel-1")).isNull());
+}
+
+TEST_F(MainWindowTest, PreferencesAndHelpPagesAsTheUserSeesThem)
+{
+    // anna stands for an administrator: she may write the machine's settings but
+    // has no agent to give her password to.
+    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Preferences"), true));
+    const QString info = box.hostPath(QStringLiteral("/Applications/Mendwell.app/Contents/Info.plist"));
+    QVariantMap bundleInfo = PropertyList::readDictionary(info);
+    ASSERT_EQ(bundleInfo.remove(QStringLiteral("HXShortName")), 1);
+    ASSERT_TRUE(PropertyList::writeXmlFile(info, bundleInfo));
+    const QString record = QStringLiteral("/Users/anna/browser.record");
+    ASSERT_TRUE(box.writeFile(QStringLiteral("/Library/Test/xdg-open"),
+                              "#!/bin/sh\nprintf '%s\\n' \"$*\" >>" + record.toUtf8() + "\n"));
+    ::chmod(QFile::encodeName(box.hostPath(QStringLiteral("/Library/Test/xdg-open"))).constData(), 0755);
+    box.overlay(box.hostPath(QStringLiteral("/Library/Test/xdg-open")), QStringLiteral("/usr/bin/xdg-open"));
+
+    const QMap<QString, QString> figures = act(QStringLiteral("settings"), 1, true);
+    ASSERT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
+        << runOutput("settings", 1, "err").data();
+    // Switching the requirement on needs no password; off it does, and without
+    // one nothing is stored (and the box stays on, see general-1.png).
+    const QVariantMap required{{QStringLiteral("requireAdminPassword"), 1}};
+    EXPECT_EQ(PropertyList::readDictionary(box.hostPath(kRuns + QStringLiteral("/admin-on.plist"))),
+              required);
+    EXPECT_EQ(PropertyList::readDictionary(box.hostPath(kRuns + QStringLiteral("/admin-off.plist"))),
+              required);
+    // The statistics box started off without a file and made one with its key alone.
+    EXPECT_EQ(PropertyList::readDictionary(
+                  box.hostPath(QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.qc.plist"))),
+              (QVariantMap{{QStringLiteral("logQC"), true}}));
+    EXPECT_EQ(box.readFile(record),
+              "https://support.lanternfish.example/kestrelkit/bugreport?app=kestrelkit&version=1.0.0\n");
+    EXPECT_FALSE(shot(QStringLiteral("general-1")).isNull());
 }
 
 TEST_F(MainWindowTest, ARequiredPasswordThatIsNotGivenEndsTheProgram)
