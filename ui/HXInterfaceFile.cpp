@@ -1,5 +1,8 @@
 #include "ui/HXInterfaceFile.h"
 
+#include "ui/HXShortcutKeyContainerView.h"
+#include "ui/HXShortcutKeyTableview.h"
+
 #include <QFile>
 #include <QUiLoader>
 #include <QWidget>
@@ -10,12 +13,15 @@ class SuiteLoader : public QUiLoader {
 public:
     QWidget *createWidget(const QString &className, QWidget *parent, const QString &name) override
     {
-        if (className == QLatin1String("HXShortcutKeyContainerView")) {
-            auto *view = new QWidget(parent);
-            view->setObjectName(name);
-            return view;
-        }
-        return QUiLoader::createWidget(className, parent, name);
+        QWidget *widget = nullptr;
+        if (className == QLatin1String("HXShortcutKeyContainerView"))
+            widget = new HXShortcutKeyContainerView(parent);
+        else if (className == QLatin1String("HXShortcutKeyTableview"))
+            widget = new HXShortcutKeyTableview(parent);
+        else
+            return QUiLoader::createWidget(className, parent, name);
+        widget->setObjectName(name);
+        return widget;
     }
 };
 
