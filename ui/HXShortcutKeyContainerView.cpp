@@ -11,7 +11,8 @@ HXShortcutKeyContainerView::HXShortcutKeyContainerView(QWidget *parent) : QWidge
 {
     auto *layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
-    QWidget *panel = HXInterfaceFile::load(HXBundle::mainBundle(), QStringLiteral("HXShortcutKeyConfig"), this);
+    QWidget *panel =
+        HXInterfaceFile::load(HXBundle::mainBundle(), QStringLiteral("HXShortcutKeyConfig"), this);
     if (panel == nullptr) {
         platform::systemLog(QStringLiteral("Error: unable to load keyboard shortcut interface"));
         return;
