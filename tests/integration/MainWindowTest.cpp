@@ -124,6 +124,11 @@ repair | scaled)
     press "$main" ctrl+comma
     prefs=$(waitfor '^Mendwell Preferences$') || { figure status noprefs; kill "$pid"; exit 0; }
     click "$prefs" 130 30
+    if [ "$scene" = repair ]; then
+        # The first command's key: a double-click on its row, then the keys.
+        xdotool mousemove --window "$prefs" 111 86 click --repeat 2 --delay 80 1
+        press "$prefs" ctrl+shift+r
+    fi
     shot prefs
     press "$prefs" Escape
     figure end_hwm_kb "$(awk '/VmHWM/ { print $2 }' /proc/$pid/status)"
@@ -214,6 +219,11 @@ TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithAShe
                     box.hostPath(QString())});
     ASSERT_EQ(made.exitCode, 0) << made.err.constData();
 
+    const QString manager =
+        QStringLiteral("/Library/Application Support/Lanternfish/Shared Resources/HXShortcutKeyManager");
+    ASSERT_TRUE(box.writeFile(manager, "#!/bin/sh\necho \"$*\" >>/Library/TestRuns/manager.record\n"));
+    ::chmod(QFile::encodeName(box.hostPath(manager)).constData(), 0755);
+
     QMap<QString, QString> figures = act(QStringLiteral("repair"), 1);
     ASSERT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
         << runOutput("repair", 1, "err").data();
@@ -251,6 +261,23 @@ TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithAShe
     EXPECT_GT(redPixels(shot(QStringLiteral("sheet-1"))), 100);
     for (const char *name : {"options-1", "running-1", "about-1", "prefs-1"})
         EXPECT_FALSE(shot(QLatin1String(name)).isNull()) << name;
+
+    // The key typed into the shortcut panel is bound for the manager, and it was told.
+    const QVariantList watchlist =
+        PropertyList::readDictionary(
+            box.hostPath(
+                QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.shortcutkeys.plist")))
+            .value(QStringLiteral("watchlist"))
+            .toList();
+    ASSERT_EQ(watchlist.size(), 1);
+    const QVariantMap binding = watchlist.first().toMap();
+    EXPECT_EQ(binding.value(QStringLiteral("bundleid")).toString(),
+              QStringLiteral("com.lanternfish.Mendwell"));
+    EXPECT_EQ(binding.value(QStringLiteral("commandid")).toString(),
+              QStringLiteral("com.lanternfish.Mendwell.repair"));
+    EXPECT_EQ(binding.value(QStringLiteral("keycode")).toLongLong(), 27);  // R on the X server's keyboard
+    EXPECT_EQ(binding.value(QStringLiteral("modifiers")).toLongLong(), 4096 + 512);
+    EXPECT_EQ(box.readFile(kRuns + QStringLiteral("/manager.record")), "-setup\n");
 
     // Twice the size: the same window, its first box clicked off again.
     figures = act(QStringLiteral("scaled"), 2);
