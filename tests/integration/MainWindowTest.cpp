@@ -318,7 +318,8 @@ TEST_F(MainWindowTest, WithoutItsInfrastructureTheProgramSaysSoAndEnds)
     const QMap<QString, QString> figures = act(QStringLiteral("noinfra"), 1);
     // One window, the panel; answering it ends the program.
     EXPECT_EQ(figures.value(QStringLiteral("windows")), QStringLiteral("1"));
-    EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"));
+    EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
+        << runOutput("noinfra", 1, "err").data();
     const char *critical =
         "Critical error: unable to load application infrastructure. You must reinstall the application.";
     EXPECT_TRUE(runOutput("noinfra", 1, "err").contains(critical)) << runOutput("noinfra", 1, "err").data();
@@ -368,7 +369,8 @@ TEST_F(MainWindowTest, ARequiredPasswordThatIsNotGivenEndsTheProgram)
         box.hostPath(QStringLiteral("/Library/Preferences/com.lanternfish.Mendwell.plist")),
         QVariantMap{{QStringLiteral("requireAdminPassword"), 1}}));
     const QMap<QString, QString> figures = act(QStringLiteral("guard"), 1, true);
-    EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"));
+    EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
+        << runOutput("guard", 1, "err").data();
     EXPECT_EQ(figures.value(QStringLiteral("windows")), QStringLiteral("0"));
 }
 

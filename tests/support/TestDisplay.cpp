@@ -5,13 +5,16 @@
 TestDisplay::TestDisplay(const QString &screen)
 {
     // Xvfb picks a free number and writes it to the descriptor given by -displayfd.
+    // -noreset: a server that resets when its last client leaves refuses the next
+    // one for a moment.
     int fds[2];
     if (::pipe(fds) != 0)
         return;
     m_server.setChildProcessModifier([fds] { ::close(fds[0]); });
     m_server.start(QStringLiteral("Xvfb"),
                    {QStringLiteral("-displayfd"), QString::number(fds[1]), QStringLiteral("-screen"),
-                    QStringLiteral("0"), screen, QStringLiteral("-nolisten"), QStringLiteral("tcp")});
+                    QStringLiteral("0"), screen, QStringLiteral("-noreset"), QStringLiteral("-nolisten"),
+                    QStringLiteral("tcp")});
     ::close(fds[1]);
     if (!m_server.waitForStarted()) {
         ::close(fds[0]);
