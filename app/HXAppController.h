@@ -17,6 +17,7 @@
 #include <QVariantMap>
 #include <QWidget>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -99,6 +100,8 @@ public:
     // The repair itself: every step in order, the verdict, the notices, and the
     // editor started again when it had been running.
     void startRepair(bool shouldTrash, bool shouldTrashWorkspaces, bool silent);
+    // True from the repair button's action until its thread has finished.
+    bool isRepairing() const { return m_repairing.load(); }
     // Main thread: the controls while a windowed repair runs, and after.
     void repairStart();
     void repairEnd();
@@ -177,6 +180,7 @@ private:
     [[maybe_unused]] bool m_oldConfigAvailable = false;
     bool m_detectsCrashes = false;
     bool m_terminating = false;
+    std::atomic<bool> m_repairing{false};
     mutable std::mutex m_outputMutex;
     std::optional<QString> m_outputString;
     QPointer<QTextEdit> m_errorText;

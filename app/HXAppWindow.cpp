@@ -24,6 +24,7 @@
 #include <QScreen>
 #include <QTimer>
 
+#include <cstdlib>
 #include <exception>
 #include <mutex>
 
@@ -87,6 +88,13 @@ int HXAppController::applicationMain()
         }
     }
     controller->applicationWillTerminate();
+    if (controller->isRepairing()) {
+        // The repair's thread still uses the controller and the program's
+        // singletons: end here, as the platform's terminate does, instead of
+        // tearing them down under it.
+        HXLog::finishWriting();
+        std::_Exit(status);
+    }
     return status;
 }
 

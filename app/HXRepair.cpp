@@ -124,8 +124,16 @@ void HXAppController::repair()
     const auto isOn = [](const QPointer<QAbstractButton> &box) { return box && box->isChecked(); };
     const QVariantMap parameters{{kShouldTrash, isOn(m_controls.trashPrefs)},
                                  {kShouldTrashWorkspaces, isOn(m_controls.resetLayoutCheck)}};
-    // The disabled button, not a lock, keeps a second repair from starting.
-    std::thread([this, parameters] { threadedRepair(parameters); }).detach();
+    // One repair at a time, also when a second click arrives before the thread
+    // has disabled the button.
+    if (m_repairing.exchange(true))
+        return;
+    if (m_controls.repairButton)
+        m_controls.repairButton->setEnabled(false);
+    std::thread([this, parameters] {
+        threadedRepair(parameters);
+        m_repairing = false;
+    }).detach();
 }
 
 void HXAppController::threadedRepair(const QVariantMap &parameters)

@@ -110,6 +110,13 @@ settings)
     press "$main" ctrl+q
     finish
     ;;
+quitduring)
+    main=$(waitfor '^Mendwell$') || { figure status nowindow; kill "$pid"; exit 0; }
+    click "$main" 565 490
+    sleep 0.5
+    press "$main" ctrl+q
+    finish
+    ;;
 repair | scaled)
     main=$(waitfor '^Mendwell$') || { figure status nowindow; kill "$pid"; exit 0; }
     figure ready_ms $((($(now) - start) / 1000000))
@@ -309,6 +316,21 @@ TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithAShe
     const QImage normal = shot(QStringLiteral("rest-1"));
     EXPECT_NEAR(scaled.width(), 2 * normal.width(), 4);
     EXPECT_FALSE(shot(QStringLiteral("prefs-2")).isNull());
+}
+
+// Quit does not wait for the repair's thread, which itself waits on the main
+// thread for every console line.
+TEST_F(MainWindowTest, QuittingDuringARepairEndsAtOnce)
+{
+    const ProcessResult made =
+        runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
+                    box.hostPath(QString())});
+    ASSERT_EQ(made.exitCode, 0) << made.err.constData();
+    const QMap<QString, QString> figures = act(QStringLiteral("quitduring"), 1);
+    EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
+        << runOutput("quitduring", 1, "err").data();
+    EXPECT_TRUE(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/Mendwell.1.log"))
+                    .contains("Starting repair..."));
 }
 
 TEST_F(MainWindowTest, WithoutItsInfrastructureTheProgramSaysSoAndEnds)
