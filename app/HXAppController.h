@@ -81,13 +81,6 @@ public:
     // it wrote to its standard error (UTF-8).
     static std::optional<QString> returnTaskOutputWithTool(const QString &tool, const QStringList &arguments);
 
-    // The two preference boxes and the preferences window (not owned; none until
-    // "AppInfrastructure" is loaded).
-    QAbstractButton *prefsAdminPass() const { return m_prefsAdminPass; }
-    QAbstractButton *qcLoggingCheck() const { return m_qcLoggingCheck; }
-    QWidget *prefsWindow() const { return m_prefsWindow; }
-    qint64 awakeCount() const { return m_awakeCount; }
-
     // --- The repair
 
     // The repair button's action: starts threadedRepair on a thread of its own with
