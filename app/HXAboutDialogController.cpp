@@ -60,11 +60,9 @@ void HXAboutDialogController::awakeFromNib()
             m_creditsTextView->ensureCursorVisible();
         }
 
-        const QString iconFile =
-            m_bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleIconFile")).toString();
-        if (m_appIconView && !iconFile.isEmpty())
-            m_appIconView->setPixmap(
-                QIcon(m_bundle.resourcePath() + QLatin1Char('/') + iconFile).pixmap(QSize(64, 64)));
+        const QString icon = m_bundle.iconPath();
+        if (m_appIconView && !icon.isEmpty())
+            m_appIconView->setPixmap(QIcon(icon).pixmap(QSize(64, 64)));
 
         const QString name = HXPath::deletingExtension(HXPath::lastComponent(m_bundle.executablePath()));
         if (m_aboutWindow)

@@ -69,6 +69,13 @@ void centreOver(QWidget *window, const QWidget *anchor)
     window->move(frame.center() - QPoint(window->width() / 2, window->height() / 2));
 }
 
+void bringToFront(QWidget *window)
+{
+    window->show();
+    window->raise();
+    window->activateWindow();
+}
+
 }  // namespace
 
 int HXAppController::applicationMain()
@@ -131,8 +138,7 @@ bool HXAppController::loadMainInterface()
     m_errorText = outlet<QTextEdit>(window, "errorText");
     m_logoImageView = outlet<QLabel>(window, "logoImageView");
 
-    const QIcon icon(bundle.resourcePath() + QLatin1Char('/') +
-                     bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleIconFile")).toString());
+    const QIcon icon(bundle.iconPath());
     QApplication::setWindowIcon(icon);
     if (m_logoImageView)
         m_logoImageView->setPixmap(icon.pixmap(m_logoImageView->maximumSize(), window->devicePixelRatioF()));
@@ -218,11 +224,8 @@ void HXAppController::awakeFromNib()
             return;
         }
     }
-    if (QWidget *window = m_controls.windowMain) {
-        window->show();
-        window->raise();
-        window->activateWindow();
-    }
+    if (QWidget *window = m_controls.windowMain)
+        bringToFront(window);
     const QVariant logQC =
         PropertyList::readDictionary(HXQC::consentFilePath()).value(QStringLiteral("logQC"));
     if (m_qcLoggingCheck)
@@ -285,9 +288,7 @@ void HXAppController::showPreferences()
         return;
     if (!window->isVisible())
         centreOver(window, m_controls.windowMain);
-    window->show();
-    window->raise();
-    window->activateWindow();
+    bringToFront(window);
 }
 
 void HXAppController::showAboutDialog()
@@ -301,7 +302,5 @@ void HXAppController::showAboutDialog()
     }
     QWidget *window = m_aboutDialog->aboutWindow();
     centreOver(window, m_controls.windowMain);
-    window->show();
-    window->raise();
-    window->activateWindow();
+    bringToFront(window);
 }

@@ -4,6 +4,8 @@
 #include "system/HXPath.h"
 #include "system/PropertyList.h"
 
+#include <QFileInfo>
+
 HXBundle::HXBundle(QString bundlePath)
     : m_path(std::move(bundlePath)),
       m_info(PropertyList::readDictionary(m_path + QStringLiteral("/Contents/Info.plist")))
@@ -46,4 +48,13 @@ QString HXBundle::executablePath() const
 QString HXBundle::resourcePath() const
 {
     return m_path + QStringLiteral("/Contents/Resources");
+}
+
+QString HXBundle::iconPath() const
+{
+    const QString name = objectForInfoDictionaryKey(QStringLiteral("CFBundleIconFile")).toString();
+    if (name.isEmpty())
+        return QString();
+    const QString path = HXPath::appendingComponent(resourcePath(), name);
+    return QFileInfo(path).isFile() ? path : QString();
 }

@@ -27,6 +27,9 @@ public:
     // the running executable.
     QString executablePath() const;
     QString resourcePath() const;
+    // The application's icon in Resources (CFBundleIconFile); empty when it names
+    // none or the file is not there.
+    QString iconPath() const;
 
 private:
     QString m_path;

@@ -33,7 +33,9 @@ bool HXUserDefaults::setValueForAnyUser(const QVariant &value, const QString &ke
     const QString path = anyUserPath();
     QVariantMap values = PropertyList::readDictionary(path);
     values.insert(key, value);
-    return PropertyList::writeXmlFile(path, values);
+    const bool written = PropertyList::writeXmlFile(path, values);
+    standardUserDefaults().synchronize();
+    return written;
 }
 
 HXUserDefaults::HXUserDefaults(const QString &path) : m_path(path)
@@ -125,6 +127,7 @@ void HXUserDefaults::loadLocked() const
     if (m_loaded)
         return;
     m_values = m_path.isEmpty() ? QVariantMap() : PropertyList::readDictionary(m_path);
+    m_anyUserValues = m_anyUserPath.isEmpty() ? QVariantMap() : PropertyList::readDictionary(m_anyUserPath);
     m_loaded = true;
 }
 
@@ -143,12 +146,9 @@ QVariant HXUserDefaults::objectForKey(const QString &key) const
     const auto stored = m_values.constFind(key);
     if (stored != m_values.constEnd())
         return *stored;
-    if (!m_anyUserPath.isEmpty()) {
-        const QVariantMap machine = PropertyList::readDictionary(m_anyUserPath);
-        const auto found = machine.constFind(key);
-        if (found != machine.constEnd())
-            return *found;
-    }
+    const auto machine = m_anyUserValues.constFind(key);
+    if (machine != m_anyUserValues.constEnd())
+        return *machine;
     return m_registered.value(key);
 }
 

@@ -89,8 +89,10 @@ private:
 
     mutable std::mutex m_mutex;
     QString m_path;
-    // The machine's layer, read afresh on every lookup; standard defaults only.
+    // The machine's layer below the own values; standard defaults only. Read with
+    // the own file, and again on synchronize.
     QString m_anyUserPath;
+    mutable QVariantMap m_anyUserValues;
     mutable bool m_loaded = false;
     mutable QVariantMap m_values;
     QVariantMap m_registered;

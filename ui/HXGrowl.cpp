@@ -2,7 +2,6 @@
 
 #include "system/HXBundle.h"
 #include "system/HXNotificationCenter.h"
-#include "system/HXPath.h"
 #include "system/HXSessionBus.h"
 #include "system/HXUserDefaults.h"
 
@@ -10,7 +9,6 @@
 #include <QDBusArgument>
 #include <QDBusMessage>
 #include <QDBusMetaType>
-#include <QFileInfo>
 #include <QThread>
 
 namespace {
@@ -126,15 +124,6 @@ QString HXGrowl::applicationNameForGrowl(const HXBundle &bundle)
     return bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleExecutable")).toString();
 }
 
-QString HXGrowl::applicationIconPath(const HXBundle &bundle)
-{
-    const QString name = bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleIconFile")).toString();
-    if (name.isEmpty())
-        return QString();
-    const QString path = HXPath::appendingComponent(bundle.resourcePath(), name);
-    return QFileInfo(path).isFile() ? path : QString();
-}
-
 bool HXGrowl::isDelegate() const
 {
     std::lock_guard lock(m_mutex);
@@ -170,7 +159,7 @@ void HXGrowl::post(const QString &title, const QString &description, const QImag
     if (!icon.isNull())
         hints.insert(QStringLiteral("image-data"), QVariant::fromValue(imageData(icon)));
     else
-        appIcon = applicationIconPath(HXBundle::mainBundle());
+        appIcon = HXBundle::mainBundle().iconPath();
 
     QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kInterface, QStringLiteral("Notify"));
     call << applicationNameForGrowl() << 0u << appIcon << title << description

@@ -46,10 +46,6 @@ public:
     static QString applicationNameForGrowl();
     static QString applicationNameForGrowl(const HXBundle &bundle);
 
-    // The application's icon file in the bundle's Resources ("CFBundleIconFile");
-    // empty when the application has none.
-    static QString applicationIconPath(const HXBundle &bundle);
-
     // True when the suite-wide preferences switch notices off (read afresh).
     static bool isGrowlDisabled();
 

@@ -30,6 +30,19 @@ bool namesCommand(const QVariantMap &binding, const QString &commandId)
     return binding.contains(kCommandId) && binding.value(kCommandId).toString() == commandId;
 }
 
+// Removes the first of BUNDLEID's bindings that MATCHES.
+template <typename Predicate>
+void removeFirstBinding(QVariantList &bindings, const QString &bundleId, Predicate matches)
+{
+    for (qsizetype i = 0; i < bindings.size(); ++i) {
+        const QVariantMap binding = bindings.at(i).toMap();
+        if (isBindingOf(binding, bundleId) && matches(binding)) {
+            bindings.removeAt(i);
+            return;
+        }
+    }
+}
+
 void announceChange()
 {
     HXDistributedNotificationCenter::defaultCenter().postNotification(
@@ -70,16 +83,11 @@ void setBinding(const QString &bundleId, const std::optional<QString> &commandId
 {
     QVariantMap file = PropertyList::readDictionary(bindingsFilePath());
     QVariantList bindings = file.value(kWatchlist).toList();
-    for (qsizetype i = 0; i < bindings.size(); ++i) {
-        const QVariantMap binding = bindings.at(i).toMap();
-        const bool sameCommand = commandId ? namesCommand(binding, *commandId)
-                                           : params && binding.contains(kCommandParams) &&
-                                                 binding.value(kCommandParams).toList() == *params;
-        if (isBindingOf(binding, bundleId) && sameCommand) {
-            bindings.removeAt(i);
-            break;
-        }
-    }
+    removeFirstBinding(bindings, bundleId, [&](const QVariantMap &binding) {
+        return commandId ? namesCommand(binding, *commandId)
+                         : params && binding.contains(kCommandParams) &&
+                               binding.value(kCommandParams).toList() == *params;
+    });
 
     QVariantMap binding{{kBundleId, bundleId},
                         {kKeyCode, static_cast<qint64>(keyCode)},
@@ -101,13 +109,8 @@ void removeBinding(const QString &bundleId, const QString &commandId)
         QVariantMap file = contents.toMap();
         if (file.contains(kWatchlist)) {
             QVariantList bindings = file.value(kWatchlist).toList();
-            for (qsizetype i = 0; i < bindings.size(); ++i) {
-                const QVariantMap binding = bindings.at(i).toMap();
-                if (isBindingOf(binding, bundleId) && namesCommand(binding, commandId)) {
-                    bindings.removeAt(i);
-                    break;
-                }
-            }
+            removeFirstBinding(bindings, bundleId,
+                               [&](const QVariantMap &binding) { return namesCommand(binding, commandId); });
             file.insert(kWatchlist, bindings);
         }
         PropertyList::writeXmlFile(bindingsFilePath(), file);

@@ -60,12 +60,10 @@ void HXShortcutKeyTableDelegate::awakeFromNib(QWidget *parentView)
         table->setIconSize(QSize(16, 16));
     }
     if (!m_applicationIcon) {
-        const HXBundle &bundle = HXBundle::mainBundle();
-        const QString name = bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleIconFile")).toString();
-        const QString path = HXPath::appendingComponent(bundle.resourcePath(), name);
+        const QString path = HXBundle::mainBundle().iconPath();
         QIcon icon;
         // A selected row shows the icon as it is, not tinted.
-        if (!name.isEmpty() && QFileInfo(path).isFile())
+        if (!path.isEmpty())
             for (QIcon::Mode mode : {QIcon::Normal, QIcon::Selected})
                 icon.addFile(path, QSize(), mode);
         m_applicationIcon = icon;

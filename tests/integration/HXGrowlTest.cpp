@@ -211,8 +211,8 @@ TEST(HXGrowlNames, DisplayNameWinsOverTheExecutableOnlyWhenItIsNonEmptyText)
                   bundleWith(QStringLiteral("D.app"), "<key>CFBundleDisplayName</key><integer>7</integer>")),
               QStringLiteral("Tool"));
     // An icon named but not shipped counts as none.
-    EXPECT_EQ(HXGrowl::applicationIconPath(bundleWith(
-                  QStringLiteral("E.app"), "<key>CFBundleIconFile</key><string>Missing.png</string>")),
+    EXPECT_EQ(bundleWith(QStringLiteral("E.app"), "<key>CFBundleIconFile</key><string>Missing.png</string>")
+                  .iconPath(),
               QString());
 }
 

@@ -240,8 +240,7 @@ TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithAShe
 
     const QString manager =
         QStringLiteral("/Library/Application Support/Lanternfish/Shared Resources/HXShortcutKeyManager");
-    ASSERT_TRUE(box.writeFile(manager, "#!/bin/sh\necho \"$*\" >>/Library/TestRuns/manager.record\n"));
-    ::chmod(QFile::encodeName(box.hostPath(manager)).constData(), 0755);
+    ASSERT_TRUE(box.writeProgram(manager, "#!/bin/sh\necho \"$*\" >>/Library/TestRuns/manager.record\n"));
 
     QMap<QString, QString> figures = act(QStringLiteral("repair"), 1);
     ASSERT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
@@ -359,9 +358,8 @@ TEST_F(MainWindowTest, PreferencesAndHelpPagesAsTheUserSeesThem)
     ASSERT_EQ(bundleInfo.remove(QStringLiteral("HXShortName")), 1);
     ASSERT_TRUE(PropertyList::writeXmlFile(info, bundleInfo));
     const QString record = QStringLiteral("/Users/anna/browser.record");
-    ASSERT_TRUE(box.writeFile(QStringLiteral("/Library/Test/xdg-open"),
-                              "#!/bin/sh\nprintf '%s\\n' \"$*\" >>" + record.toUtf8() + "\n"));
-    ::chmod(QFile::encodeName(box.hostPath(QStringLiteral("/Library/Test/xdg-open"))).constData(), 0755);
+    ASSERT_TRUE(box.writeProgram(QStringLiteral("/Library/Test/xdg-open"),
+                                 "#!/bin/sh\nprintf '%s\\n' \"$*\" >>" + record.toUtf8() + "\n"));
     box.overlay(box.hostPath(QStringLiteral("/Library/Test/xdg-open")), QStringLiteral("/usr/bin/xdg-open"));
 
     const QMap<QString, QString> figures = act(QStringLiteral("settings"), 1, true);

@@ -64,8 +64,7 @@ protected:
 
     void installManager()
     {
-        ASSERT_TRUE(box.writeFile(kManager, "#!/bin/sh\necho \"$*\" >>" + kManagerRecord.toUtf8() + "\n"));
-        ::chmod(QFile::encodeName(box.hostPath(kManager)).constData(), 0755);
+        ASSERT_TRUE(box.writeProgram(kManager, "#!/bin/sh\necho \"$*\" >>" + kManagerRecord.toUtf8() + "\n"));
     }
 
     ProcessResult run(const QStringList &arguments)

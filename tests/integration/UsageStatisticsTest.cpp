@@ -55,9 +55,8 @@ protected:
         setServer(server.baseURL());
         box.overlay(server.trustedCertificatesFolder(), QStringLiteral("/etc/ssl/certs"));
         ASSERT_TRUE(
-            box.writeFile(QStringLiteral("/Library/Test/xdg-open"),
-                          "#!/bin/sh\nprintf 'open %s\\n' \"$*\" >>" + kBrowserRecord.toUtf8() + "\n"));
-        ::chmod(QFile::encodeName(box.hostPath(QStringLiteral("/Library/Test/xdg-open"))).constData(), 0755);
+            box.writeProgram(QStringLiteral("/Library/Test/xdg-open"),
+                             "#!/bin/sh\nprintf 'open %s\\n' \"$*\" >>" + kBrowserRecord.toUtf8() + "\n"));
         box.overlay(box.hostPath(QStringLiteral("/Library/Test/xdg-open")),
                     QStringLiteral("/usr/bin/xdg-open"));
     }

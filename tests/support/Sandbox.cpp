@@ -147,6 +147,12 @@ bool Sandbox::writeFile(const QString &sandboxPath, const QByteArray &contents, 
     return account && chownTree(path, *account);
 }
 
+bool Sandbox::writeProgram(const QString &sandboxPath, const QByteArray &script) const
+{
+    return writeFile(sandboxPath, script) &&
+           ::chmod(QFile::encodeName(hostPath(sandboxPath)).constData(), 0755) == 0;
+}
+
 QByteArray Sandbox::readFile(const QString &sandboxPath) const
 {
     QFile file(hostPath(sandboxPath));

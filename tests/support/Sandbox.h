@@ -35,6 +35,8 @@ public:
     // Creates a folder (with its parents) inside the sandbox, owned by root or anna.
     bool makeFolder(const QString &sandboxPath, bool ownedByUser = false) const;
     bool writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser = false) const;
+    // A stand-in program: SCRIPT written at SANDBOXPATH, executable, owned by root.
+    bool writeProgram(const QString &sandboxPath, const QByteArray &script) const;
     QByteArray readFile(const QString &sandboxPath) const;
     // The lines of a record that a detached program writes: waits (a bounded
     // while) until it holds at least COUNT lines, then returns what it holds.
