@@ -16,11 +16,16 @@
 #include <QString>
 #include <QStringList>
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <sys/stat.h>
 #include <sys/types.h>
 
 namespace platform {
+
+// Called as a copy goes: BYTES more copied, or OBJECTS more items complete.
+using CopyProgress = std::function<bool(std::uint64_t bytes, int objects)>;
 
 class Folder {
 public:
@@ -75,8 +80,10 @@ public:
     // Copies NAME to TONAME in DESTINATION, which must not exist there yet:
     // folders with their contents, links as links, files with their permission
     // bits and, as root, their owners. A folder being made is root's alone until
-    // it is complete.
-    int copyTree(const QString &name, const Folder &destination, const QString &toName) const;
+    // it is complete. PROGRESS hears of every piece written and every item done;
+    // false from it stops the copy with ECANCELED.
+    int copyTree(const QString &name, const Folder &destination, const QString &toName,
+                 const CopyProgress &progress = {}) const;
 
     // Owner and permission bits of NAME (the link itself for a link). As root a
     // file with more than one hard link is refused (EMLINK): its other names may

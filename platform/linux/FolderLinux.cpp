@@ -237,7 +237,7 @@ int removeAt(int parent, const char *name)
     return ::unlinkat(parent, name, AT_REMOVEDIR) == 0 ? 0 : errno;
 }
 
-int copyData(int in, int out)
+int copyData(int in, int out, const CopyProgress &progress)
 {
     char buffer[128 * 1024];
     for (;;) {
@@ -256,6 +256,8 @@ int copyData(int in, int out)
                 return errno;
             done += written;
         }
+        if (progress && !progress(static_cast<std::uint64_t>(count), 0))
+            return ECANCELED;
     }
 }
 
@@ -267,7 +269,16 @@ int finish(int fd, const struct stat &source)
     return ::chmod(descriptorPath(fd).constData(), source.st_mode & 07777) == 0 ? 0 : errno;
 }
 
-int copyAt(int from, const char *name, int to, const char *toName)
+int copyItemAt(int from, const char *name, int to, const char *toName, const CopyProgress &progress);
+
+// One item and what lies below it, counted as one item more when complete.
+int copyAt(int from, const char *name, int to, const char *toName, const CopyProgress &progress)
+{
+    const int error = copyItemAt(from, name, to, toName, progress);
+    return error == 0 && progress && !progress(0, 1) ? ECANCELED : error;
+}
+
+int copyItemAt(int from, const char *name, int to, const char *toName, const CopyProgress &progress)
 {
     struct stat info {};
     if (::fstatat(from, name, &info, AT_SYMLINK_NOFOLLOW) != 0)
@@ -302,7 +313,7 @@ int copyAt(int from, const char *name, int to, const char *toName)
         Descriptor out(::openat(to, toName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (out.get() < 0)
             return errno;
-        if (const int error = copyData(in.get(), out.get()))
+        if (const int error = copyData(in.get(), out.get(), progress))
             return error;
         return finish(out.get(), opened);
     }
@@ -327,7 +338,7 @@ int copyAt(int from, const char *name, int to, const char *toName)
     while (const dirent *entry = ::readdir(dir)) {
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
             continue;
-        if ((error = copyAt(source.get(), entry->d_name, made.get(), entry->d_name)) != 0)
+        if ((error = copyAt(source.get(), entry->d_name, made.get(), entry->d_name, progress)) != 0)
             break;
     }
     ::closedir(dir);
@@ -547,13 +558,14 @@ int Folder::removeTree(const QString &name) const
     return removeAt(m_fd, entry.constData());
 }
 
-int Folder::copyTree(const QString &name, const Folder &destination, const QString &toName) const
+int Folder::copyTree(const QString &name, const Folder &destination, const QString &toName,
+                     const CopyProgress &progress) const
 {
     const QByteArray from = encoded(name);
     const QByteArray to = encoded(toName);
     if (!isPlainName(from) || !isPlainName(to))
         return EINVAL;
-    return copyAt(m_fd, from.constData(), destination.m_fd, to.constData());
+    return copyAt(m_fd, from.constData(), destination.m_fd, to.constData(), progress);
 }
 
 int Folder::setOwner(const QString &name, uid_t owner, gid_t group) const
