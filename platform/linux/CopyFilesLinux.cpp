@@ -183,6 +183,9 @@ std::ptrdiff_t CopyDestination::readBackAt(char *buffer, std::size_t length, std
         if (m_direct && done % kStorageAlignment != 0)
             break;
     }
+    // Nor does the copy stay in memory afterwards, pushing out what the user works with.
+    if (!m_direct)
+        ::posix_fadvise(fd, static_cast<off_t>(offset), static_cast<off_t>(length), POSIX_FADV_DONTNEED);
     return static_cast<std::ptrdiff_t>(std::min(done, length));
 }
 
