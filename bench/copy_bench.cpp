@@ -6,7 +6,7 @@
 //
 //   copy_bench [FOLDER [MIB]]      (default: the temporary folder, 1024 MiB)
 //
-// Every time is the median of three runs; caches are flushed (sync) before each.
+// Every time is the median of five runs; caches are flushed (sync) before each.
 // cp leaves its copies in the page cache; the verified copy's are flushed to the
 // device and read back from it.
 

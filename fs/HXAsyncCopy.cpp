@@ -181,6 +181,8 @@ bool copyFileWithProgressOld(const QString &source, const QString &destination,
         auto operation = std::make_shared<HXFileOperation>(std::move(context), delegate);
         std::thread([operation, from = std::move(*from), to = std::move(*to)]() mutable {
             operation->run(std::move(from), std::move(to));
+            // Let go of it on the main thread, where its delegate is used and released.
+            HXPerformOnMainThread([released = std::move(operation)] {}, false);
         }).detach();
         return true;
     } catch (const std::exception &e) {

@@ -8,7 +8,7 @@ packages=(
   libplist-dev libssl-dev libarchive-dev libxkbcommon-dev libsystemd-dev
   libpolkit-agent-1-dev libpolkit-gobject-1-dev
   libgtest-dev libgmock-dev
-  bubblewrap util-linux e2fsprogs passwd dbus dbus-x11 xvfb xauth x11-apps imagemagick xdotool
+  bubblewrap util-linux mount e2fsprogs passwd dbus dbus-x11 xvfb xauth x11-apps imagemagick xdotool
   dunst libnotify-bin policykit-1 trash-cli unzip zip libglib2.0-bin
   libspdlog-dev ca-certificates xdg-utils
 )
