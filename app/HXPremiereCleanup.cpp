@@ -117,29 +117,14 @@ void HXAppController::resetMemoryBalancer()
 
 bool HXAppController::checkForActive32BitMode(const QString &bundleIdentifier)
 {
-    const QVariantMap launchServices = PropertyList::readDictionaryInUsersTree(HXPath::appendingComponent(
-        HXLocalPaths::prefsDirectory(true), QStringLiteral("com.apple.LaunchServices.plist")));
-    QVariantMap architectures = launchServices.value(QStringLiteral("LSArchitecturesForX86_64")).toMap();
-    if (!architectures.contains(bundleIdentifier))
-        architectures = launchServices.value(QStringLiteral("LSArchitecturesForX86_64v2")).toMap();
-    const QVariant entry = architectures.value(bundleIdentifier);
-    if (entry.typeId() != QMetaType::QVariantList)
-        return false;
-    const QVariantList choice = entry.toList();
-    if (choice.size() < 2 || choice[1].typeId() != QMetaType::QString || choice[1].toString() != u"i386")
-        return false;
-    const std::optional<QString> application =
-        HXWorkspace::absolutePathForAppBundleWithIdentifier(bundleIdentifier);
-    if (!application)
-        return false;
-    const QString name = HXPath::deletingExtension(HXPath::lastComponent(*application));
-    if (name.isEmpty())
+    const std::optional<QString> name = HXPremiereFiles::applicationIn32BitMode(bundleIdentifier);
+    if (!name)
         return false;
     // Said even in a silent repair, so a caller of the command line learns it too.
     insertErrorText(
         HXFormat(u"%@ is set to run in 32-bit mode. This may cause problems. To fix this, "
                  u"ctrl-click the application, click Get Info and deselect \"Open in 32-bit mode\".",
-                 name));
+                 *name));
     return true;
 }
 

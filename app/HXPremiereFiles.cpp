@@ -3,6 +3,8 @@
 #include "fs/HXWildcardPaths.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
+#include "system/HXWorkspace.h"
+#include "system/PropertyList.h"
 
 namespace {
 
@@ -50,6 +52,29 @@ QStringList memoryBalancerPaths()
 {
     return expanded(HXLocalPaths::prefsDirectory(kUserDomain),
                     QStringLiteral("Adobe/dynamiclinkmanager/*/memorybalancer*.xml"));
+}
+
+std::optional<QString> applicationIn32BitMode(const QString &bundleIdentifier)
+{
+    const QVariantMap launchServices = PropertyList::readDictionaryInUsersTree(HXPath::appendingComponent(
+        HXLocalPaths::prefsDirectory(kUserDomain), QStringLiteral("com.apple.LaunchServices.plist")));
+    QVariantMap architectures = launchServices.value(QStringLiteral("LSArchitecturesForX86_64")).toMap();
+    if (!architectures.contains(bundleIdentifier))
+        architectures = launchServices.value(QStringLiteral("LSArchitecturesForX86_64v2")).toMap();
+    const QVariant entry = architectures.value(bundleIdentifier);
+    if (entry.typeId() != QMetaType::QVariantList)
+        return std::nullopt;
+    const QVariantList choice = entry.toList();
+    if (choice.size() < 2 || choice[1].typeId() != QMetaType::QString || choice[1].toString() != u"i386")
+        return std::nullopt;
+    const std::optional<QString> application =
+        HXWorkspace::absolutePathForAppBundleWithIdentifier(bundleIdentifier);
+    if (!application)
+        return std::nullopt;
+    const QString name = HXPath::deletingExtension(HXPath::lastComponent(*application));
+    if (name.isEmpty())
+        return std::nullopt;
+    return name;
 }
 
 }  // namespace HXPremiereFiles

@@ -6,6 +6,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 namespace HXPremiereFiles {
 
 inline const QString kBundleIdentifier = QStringLiteral("com.adobe.AdobePremierePro");
@@ -19,5 +21,8 @@ QStringList preferencePaths();
 QStringList windowLayoutPaths();
 QStringList dynamicLinkCachePaths();
 QStringList memoryBalancerPaths();
+
+// The application's name when the system is told to start it in 32-bit mode.
+std::optional<QString> applicationIn32BitMode(const QString &bundleIdentifier);
 
 }  // namespace HXPremiereFiles

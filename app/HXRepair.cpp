@@ -3,10 +3,12 @@
 
 #include "app/HXAppController.h"
 #include "app/HXPremiereFiles.h"
+#include "app/HXRunRecord.h"
 
 #include "app/audit/HXMendwellUtils.h"
 #include "diagnostics/HXException.h"
 #include "diagnostics/HXLog.h"
+#include "platform/Platform.h"
 #include "system/HXAuthorization.h"
 #include "system/HXDistributedNotificationCenter.h"
 #include "system/HXFormat.h"
@@ -68,6 +70,12 @@ public:
         if (!m_silent)
             (m_controller.*insert)(text);
     }
+    // A line that starts a step of the run record, named by the line without its dots.
+    void step(void (HXAppController::*insert)(const QString &), const QString &text) const
+    {
+        HXRunRecord::beginStep(text.endsWith(QLatin1String("...")) ? text.chopped(3) : text);
+        say(insert, text);
+    }
 
 private:
     HXAppController &m_controller;
@@ -78,7 +86,7 @@ private:
 // correction. True when something was wrong, even though it is corrected now.
 bool correctFilePermissions(HXAppController &controller, const Console &console)
 {
-    console.say(&HXAppController::insertText, QStringLiteral("Checking file permissions..."));
+    console.step(&HXAppController::insertText, QStringLiteral("Checking file permissions..."));
     const QStringList badPaths = auditAdobeFolders();
     if (badPaths.isEmpty()) {
         console.say(&HXAppController::insertText, QStringLiteral("No file permission errors found."));
@@ -173,11 +181,17 @@ void HXAppController::startRepair(bool shouldTrash, bool shouldTrashWorkspaces, 
         if (!m_hasGUI && !silent)
             HXGrowl::postGrowlNotification(kNoticeTitle, QStringLiteral("Repairing Creative Suite..."));
         HXLog::appendLog(u"Starting repair...");
+        HXRunRecord::begin(m_hasGUI ? HXRunRecord::kModeWindow : HXRunRecord::kModeCommandLine,
+                           {{QStringLiteral("trashPreferences"), shouldTrash},
+                            {QStringLiteral("trashWorkspaces"), shouldTrashWorkspaces},
+                            {QStringLiteral("silent"), silent}},
+                           m_hasGUI ? QStringList() : platform::processArguments().mid(1));
 
         HXAuthorization &authorization = HXAuthorization::sharedController();
         if (!authorization.isAuthorized())
             authorization.authStart();
         if (!authorization.isAuthorized()) {
+            HXRunRecord::finish(true, QStringLiteral("Unable to authorize. Repair canceled."));
             // The window says nothing at all: the button simply comes back.
             if (!m_hasGUI) {
                 HXDistributedNotificationCenter::defaultCenter().postNotification(
@@ -193,35 +207,38 @@ void HXAppController::startRepair(bool shouldTrash, bool shouldTrashWorkspaces, 
         console.say(&HXAppController::insertBoldText, QStringLiteral("Starting repair..."));
         bool premiereWasRunning = false;
         if (HXWorkspace::runningBundleIdentifiers().contains(HXPremiereFiles::kBundleIdentifier)) {
-            console.say(&HXAppController::insertBoldText,
-                        QStringLiteral("Waiting for Premiere Pro to exit..."));
+            console.step(&HXAppController::insertBoldText,
+                         QStringLiteral("Waiting for Premiere Pro to exit..."));
             // Goes on after the time limit even while Premiere Pro still runs.
             closePremiere();
             premiereWasRunning = true;
         }
+        HXRunRecord::notePremiereWasRunning(premiereWasRunning);
         if (shouldTrash) {
-            console.say(&HXAppController::insertText, QStringLiteral("Trashing preferences..."));
+            console.step(&HXAppController::insertText, QStringLiteral("Trashing preferences..."));
             trashPremierePrefs(false);
         }
         if (shouldTrashWorkspaces) {
-            console.say(&HXAppController::insertText, QStringLiteral("Trashing workspaces..."));
+            console.step(&HXAppController::insertText, QStringLiteral("Trashing workspaces..."));
             trashWorkspaces(false);
         }
-        console.say(&HXAppController::insertText, QStringLiteral("Terminating processes..."));
+        console.step(&HXAppController::insertText, QStringLiteral("Terminating processes..."));
         stopAll();
-        console.say(&HXAppController::insertText, QStringLiteral("Trashing dynamic link caches..."));
+        console.step(&HXAppController::insertText, QStringLiteral("Trashing dynamic link caches..."));
         trashDynamicLinkCaches();
-        console.say(&HXAppController::insertText, QStringLiteral("Resetting memory balancer..."));
+        console.step(&HXAppController::insertText, QStringLiteral("Resetting memory balancer..."));
         resetMemoryBalancer();
 
         // Only wrong permissions and the 32-bit flag count as errors; what the
         // other steps could not do is in the log.
         bool errorsFound = correctFilePermissions(*this, console);
-        console.say(&HXAppController::insertText, QStringLiteral("Checking 32-bit flag..."));
-        if (checkForActive32BitMode(HXPremiereFiles::kBundleIdentifier))
-            errorsFound = true;
-        console.say(&HXAppController::insertText, QStringLiteral("Finishing..."));
+        console.step(&HXAppController::insertText, QStringLiteral("Checking 32-bit flag..."));
+        const bool is32Bit = checkForActive32BitMode(HXPremiereFiles::kBundleIdentifier);
+        HXRunRecord::note32BitMode(is32Bit);
+        errorsFound = errorsFound || is32Bit;
+        console.step(&HXAppController::insertText, QStringLiteral("Finishing..."));
         authorization.authEnd();
+        HXRunRecord::finish(errorsFound, errorsFound ? kErrorsFound : kNoErrorsFound);
         reportVerdict(*this, console, errorsFound, silent);
 
         if (premiereWasRunning) {

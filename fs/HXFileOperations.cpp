@@ -23,6 +23,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <mutex>
 #include <thread>
 
 #include <dirent.h>
@@ -98,6 +99,20 @@ bool isSymbolicLinkAtPath(const QString &path)
 
 namespace {
 
+std::mutex g_trashObserverMutex;
+HXTrashObserver g_trashObserver;
+
+void tellTrashObserver(const QString &path, const platform::trash::Outcome &outcome)
+{
+    HXTrashObserver observer;
+    {
+        std::lock_guard lock(g_trashObserverMutex);
+        observer = g_trashObserver;
+    }
+    if (observer)
+        observer(path, outcome.trashedPath, outcome.infoPath);
+}
+
 // trashFile of the entry NAME of the opened FOLDER, known as PATH.
 bool trashEntry(const platform::Folder &folder, const QString &name, const QString &path, bool shouldAuth)
 {
@@ -105,8 +120,12 @@ bool trashEntry(const platform::Folder &folder, const QString &name, const QStri
         HXLog::fastAppendLog(u"Unable to unlock file %@: %@", path, qt_error_string(error));
     if (!fileExistsAtPath(path))
         return true;
-    if (platform::trash::moveToTrash(folder, name, path, HXLocalPaths::trashDirectory()).trashed)
+    const platform::trash::Outcome outcome =
+        platform::trash::moveToTrash(folder, name, path, HXLocalPaths::trashDirectory());
+    if (outcome.trashed) {
+        tellTrashObserver(path, outcome);
         return true;
+    }
     return shouldAuth && HXAuthorization::sharedController().authTrashFile(path);
 }
 
@@ -141,6 +160,12 @@ QStringList trashMatching(const QString &folder, const std::function<bool(const 
 }
 
 }  // namespace
+
+void setTrashObserver(HXTrashObserver observer)
+{
+    std::lock_guard lock(g_trashObserverMutex);
+    g_trashObserver = std::move(observer);
+}
 
 bool trashFile(const QString &path, bool shouldAuth)
 {

@@ -11,6 +11,7 @@
 #include <QStringList>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <sys/types.h>
 
@@ -21,6 +22,13 @@ bool fileExistsAtPath(const QString &path);
 bool isDirectoryAtPath(const QString &path);
 bool isPackageAtPath(const QString &path);
 bool isSymbolicLinkAtPath(const QString &path);
+
+// Hears of every item this process moves to the Trash itself: its original path,
+// where it lies in the Trash, and its record. One observer per process; none by
+// default. Called on the thread that trashed the item.
+using HXTrashObserver =
+    std::function<void(const QString &originalPath, const QString &trashedPath, const QString &infoPath)>;
+void setTrashObserver(HXTrashObserver observer);
 
 // Moves one item to the user's Trash; a missing item counts as trashed.
 bool trashFile(const QString &path, bool shouldAuth = true);

@@ -14,20 +14,22 @@ public:
 
     bool visitFolder(const HXWalkedFolder &folder) override
     {
-        if (m_rules.problemOf(folder.attributes, folder.rules) == HXPermissionProblem::None)
+        const HXPermissionProblem problem = m_rules.problemOf(folder.attributes, folder.rules);
+        if (problem == HXPermissionProblem::None)
             return true;
-        wrong.append(folder.path);
+        wrong.push_back({folder.path, problem});
         return false;
     }
 
     void visitItem(const HXWalkedFolder &folder, const char *name,
                    const std::optional<platform::ItemAttributes> &attributes) override
     {
-        if (m_rules.problemOf(attributes, folder.rules) != HXPermissionProblem::None)
-            wrong.append(HXPath::appendingComponent(folder.path, QFile::decodeName(name)));
+        const HXPermissionProblem problem = m_rules.problemOf(attributes, folder.rules);
+        if (problem != HXPermissionProblem::None)
+            wrong.push_back({HXPath::appendingComponent(folder.path, QFile::decodeName(name)), problem});
     }
 
-    QStringList wrong;
+    std::vector<HXPermissionFinding> wrong;
 
 private:
     const HXPermissionRules &m_rules;
@@ -43,10 +45,44 @@ std::optional<QStringList> HXMendwellUtils::checkPermissionsForDirectory(const Q
 std::optional<QStringList> HXMendwellUtils::checkPermissionsForDirectory(const QString &folder,
                                                                          const HXPermissionRules &rules)
 {
+    const std::optional<std::vector<HXPermissionFinding>> findings = findingsForDirectory(folder, rules);
+    if (!findings)
+        return std::nullopt;
+    QStringList paths;
+    paths.reserve(static_cast<qsizetype>(findings->size()));
+    for (const HXPermissionFinding &finding : *findings)
+        paths.append(finding.path);
+    return paths;
+}
+
+std::optional<std::vector<HXPermissionFinding>>
+HXMendwellUtils::findingsForDirectory(const QString &folder, const HXPermissionRules &rules)
+{
     Audit audit(rules);
     if (!HXWalkPermissions(folder, rules, audit))
         return std::nullopt;
-    return audit.wrong;
+    return std::move(audit.wrong);
+}
+
+QString HXMendwellUtils::describe(HXPermissionProblem problem)
+{
+    switch (problem) {
+    case HXPermissionProblem::None:
+        return QStringLiteral("correct");
+    case HXPermissionProblem::Locked:
+        return QStringLiteral("locked");
+    case HXPermissionProblem::WrongOwner:
+        return QStringLiteral("owned by someone else");
+    case HXPermissionProblem::NotReadable:
+        return QStringLiteral("not readable");
+    case HXPermissionProblem::NotWritable:
+        return QStringLiteral("not writable");
+    case HXPermissionProblem::BelowOutsideMinimum:
+        return QStringLiteral("permissions below 644");
+    case HXPermissionProblem::BelowSLStoreMinimum:
+        return QStringLiteral("permissions below 777 in SLStore");
+    }
+    return {};
 }
 
 QStringList HXMendwellUtils::auditedFolders()

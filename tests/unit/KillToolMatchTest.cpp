@@ -1,6 +1,6 @@
 // killtool's choice of processes, on paths the sandboxed run does not meet.
 
-#include "tools/killtool/AdobeProcesses.h"
+#include "app/audit/AdobeProcesses.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // killtool: run as root by a repair, without arguments, to end the Adobe
 // background processes that keep Premiere Pro's files in use (the table in
-// AdobeProcesses.cpp). Each gets SIGTERM and two seconds to quit, then SIGKILL
+// app/audit/AdobeProcesses.cpp). Each gets SIGTERM and two seconds to quit, then SIGKILL
 // and one more second. Processes are pinned first (platform/Processes.h), so a
 // pid reused meanwhile is never signalled. Run by another user it still tries,
 // and sees and ends only that user's processes. Nothing goes to standard output.
@@ -9,7 +9,7 @@
 
 #include "platform/Processes.h"
 #include "system/HXPath.h"
-#include "tools/killtool/AdobeProcesses.h"
+#include "app/audit/AdobeProcesses.h"
 
 #include <QStringList>
 

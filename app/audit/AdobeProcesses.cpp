@@ -1,4 +1,4 @@
-#include "tools/killtool/AdobeProcesses.h"
+#include "app/audit/AdobeProcesses.h"
 
 #include <QStringList>
 

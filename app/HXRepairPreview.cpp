@@ -1,0 +1,80 @@
+#include "app/HXRepairPreview.h"
+
+#include "app/HXPremiereFiles.h"
+#include "app/audit/AdobeProcesses.h"
+#include "fs/HXFileOperations.h"
+#include "platform/Processes.h"
+#include "system/HXPath.h"
+#include "system/HXWorkspace.h"
+
+#include <QVariantList>
+
+#include <algorithm>
+#include <unistd.h>
+
+namespace {
+
+void addExisting(QStringList &trash, const QStringList &paths)
+{
+    // The repair trashes what exists; a missing path is nothing to do.
+    for (const QString &path : paths)
+        if (HXFileManager::fileExistsAtPath(path) && !trash.contains(path))
+            trash.append(path);
+}
+
+// The audit runs after the trashing: what is in the Trash by then is not audited.
+bool isTrashedBefore(const QString &path, const QStringList &trash)
+{
+    return std::any_of(trash.begin(), trash.end(), [&](const QString &trashed) {
+        return path == trashed || path.startsWith(trashed + QLatin1Char('/'));
+    });
+}
+
+}  // namespace
+
+HXRepairPreview HXRepairPreview::gather(bool trashPreferences, bool trashWorkspaces)
+{
+    HXRepairPreview preview;
+    preview.premiereRunning =
+        HXWorkspace::runningBundleIdentifiers().contains(HXPremiereFiles::kBundleIdentifier);
+    if (trashPreferences)
+        addExisting(preview.trash, HXPremiereFiles::preferencePaths());
+    if (trashWorkspaces)
+        addExisting(preview.trash, HXPremiereFiles::windowLayoutPaths());
+    addExisting(preview.trash, HXPremiereFiles::dynamicLinkCachePaths());
+    addExisting(preview.trash, HXPremiereFiles::memoryBalancerPaths());
+
+    for (const platform::RunningProcess &process : platform::runningProcesses())
+        if (process.pid != ::getpid() && isAdobeBackgroundProcess(process.executablePath))
+            preview.processes.push_back(
+                {HXPath::lastComponent(process.executablePath), process.pid, process.executablePath});
+
+    const HXPermissionRules rules = HXPermissionRules::forThisProcess();
+    for (const QString &root : HXMendwellUtils::auditedFolders())
+        if (const auto findings = HXMendwellUtils::findingsForDirectory(root, rules))
+            for (const HXPermissionFinding &finding : *findings)
+                if (!isTrashedBefore(finding.path, preview.trash))
+                    preview.permissionFindings.push_back(finding);
+
+    preview.thirtyTwoBitApplication =
+        HXPremiereFiles::applicationIn32BitMode(HXPremiereFiles::kBundleIdentifier);
+    return preview;
+}
+
+QVariantMap HXRepairPreview::toVariant() const
+{
+    QVariantList processList;
+    for (const Process &process : processes)
+        processList.append(QVariantMap{{QStringLiteral("name"), process.name},
+                                       {QStringLiteral("pid"), static_cast<qint64>(process.pid)},
+                                       {QStringLiteral("path"), process.path}});
+    QVariantList findings;
+    for (const HXPermissionFinding &finding : permissionFindings)
+        findings.append(QVariantMap{{QStringLiteral("path"), finding.path},
+                                    {QStringLiteral("reason"), HXMendwellUtils::describe(finding.problem)}});
+    return {{QStringLiteral("premiereWasRunning"), premiereRunning},
+            {QStringLiteral("trash"), trash},
+            {QStringLiteral("processes"), processList},
+            {QStringLiteral("permissionFindings"), findings},
+            {QStringLiteral("32BitMode"), thirtyTwoBitApplication.has_value()}};
+}

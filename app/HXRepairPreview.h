@@ -1,0 +1,35 @@
+#pragma once
+
+// What a repair with the given options would do now, gathered by the same code
+// the repair runs, and changing nothing: the items it would move to the Trash in
+// order, the processes killtool would end, the permission audit's findings, the
+// 32-bit setting and whether Premiere Pro runs (and would be asked to quit).
+
+#include "app/audit/HXMendwellUtils.h"
+
+#include <QString>
+#include <QStringList>
+#include <QVariantMap>
+
+#include <optional>
+#include <sys/types.h>
+#include <vector>
+
+struct HXRepairPreview {
+    struct Process {
+        QString name;
+        pid_t pid = 0;
+        QString path;
+    };
+
+    bool premiereRunning = false;
+    QStringList trash;
+    std::vector<Process> processes;
+    std::vector<HXPermissionFinding> permissionFindings;
+    // The application's name when it is set to start in 32-bit mode.
+    std::optional<QString> thirtyTwoBitApplication;
+
+    static HXRepairPreview gather(bool trashPreferences, bool trashWorkspaces);
+    // As a dictionary with the run record's key names.
+    QVariantMap toVariant() const;
+};

@@ -1,0 +1,189 @@
+#include "app/HXRunRecord.h"
+
+#include "diagnostics/HXLog.h"
+#include "fs/HXFileOperations.h"
+#include "platform/Accounts.h"
+#include "platform/Folder.h"
+#include "platform/Platform.h"
+#include "system/HXLocalPaths.h"
+#include "system/HXPath.h"
+#include "system/PropertyList.h"
+
+#include <QElapsedTimer>
+
+#include <algorithm>
+#include <mutex>
+
+#include <unistd.h>
+
+namespace HXRunRecord {
+
+namespace {
+
+const QString kExtension = QStringLiteral(".plist");
+
+struct Run {
+    bool active = false;
+    QVariantMap record;
+    QVariantList steps;
+    QVariantList trashed;
+    QString step;
+    QElapsedTimer stepTimer;
+};
+
+std::mutex g_mutex;
+Run g_run;
+
+void endStep(Run &run)
+{
+    if (run.step.isEmpty())
+        return;
+    run.steps.append(QVariantMap{{QStringLiteral("name"), run.step},
+                                 {QStringLiteral("seconds"), run.stepTimer.nsecsElapsed() / 1e9}});
+    run.step.clear();
+}
+
+// As root the records belong to the console user, whose folder they are in.
+std::optional<uid_t> recordOwner()
+{
+    if (!platform::isRoot())
+        return std::nullopt;
+    const std::optional<QString> user = HXLocalPaths::currentConsoleUser();
+    const std::optional<platform::Account> account = user ? platform::accountNamed(*user) : std::nullopt;
+    return account ? std::optional<uid_t>(account->uid) : std::nullopt;
+}
+
+QString pathOf(const QString &identifier)
+{
+    return HXPath::appendingComponent(repairsFolder(), identifier + kExtension);
+}
+
+void pruneOldRuns()
+{
+    const QStringList identifiers = runIdentifiers();
+    const std::optional<platform::Folder> folder = platform::Folder::open(repairsFolder());
+    if (!folder)
+        return;
+    for (qsizetype i = kKeptRuns; i < identifiers.size(); ++i)
+        folder->removeEntry(identifiers[i] + kExtension);
+}
+
+}  // namespace
+
+void begin(const QString &mode, const QVariantMap &options, const QStringList &switches)
+{
+    const QDateTime start = QDateTime::currentDateTimeUtc();
+    {
+        std::lock_guard lock(g_mutex);
+        g_run = Run();
+        g_run.active = true;
+        g_run.record = {
+            {QStringLiteral("version"), kVersion},
+            {QStringLiteral("identifier"), start.toString(QStringLiteral("yyyyMMdd-HHmmss-zzz")) +
+                                               QStringLiteral("-") + QString::number(::getpid())},
+            {QStringLiteral("start"), start},
+            {QStringLiteral("mode"), mode},
+            {QStringLiteral("options"), options},
+            {QStringLiteral("switches"), switches},
+            {QStringLiteral("user"), HXLocalPaths::currentConsoleUser().value_or(HXLocalPaths::username())},
+        };
+    }
+    HXFileManager::setTrashObserver(&noteTrashed);
+}
+
+void beginStep(const QString &name)
+{
+    std::lock_guard lock(g_mutex);
+    if (!g_run.active)
+        return;
+    endStep(g_run);
+    g_run.step = name;
+    g_run.stepTimer.start();
+}
+
+void noteTrashed(const QString &originalPath, const QString &trashedPath, const QString &infoPath)
+{
+    std::lock_guard lock(g_mutex);
+    if (!g_run.active)
+        return;
+    g_run.trashed.append(QVariantMap{{QStringLiteral("path"), originalPath},
+                                     {QStringLiteral("trashPath"), trashedPath},
+                                     {QStringLiteral("infoPath"), infoPath},
+                                     {QStringLiteral("step"), g_run.step}});
+}
+
+void notePremiereWasRunning(bool running)
+{
+    std::lock_guard lock(g_mutex);
+    g_run.record.insert(QStringLiteral("premiereWasRunning"), running);
+}
+
+void note32BitMode(bool on)
+{
+    std::lock_guard lock(g_mutex);
+    g_run.record.insert(QStringLiteral("32BitMode"), on);
+}
+
+std::optional<QString> finish(bool errorsFound, const QString &verdict)
+{
+    HXFileManager::setTrashObserver({});
+    QVariantMap record;
+    {
+        std::lock_guard lock(g_mutex);
+        if (!g_run.active)
+            return std::nullopt;
+        endStep(g_run);
+        g_run.active = false;
+        record = g_run.record;
+        record.insert(QStringLiteral("steps"), g_run.steps);
+        record.insert(QStringLiteral("trashed"), g_run.trashed);
+    }
+    record.insert(QStringLiteral("end"), QDateTime::currentDateTimeUtc());
+    record.insert(QStringLiteral("errorsFound"), errorsFound);
+    record.insert(QStringLiteral("verdict"), verdict);
+    if (!store(record)) {
+        HXLog::appendLog(u"Unable to write the run record in %@", repairsFolder());
+        return std::nullopt;
+    }
+    pruneOldRuns();
+    return pathOf(record.value(QStringLiteral("identifier")).toString());
+}
+
+QString repairsFolder()
+{
+    return HXPath::appendingComponent(HXLocalPaths::logDirectory(true),
+                                      QStringLiteral("Lanternfish/Repairs"));
+}
+
+QStringList runIdentifiers()
+{
+    QStringList identifiers;
+    if (const std::optional<platform::Folder> folder = platform::Folder::open(repairsFolder()))
+        for (const QString &name : folder->entries())
+            if (name.endsWith(kExtension) && !name.startsWith(QLatin1Char('.')))
+                identifiers.append(name.chopped(kExtension.size()));
+    // Named by their start: the newest sorts last.
+    std::sort(identifiers.begin(), identifiers.end(), std::greater<>());
+    return identifiers;
+}
+
+std::optional<QVariantMap> load(const QString &identifier)
+{
+    const QStringList identifiers = runIdentifiers();
+    const QString wanted = identifier.isEmpty() ? identifiers.value(0) : identifier;
+    if (wanted.isEmpty() || !identifiers.contains(wanted))
+        return std::nullopt;
+    QVariantMap record = PropertyList::readDictionaryInUsersTree(pathOf(wanted));
+    if (record.isEmpty())
+        return std::nullopt;
+    return record;
+}
+
+bool store(const QVariantMap &record)
+{
+    const QString identifier = record.value(QStringLiteral("identifier")).toString();
+    return !identifier.isEmpty() &&
+           PropertyList::writeXmlFileInUsersTree(pathOf(identifier), record, recordOwner());
+}
+
+}  // namespace HXRunRecord

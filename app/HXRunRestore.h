@@ -1,0 +1,35 @@
+#pragma once
+
+// Taking a repair back: every item the run moved to the Trash goes back where it
+// was, with its Trash record removed. An item whose place is taken again is put
+// beside it under a free name ("name 2.ext"), so nothing is overwritten; an item
+// no longer in the Trash (an emptied Trash) is said to be lost. The restore is
+// recorded in the run's record, and an item is never restored twice.
+
+#include <QString>
+#include <QVariantMap>
+
+#include <vector>
+
+namespace HXRunRestore {
+
+struct Item {
+    QString path;        // where it was before the repair
+    QString restoredTo;  // where it is now; empty when it could not be restored
+    QString problem;     // why not, or why it lies beside its old place
+};
+
+struct Outcome {
+    std::vector<Item> items;
+    int restored() const;
+    int failed() const;
+};
+
+// Restores what RECORD's run trashed and not yet restored, and records that in
+// RECORD (the caller stores it).
+Outcome restore(QVariantMap &record);
+
+// Items of RECORD still waiting to be restored.
+int pendingItems(const QVariantMap &record);
+
+}  // namespace HXRunRestore
