@@ -1,0 +1,176 @@
+// The run record and mendwellctl end to end, in the sandbox as root for anna on
+// the sample data: the preview says what the repair then does, the record says
+// what it did, and restore takes it back.
+
+#include "tests/support/Sandbox.h"
+#include "tests/support/TestFiles.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace {
+
+const QString kCtl = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/mendwellctl");
+
+// The four wrong items of the sample.
+const QStringList kSampleWrong = {
+    QStringLiteral("/Library/Application Support/Adobe/Common/Plugin Registry.txt"),
+    QStringLiteral("/Library/Application Support/Adobe/SLStore"),
+    QStringLiteral("/Users/anna/Documents/Adobe/Premiere Pro/7.0/Profile-root"),
+    QStringLiteral("/Users/anna/Library/Application Support/Adobe/Premiere Pro/7.0/Trace Database.txt"),
+};
+
+QJsonObject jsonOf(const ProcessResult &result)
+{
+    return QJsonDocument::fromJson(result.out).object();
+}
+
+QStringList strings(const QJsonValue &array, const QString &key = {})
+{
+    QStringList list;
+    for (const QJsonValue &value : array.toArray())
+        list.append(key.isEmpty() ? value.toString() : value.toObject().value(key).toString());
+    return list;
+}
+
+QStringList sorted(QStringList list)
+{
+    std::sort(list.begin(), list.end());
+    return list;
+}
+
+class RunRecordTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        SKIP_WITHOUT_SANDBOX();
+        const ProcessResult made =
+            runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
+                        box.hostPath(QString())});
+        ASSERT_EQ(made.exitCode, 0) << made.err.constData();
+    }
+
+    ProcessResult ctl(const QStringList &arguments) const
+    {
+        return box.runAsRoot(QStringList{kCtl} + arguments);
+    }
+
+    ProcessResult repair(const QString &switches) const
+    {
+        const ProcessResult result =
+            box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair"), switches});
+        EXPECT_EQ(result.exitCode, 0) << result.err.constData();
+        return result;
+    }
+
+    QString trashList() const
+    {
+        QStringList lines = QString::fromUtf8(box.runAsUser({QStringLiteral("trash-list")}).out)
+                                .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        for (QString &line : lines)
+            line = line.mid(20);  // without the deletion date
+        return sorted(lines).join(QLatin1Char('\n'));
+    }
+
+    Sandbox box;
+};
+
+}  // namespace
+
+TEST_F(RunRecordTest, TheRepairDoesWhatThePreviewSaidAndRestoreTakesItBack)
+{
+    const ProcessResult preview =
+        ctl({QStringLiteral("preview"), QStringLiteral("-trash"), QStringLiteral("--json")});
+    ASSERT_EQ(preview.exitCode, 0) << preview.err.constData();
+    const QJsonObject planned = jsonOf(preview);
+    const QStringList toTrash = strings(planned.value("trash"));
+    ASSERT_EQ(toTrash.size(), 11) << preview.out.constData();
+    EXPECT_EQ(sorted(strings(planned.value("permissionFindings"), "path")), kSampleWrong);
+    QList<QByteArray> contents;
+    for (const QString &path : toTrash)
+        contents.append(box.readFile(path));
+    const QString trashBefore = trashList();
+
+    repair(QStringLiteral("-trash"));
+    for (const QString &path : toTrash)
+        EXPECT_FALSE(box.exists(path)) << path.toStdString();
+    const ProcessResult report = ctl({QStringLiteral("report"), QStringLiteral("--json")});
+    ASSERT_EQ(report.exitCode, 0) << report.err.constData();
+    const QJsonObject record = jsonOf(report);
+    EXPECT_EQ(record.value("version").toInt(), 1);
+    EXPECT_EQ(record.value("mode").toString(), "command line");
+    EXPECT_EQ(strings(record.value("switches")), QStringList({"-repair", "-trash"}));
+    EXPECT_EQ(strings(record.value("trashed"), "path"), toTrash) << "the same items, in the same order";
+    for (const QString &trashPath : strings(record.value("trashed"), "trashPath"))
+        EXPECT_TRUE(trashPath.startsWith("/Users/anna/.local/share/Trash/files/") && box.exists(trashPath))
+            << trashPath.toStdString();
+    EXPECT_TRUE(record.value("errorsFound").toBool());
+    EXPECT_TRUE(strings(record.value("steps"), "name").contains("Trashing preferences"));
+    // Nothing left for a second repair to correct.
+    EXPECT_TRUE(jsonOf(ctl({QStringLiteral("preview"), QStringLiteral("--json")}))
+                    .value("permissionFindings")
+                    .toArray()
+                    .isEmpty());
+    EXPECT_NE(trashList(), trashBefore);
+
+    const ProcessResult restored = ctl({QStringLiteral("restore")});
+    EXPECT_EQ(restored.exitCode, 0) << restored.out.constData() << restored.err.constData();
+    for (qsizetype i = 0; i < toTrash.size(); ++i)
+        EXPECT_EQ(box.readFile(toTrash[i]), contents[i]) << toTrash[i].toStdString();
+    EXPECT_EQ(trashList(), trashBefore);
+    const QString identifier = record.value("identifier").toString();
+    const ProcessResult again = ctl({QStringLiteral("restore"), identifier});
+    EXPECT_EQ(again.exitCode, 3);
+    EXPECT_EQ(again.out, "Nothing to restore from repair " + identifier.toUtf8() + ".\n");
+    const QJsonObject after = jsonOf(ctl({QStringLiteral("report"), identifier, QStringLiteral("--json")}));
+    EXPECT_EQ(after.value("restores").toArray().size(), 1);
+}
+
+TEST_F(RunRecordTest, RestoreKeepsBothSaysWhatIsLostAndRefusesBadArguments)
+{
+    repair(QStringLiteral("-trashPrefs"));
+    const QJsonObject record = jsonOf(ctl({QStringLiteral("report"), QStringLiteral("--json")}));
+    const QJsonArray trashed = record.value("trashed").toArray();
+    ASSERT_GE(trashed.size(), 3);
+    // One original path is taken again; another item is gone from the Trash.
+    const QString retaken = trashed[0].toObject().value("path").toString();
+    const QByteArray original = box.readFile(trashed[0].toObject().value("trashPath").toString());
+    ASSERT_TRUE(box.writeFile(retaken, "made again", true));
+    const QString lost = trashed[1].toObject().value("path").toString();
+    ASSERT_TRUE(QFile::remove(box.hostPath(trashed[1].toObject().value("trashPath").toString())));
+
+    const ProcessResult restored = ctl({QStringLiteral("restore")});
+    EXPECT_EQ(restored.exitCode, 4) << restored.out.constData();
+    const QStringList lines = QString::fromUtf8(restored.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    EXPECT_TRUE(lines.contains("Not restored: " + lost + ": no longer in the Trash (was the Trash emptied?)"))
+        << restored.out.constData();
+    const QString beside =
+        lines.filter("Restored " + retaken + " as ").value(0).section(" as ", 1).section(": ", 0, 0);
+    EXPECT_FALSE(beside.isEmpty()) << restored.out.constData();
+    EXPECT_EQ(box.readFile(retaken), "made again");
+    EXPECT_EQ(box.readFile(beside), original);
+
+    const struct {
+        QStringList arguments;
+        int status;
+        const char *message;
+    } bad[] = {
+        {{"bogus"}, 2, "unknown command bogus"},
+        {{"report", "19990101-000000-000-1"}, 2, "no recorded repair 19990101-000000-000-1"},
+        {{"preview", "-silent"}, 2, "preview takes -trash, -trashprefs or -trashworkspace, not -silent"},
+        {{"history", "extra"}, 2, "history takes no arguments"},
+    };
+    for (const auto &c : bad) {
+        const ProcessResult result = ctl(c.arguments);
+        EXPECT_EQ(result.exitCode, c.status) << c.message;
+        EXPECT_TRUE(result.err.contains(c.message)) << result.err.constData();
+    }
+    const ProcessResult help = ctl({QStringLiteral("--help")});
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_TRUE(help.out.startsWith("usage: mendwellctl COMMAND"));
+}

@@ -1,0 +1,231 @@
+// mendwellctl: the repair for scripts and fleet tools. It previews what a repair
+// would do, lists and reports the recorded repairs (also as JSON) and takes a
+// repair back. Run it as the user, or as root for the console user as Mendwell
+// -repair runs.
+
+#include "app/HXRepairPreview.h"
+#include "app/HXRunRecord.h"
+#include "app/HXRunRestore.h"
+#include "app/audit/HXMendwellUtils.h"
+#include "app/HXCommandLine.h"
+#include "system/HXFormat.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <cstdio>
+
+namespace {
+
+enum Status : int {
+    kDone = 0,
+    kFailed = 1,
+    kBadArguments = 2,
+    kNothingToRestore = 3,
+    kPartlyRestored = 4,
+};
+
+const char *const kUsage = "usage: mendwellctl COMMAND [ARGUMENTS] [--json]\n"
+                           "\n"
+                           "  preview [-trash|-trashprefs|-trashworkspace]\n"
+                           "      What 'Mendwell -repair' with the same switches would do now: the items it\n"
+                           "      would move to the Trash in order, the processes it would end, the wrong\n"
+                           "      permissions it would correct, the 32-bit setting. Changes nothing.\n"
+                           "  history\n"
+                           "      The recorded repairs, newest first.\n"
+                           "  report [RUN]\n"
+                           "      One recorded repair, the last by default.\n"
+                           "  restore [RUN]\n"
+                           "      Puts back what that repair (the last by default) moved to the Trash. An\n"
+                           "      item whose place is taken again is put beside it; nothing is overwritten.\n"
+                           "\n"
+                           "RUN is an identifier that 'history' lists. --json prints the result as JSON.\n"
+                           "Run as root to act for the user at the console, as 'Mendwell -repair' does.\n"
+                           "\n"
+                           "Exit status: 0 done, 1 failed (the message says why), 2 bad arguments or an\n"
+                           "unknown RUN, 3 nothing to restore, 4 partly restored.\n";
+
+void print(const QString &text)
+{
+    std::fputs(text.toUtf8().constData(), stdout);
+    std::fputc('\n', stdout);
+}
+
+int fail(int status, const QString &message)
+{
+    std::fprintf(stderr, "mendwellctl: %s\n", message.toUtf8().constData());
+    return status;
+}
+
+void printJson(const QVariant &value)
+{
+    const QJsonDocument document = value.typeId() == QMetaType::QVariantList
+                                       ? QJsonDocument(QJsonArray::fromVariantList(value.toList()))
+                                       : QJsonDocument(QJsonObject::fromVariantMap(value.toMap()));
+    std::fputs(document.toJson(QJsonDocument::Indented).constData(), stdout);
+}
+
+QString localTime(const QVariant &date)
+{
+    return date.toDateTime().toLocalTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss"));
+}
+
+int preview(const QStringList &switches, bool json)
+{
+    for (const QString &option : switches)
+        if (!QStringList{"-trash", "-trashprefs", "-trashworkspace"}.contains(option.toLower()))
+            return fail(kBadArguments,
+                        HXFormat(u"preview takes -trash, -trashprefs or -trashworkspace, not %@", option));
+    const HXCommandLine options = HXCommandLine::parse(switches);
+    const HXRepairPreview preview =
+        HXRepairPreview::gather(options.trashPreferences, options.trashWorkspaces);
+    if (json) {
+        printJson(preview.toVariant());
+        return kDone;
+    }
+    print(preview.premiereRunning
+              ? QStringLiteral("Premiere Pro is running: it would be asked to quit first.")
+              : QStringLiteral("Premiere Pro is not running."));
+    print(HXFormat(u"Would move to the Trash (%i):", static_cast<int>(preview.trash.size())));
+    for (const QString &path : preview.trash)
+        print(QStringLiteral("  ") + path);
+    print(HXFormat(u"Would end (%i):", static_cast<int>(preview.processes.size())));
+    for (const HXRepairPreview::Process &process : preview.processes)
+        print(HXFormat(u"  %@ (pid %i) %@", process.name, static_cast<int>(process.pid), process.path));
+    print(HXFormat(u"Would correct permissions (%i):", static_cast<int>(preview.permissionFindings.size())));
+    for (const HXPermissionFinding &finding : preview.permissionFindings)
+        print(HXFormat(u"  %@: %@", finding.path, HXMendwellUtils::describe(finding.problem)));
+    print(preview.thirtyTwoBitApplication
+              ? HXFormat(u"%@ is set to run in 32-bit mode.", *preview.thirtyTwoBitApplication)
+              : QStringLiteral("Not set to run in 32-bit mode."));
+    return kDone;
+}
+
+int history(bool json)
+{
+    QVariantList runs;
+    for (const QString &identifier : HXRunRecord::runIdentifiers())
+        if (const std::optional<QVariantMap> record = HXRunRecord::load(identifier))
+            runs.append(*record);
+    if (json) {
+        printJson(runs);
+        return kDone;
+    }
+    if (runs.isEmpty())
+        print(QStringLiteral("No repair has been recorded."));
+    for (const QVariant &run : runs) {
+        const QVariantMap record = run.toMap();
+        print(HXFormat(u"%@  %@  %@  %i trashed  %@", record.value("identifier").toString(),
+                       localTime(record.value("start")), record.value("mode").toString(),
+                       static_cast<int>(record.value("trashed").toList().size()),
+                       record.value("verdict").toString()));
+    }
+    return kDone;
+}
+
+std::optional<QVariantMap> loadRun(const QStringList &arguments, int &status)
+{
+    if (arguments.size() > 1) {
+        status =
+            fail(kBadArguments, QStringLiteral("give one RUN at most; 'mendwellctl history' lists them"));
+        return std::nullopt;
+    }
+    const QString identifier = arguments.value(0);
+    std::optional<QVariantMap> record = HXRunRecord::load(identifier);
+    if (!record)
+        status = identifier.isEmpty()
+                     ? fail(kNothingToRestore, QStringLiteral("no repair has been recorded yet"))
+                     : fail(kBadArguments,
+                            HXFormat(u"no recorded repair %@; 'mendwellctl history' lists them", identifier));
+    return record;
+}
+
+int report(const QStringList &arguments, bool json)
+{
+    int status = kDone;
+    const std::optional<QVariantMap> record = loadRun(arguments, status);
+    if (!record)
+        return status;
+    if (json) {
+        printJson(*record);
+        return kDone;
+    }
+    print(HXFormat(u"Repair %@ (%@)", record->value("identifier").toString(),
+                   record->value("mode").toString()));
+    print(HXFormat(u"Started %@, ended %@", localTime(record->value("start")),
+                   localTime(record->value("end"))));
+    print(HXFormat(u"Verdict: %@", record->value("verdict").toString()));
+    print(QStringLiteral("Steps:"));
+    for (const QVariant &step : record->value("steps").toList())
+        print(HXFormat(u"  %@  %.2f s", step.toMap().value("name").toString(),
+                       step.toMap().value("seconds").toDouble()));
+    const QVariantList trashed = record->value("trashed").toList();
+    print(HXFormat(u"Moved to the Trash (%i):", static_cast<int>(trashed.size())));
+    for (const QVariant &item : trashed) {
+        const QVariantMap map = item.toMap();
+        print(HXFormat(u"  %@%@", map.value("path").toString(),
+                       map.contains("restoredTo") ? QStringLiteral(" (restored)") : QString()));
+    }
+    return kDone;
+}
+
+int restore(const QStringList &arguments, bool json)
+{
+    int status = kDone;
+    std::optional<QVariantMap> record = loadRun(arguments, status);
+    if (!record)
+        return status;
+    const QString identifier = record->value("identifier").toString();
+    const HXRunRestore::Outcome outcome = HXRunRestore::restore(*record);
+    if (!outcome.items.empty() && !HXRunRecord::store(*record))
+        std::fprintf(stderr, "mendwellctl: the restore could not be written into the record of %s\n",
+                     identifier.toUtf8().constData());
+    if (json) {
+        QVariantList items;
+        for (const HXRunRestore::Item &item : outcome.items)
+            items.append(
+                QVariantMap{{"path", item.path}, {"restoredTo", item.restoredTo}, {"problem", item.problem}});
+        printJson(QVariantMap{{"run", identifier}, {"items", items}});
+    } else if (outcome.items.empty()) {
+        print(HXFormat(u"Nothing to restore from repair %@.", identifier));
+    }
+    for (const HXRunRestore::Item &item : json ? std::vector<HXRunRestore::Item>() : outcome.items) {
+        if (item.restoredTo.isEmpty())
+            print(HXFormat(u"Not restored: %@: %@", item.path, item.problem));
+        else if (item.restoredTo != item.path)
+            print(HXFormat(u"Restored %@ as %@: %@", item.path, item.restoredTo, item.problem));
+        else
+            print(HXFormat(u"Restored %@", item.path));
+    }
+    if (outcome.items.empty())
+        return kNothingToRestore;
+    return outcome.failed() == 0 ? kDone : outcome.restored() == 0 ? kFailed : kPartlyRestored;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    QStringList arguments = app.arguments().mid(1);
+    const bool json = arguments.removeAll(QStringLiteral("--json")) > 0;
+    if (arguments.isEmpty() || arguments.contains(QStringLiteral("--help")) ||
+        arguments.contains(QStringLiteral("-h"))) {
+        std::fputs(kUsage, arguments.isEmpty() ? stderr : stdout);
+        return arguments.isEmpty() ? kBadArguments : kDone;
+    }
+    const QString command = arguments.takeFirst();
+    if (command == QLatin1String("preview"))
+        return preview(arguments, json);
+    if (command == QLatin1String("history"))
+        return arguments.isEmpty() ? history(json)
+                                   : fail(kBadArguments, QStringLiteral("history takes no arguments"));
+    if (command == QLatin1String("report"))
+        return report(arguments, json);
+    if (command == QLatin1String("restore"))
+        return restore(arguments, json);
+    return fail(kBadArguments, HXFormat(u"unknown command %@; try 'mendwellctl --help'", command));
+}
