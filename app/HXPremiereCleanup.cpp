@@ -3,6 +3,8 @@
 
 #include "app/HXAppController.h"
 #include "app/HXPremiereFiles.h"
+#include "app/HXRunRecord.h"
+#include "app/audit/HXToolReport.h"
 
 #include "diagnostics/HXException.h"
 #include "diagnostics/HXLog.h"
@@ -95,9 +97,12 @@ void HXAppController::stopAll()
     try {
         HXLog::appendLog(u"Stopping processes...");
         // Waited for, so the caches below are trashed once their processes are gone.
-        const int status = HXAuthorization::sharedController().authExecTask(helperTool(kKilltool), {}, false);
+        QByteArray report;
+        const int status =
+            HXAuthorization::sharedController().authExecTask(helperTool(kKilltool), {}, &report);
         if (status != 0)
             HXLog::appendLog(u"Error stopping processes: %i", status);
+        HXRunRecord::noteEndedProcesses(HXToolReport::endedProcessesIn(report));
         // The processes' own clean-up on the way out takes a moment.
         std::this_thread::sleep_for(std::chrono::seconds(2));
     } catch (const std::exception &exception) {

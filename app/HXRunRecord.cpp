@@ -86,6 +86,8 @@ void begin(const QString &mode, const QVariantMap &options, const QStringList &s
             {QStringLiteral("options"), options},
             {QStringLiteral("switches"), switches},
             {QStringLiteral("user"), HXLocalPaths::currentConsoleUser().value_or(HXLocalPaths::username())},
+            {QStringLiteral("processes"), QVariantList()},
+            {QStringLiteral("permissionChanges"), QVariantList()},
         };
     }
     HXFileManager::setTrashObserver(&noteTrashed);
@@ -110,6 +112,22 @@ void noteTrashed(const QString &originalPath, const QString &trashedPath, const 
                                      {QStringLiteral("trashPath"), trashedPath},
                                      {QStringLiteral("infoPath"), infoPath},
                                      {QStringLiteral("step"), g_run.step}});
+}
+
+void noteEndedProcesses(const QVariantList &processes)
+{
+    std::lock_guard lock(g_mutex);
+    if (g_run.active)
+        g_run.record.insert(QStringLiteral("processes"),
+                            g_run.record.value(QStringLiteral("processes")).toList() + processes);
+}
+
+void notePermissionChanges(const QVariantList &changes)
+{
+    std::lock_guard lock(g_mutex);
+    if (g_run.active)
+        g_run.record.insert(QStringLiteral("permissionChanges"),
+                            g_run.record.value(QStringLiteral("permissionChanges")).toList() + changes);
 }
 
 void notePremiereWasRunning(bool running)

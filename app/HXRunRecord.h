@@ -11,6 +11,7 @@
 #include <QDateTime>
 #include <QString>
 #include <QStringList>
+#include <QVariantList>
 #include <QVariantMap>
 
 #include <optional>
@@ -30,6 +31,9 @@ void begin(const QString &mode, const QVariantMap &options, const QStringList &s
 // Ends the step under way (if any) and starts the one named NAME.
 void beginStep(const QString &name);
 void noteTrashed(const QString &originalPath, const QString &trashedPath, const QString &infoPath);
+// What killtool and permissiontool reported (app/audit/HXToolReport.h).
+void noteEndedProcesses(const QVariantList &processes);
+void notePermissionChanges(const QVariantList &changes);
 void notePremiereWasRunning(bool running);
 void note32BitMode(bool on);
 // Ends the last step, stores the verdict and writes the record; its path, none

@@ -195,6 +195,14 @@ int HXAuthorization::authExecTask(const QString &tool, const QStringList &parame
     return perform(*request);
 }
 
+int HXAuthorization::authExecTask(const QString &tool, const QStringList &parameters, QByteArray *report)
+{
+    if (!platform::isRoot() || !QFileInfo::exists(tool))
+        return authExecTask(tool, parameters, false);
+    *report = HXTaskEx::dataFromTask(tool, parameters).value_or(QByteArray());
+    return kStatusSuccess;
+}
+
 int HXAuthorization::perform(const HXPrivilegedRequest &request)
 {
     if (platform::isRoot())

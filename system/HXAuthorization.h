@@ -53,6 +53,10 @@ public:
     // be run: the runner takes nothing else.
     int authExecTask(const QString &tool, const QStringList &parameters);
     int authExecTask(const QString &tool, const QStringList &parameters, bool async);
+    // The same, waited for, for a helper tool that reports what it changed on its
+    // standard output: as root the tool runs here and REPORT receives that output;
+    // through the administrator helper the output is not kept and REPORT stays empty.
+    int authExecTask(const QString &tool, const QStringList &parameters, QByteArray *report);
 
     // File operations, as the system tools do them, carried out by descriptors:
     // none follows a symbolic link out of the folders it was given. Protected

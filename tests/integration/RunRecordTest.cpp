@@ -110,6 +110,11 @@ TEST_F(RunRecordTest, TheRepairDoesWhatThePreviewSaidAndRestoreTakesItBack)
         EXPECT_TRUE(trashPath.startsWith("/Users/anna/.local/share/Trash/files/") && box.exists(trashPath))
             << trashPath.toStdString();
     EXPECT_TRUE(record.value("errorsFound").toBool());
+    EXPECT_EQ(sorted(strings(record.value("permissionChanges"), "path")), kSampleWrong)
+        << "exactly the permissions the preview listed";
+    for (const QJsonValue &change : record.value("permissionChanges").toArray())
+        EXPECT_NE(change.toObject().value("modeBefore"), change.toObject().value("modeAfter"))
+            << QJsonDocument(change.toObject()).toJson().constData();
     EXPECT_TRUE(strings(record.value("steps"), "name").contains("Trashing preferences"));
     // Nothing left for a second repair to correct.
     EXPECT_TRUE(jsonOf(ctl({QStringLiteral("preview"), QStringLiteral("--json")}))

@@ -3,13 +3,15 @@
 // app/audit/AdobeProcesses.cpp). Each gets SIGTERM and two seconds to quit, then SIGKILL
 // and one more second. Processes are pinned first (platform/Processes.h), so a
 // pid reused meanwhile is never signalled. Run by another user it still tries,
-// and sees and ends only that user's processes. Nothing goes to standard output.
+// and sees and ends only that user's processes. Standard output gets one report
+// line per process ended, with the signal it needed (app/audit/HXToolReport.h).
 // Exit status 0 when every matching process has ended (or none ran), 1 when one
 // still runs (named on standard error), 2 for any argument.
 
 #include "platform/Processes.h"
 #include "system/HXPath.h"
 #include "app/audit/AdobeProcesses.h"
+#include "app/audit/HXToolReport.h"
 
 #include <QStringList>
 
@@ -56,8 +58,23 @@ int main(int argc, char **argv)
         return 2;
     }
     const std::vector<PinnedProcess> processes = matchingProcesses();
+    std::vector<bool> reported(processes.size(), false);
+    const auto report = [&](const char *signal) {
+        for (std::size_t i = 0; i < processes.size(); ++i) {
+            if (reported[i] || !processes[i].hasEnded())
+                continue;
+            reported[i] = true;
+            const QString path = processes[i].executablePath();
+            std::fputs(
+                HXToolReport::endedProcessLine(HXPath::lastComponent(path), processes[i].pid(), path, signal)
+                    .constData(),
+                stdout);
+        }
+    };
     platform::waitUntilEnded(signalAll(processes, &PinnedProcess::terminate), kGracePeriod);
+    report("TERM");
     platform::waitUntilEnded(signalAll(processes, &PinnedProcess::kill), kAfterKill);
+    report("KILL");
 
     QStringList survivors;
     for (const PinnedProcess &process : processes)

@@ -1,5 +1,7 @@
 #include "tools/permissiontool/PermissionRepair.h"
 
+#include "app/audit/HXToolReport.h"
+
 #include "app/audit/HXPermissionWalk.h"
 #include "platform/OpenedItem.h"
 #include "system/HXPath.h"
@@ -81,6 +83,7 @@ private:
         }
         if (now->isLink() || !needsChange(*now, rules))
             return;
+        const platform::ItemAttributes before = *now;
         if (!now->isFolder() && now->links > 1) {
             fail(path, QStringLiteral("it has %1 hard links").arg(now->links));
             return;
@@ -101,6 +104,8 @@ private:
             return;
         }
         const std::optional<platform::ItemAttributes> after = item.attributes();
+        if (after)
+            m_result.changes += HXToolReport::permissionChangeLine(path, before, *after);
         if (!after || needsChange(*after, rules))
             fail(path, QStringLiteral("it is still wrong after the change"));
         else

@@ -14,6 +14,8 @@ struct PermissionRepairResult {
     int corrected = 0;
     // One line per item left wrong, for standard error.
     QStringList failures;
+    // One report line per item changed, for the caller (app/audit/HXToolReport.h).
+    QByteArray changes;
 };
 
 PermissionRepairResult repairPermissions(const QString &root, const HXPermissionRules &rules,

@@ -2,6 +2,7 @@
 // permissions under the audited Adobe folders for the user at the console, so
 // that the audit finds nothing there afterwards. Exit status 0 when everything
 // was corrected; otherwise one line per item left wrong on standard error.
+// Standard output gets one report line per item changed (app/audit/HXToolReport.h).
 
 #include "app/audit/HXMendwellUtils.h"
 #include "system/HXLocalPaths.h"
@@ -50,6 +51,7 @@ int main(int argc, char **argv)
     int failures = 0;
     for (const QString &root : HXMendwellUtils::auditedFolders()) {
         const PermissionRepairResult result = repairPermissions(root, rules, *account);
+        std::fwrite(result.changes.constData(), 1, static_cast<size_t>(result.changes.size()), stdout);
         for (const QString &failure : result.failures)
             failWith(failure);
         failures += int(result.failures.size());
