@@ -2,6 +2,9 @@
 
 #include "app/HXPremiereFiles.h"
 #include "app/audit/AdobeProcesses.h"
+#include "app/audit/HXPermissionCorrection.h"
+#include "app/audit/HXToolReport.h"
+#include "system/HXLocalPaths.h"
 #include "fs/HXFileOperations.h"
 #include "platform/Processes.h"
 #include "system/HXPath.h"
@@ -56,6 +59,16 @@ HXRepairPreview HXRepairPreview::gather(bool trashPreferences, bool trashWorkspa
                 if (!isTrashedBefore(finding.path, preview.trash))
                     preview.permissionFindings.push_back(finding);
 
+    if (const std::optional<platform::Account> account = platform::accountNamed(HXLocalPaths::username())) {
+        const HXPermissionRules correction = correctionRules(HXLocalPaths::userDirectory(), *account);
+        QByteArray report;
+        for (const QString &root : HXMendwellUtils::auditedFolders())
+            report += repairPermissions(root, correction, *account, true).changes;
+        for (const QVariant &change : HXToolReport::permissionChangesIn(report))
+            if (!isTrashedBefore(change.toMap().value(QStringLiteral("path")).toString(), preview.trash))
+                preview.permissionChanges.append(change);
+    }
+
     preview.thirtyTwoBitApplication =
         HXPremiereFiles::applicationIn32BitMode(HXPremiereFiles::kBundleIdentifier);
     return preview;
@@ -76,5 +89,6 @@ QVariantMap HXRepairPreview::toVariant() const
             {QStringLiteral("trash"), trash},
             {QStringLiteral("processes"), processList},
             {QStringLiteral("permissionFindings"), findings},
+            {QStringLiteral("permissionChanges"), permissionChanges},
             {QStringLiteral("32BitMode"), thirtyTwoBitApplication.has_value()}};
 }

@@ -9,6 +9,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVariantList>
 #include <QVariantMap>
 
 #include <optional>
@@ -26,6 +27,9 @@ struct HXRepairPreview {
     QStringList trash;
     std::vector<Process> processes;
     std::vector<HXPermissionFinding> permissionFindings;
+    // What permissiontool would change for the console user, as the run record
+    // keeps what it did change (app/audit/HXToolReport.h).
+    QVariantList permissionChanges;
     // The application's name when it is set to start in 32-bit mode.
     std::optional<QString> thirtyTwoBitApplication;
 

@@ -110,11 +110,15 @@ TEST_F(RunRecordTest, TheRepairDoesWhatThePreviewSaidAndRestoreTakesItBack)
         EXPECT_TRUE(trashPath.startsWith("/Users/anna/.local/share/Trash/files/") && box.exists(trashPath))
             << trashPath.toStdString();
     EXPECT_TRUE(record.value("errorsFound").toBool());
-    EXPECT_EQ(sorted(strings(record.value("permissionChanges"), "path")), kSampleWrong)
-        << "exactly the permissions the preview listed";
-    for (const QJsonValue &change : record.value("permissionChanges").toArray())
-        EXPECT_NE(change.toObject().value("modeBefore"), change.toObject().value("modeAfter"))
-            << QJsonDocument(change.toObject()).toJson().constData();
+    // Exactly the changes the preview listed, owner, mode and flag before and after.
+    const auto changes = [](const QJsonValue &list) {
+        QStringList lines;
+        for (const QJsonValue &change : list.toArray())
+            lines.append(QString::fromUtf8(QJsonDocument(change.toObject()).toJson(QJsonDocument::Compact)));
+        return sorted(lines);
+    };
+    EXPECT_EQ(changes(record.value("permissionChanges")), changes(planned.value("permissionChanges")));
+    EXPECT_EQ(record.value("permissionChanges").toArray().size(), 5);
     EXPECT_TRUE(strings(record.value("steps"), "name").contains("Trashing preferences"));
     // Nothing left for a second repair to correct.
     EXPECT_TRUE(jsonOf(ctl({QStringLiteral("preview"), QStringLiteral("--json")}))

@@ -95,9 +95,17 @@ int preview(const QStringList &switches, bool json)
     print(HXFormat(u"Would end (%i):", static_cast<int>(preview.processes.size())));
     for (const HXRepairPreview::Process &process : preview.processes)
         print(HXFormat(u"  %@ (pid %i) %@", process.name, static_cast<int>(process.pid), process.path));
-    print(HXFormat(u"Would correct permissions (%i):", static_cast<int>(preview.permissionFindings.size())));
+    print(HXFormat(u"Wrong permissions (%i):", static_cast<int>(preview.permissionFindings.size())));
     for (const HXPermissionFinding &finding : preview.permissionFindings)
         print(HXFormat(u"  %@: %@", finding.path, HXMendwellUtils::describe(finding.problem)));
+    print(HXFormat(u"Would change (%i):", static_cast<int>(preview.permissionChanges.size())));
+    for (const QVariant &change : preview.permissionChanges) {
+        const QVariantMap map = change.toMap();
+        print(HXFormat(u"  %@: owner %@ -> %@, mode %@ -> %@%@", map.value("path").toString(),
+                       map.value("ownerBefore").toString(), map.value("ownerAfter").toString(),
+                       map.value("modeBefore").toString(), map.value("modeAfter").toString(),
+                       map.value("lockedBefore").toBool() ? QStringLiteral(", unlocked") : QString()));
+    }
     print(preview.thirtyTwoBitApplication
               ? HXFormat(u"%@ is set to run in 32-bit mode.", *preview.thirtyTwoBitApplication)
               : QStringLiteral("Not set to run in 32-bit mode."));

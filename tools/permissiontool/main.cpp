@@ -5,8 +5,8 @@
 // Standard output gets one report line per item changed (app/audit/HXToolReport.h).
 
 #include "app/audit/HXMendwellUtils.h"
+#include "app/audit/HXPermissionCorrection.h"
 #include "system/HXLocalPaths.h"
-#include "tools/permissiontool/PermissionRepair.h"
 
 #include <cstdio>
 #include <sys/resource.h>
@@ -46,8 +46,7 @@ int main(int argc, char **argv)
         return failWith(QStringLiteral("%1 has no home folder").arg(user));
     allowManyDescriptors();
 
-    const HXPermissionRules rules(home, user, HXLocalPaths::appSupportDirectory(false),
-                                  HXAccessRights{false, account->uid, account->groups});
+    const HXPermissionRules rules = correctionRules(home, *account);
     int failures = 0;
     for (const QString &root : HXMendwellUtils::auditedFolders()) {
         const PermissionRepairResult result = repairPermissions(root, rules, *account);

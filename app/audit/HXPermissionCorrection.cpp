@@ -1,9 +1,10 @@
-#include "tools/permissiontool/PermissionRepair.h"
+#include "app/audit/HXPermissionCorrection.h"
 
 #include "app/audit/HXToolReport.h"
 
 #include "app/audit/HXPermissionWalk.h"
 #include "platform/OpenedItem.h"
+#include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
 
 #include <QFile>
@@ -14,8 +15,9 @@ namespace {
 
 class Repair final : public HXPermissionVisitor {
 public:
-    Repair(const HXPermissionRules &rules, const platform::Account &account, PermissionRepairResult &result)
-        : m_rules(rules), m_account(account), m_result(result)
+    Repair(const HXPermissionRules &rules, const platform::Account &account, bool dryRun,
+           PermissionRepairResult &result)
+        : m_rules(rules), m_account(account), m_dryRun(dryRun), m_result(result)
     {
     }
 
@@ -88,6 +90,16 @@ private:
             fail(path, QStringLiteral("it has %1 hard links").arg(now->links));
             return;
         }
+        if (m_dryRun) {
+            platform::ItemAttributes after = *now;
+            after.immutable = false;
+            if (rules.folderClass == HXFolderClass::Home &&
+                m_rules.problemOf(*now, rules) == HXPermissionProblem::WrongOwner)
+                after.owner = m_account.uid;
+            after.mode = (after.mode & ~mode_t(07777)) | correctedMode(after, rules);
+            m_result.changes += HXToolReport::permissionChangeLine(path, before, after);
+            return;
+        }
         int error = 0;
         if (now->immutable)
             error = item.clearImmutable();
@@ -119,16 +131,23 @@ private:
 
     const HXPermissionRules &m_rules;
     const platform::Account &m_account;
+    const bool m_dryRun;
     PermissionRepairResult &m_result;
 };
 
 }  // namespace
 
 PermissionRepairResult repairPermissions(const QString &root, const HXPermissionRules &rules,
-                                         const platform::Account &account)
+                                         const platform::Account &account, bool dryRun)
 {
     PermissionRepairResult result;
-    Repair repair(rules, account, result);
+    Repair repair(rules, account, dryRun, result);
     HXWalkPermissions(root, rules, repair);
     return result;
+}
+
+HXPermissionRules correctionRules(const QString &home, const platform::Account &account)
+{
+    return HXPermissionRules(home, account.name, HXLocalPaths::appSupportDirectory(false),
+                             HXAccessRights{false, account.uid, account.groups});
 }

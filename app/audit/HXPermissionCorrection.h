@@ -5,8 +5,11 @@
 // access, write access in the home class, the 0644 and 0777 minimums, the locked
 // flag. Each item is changed through the descriptor it was checked on; a file
 // with more than one hard link is never changed, nor anything behind a link.
+// permissiontool runs it; the repair preview runs it with DRYRUN, which decides
+// and reports every change the same way and makes none.
 
 #include "app/audit/HXPermissionRules.h"
+#include "platform/Accounts.h"
 
 #include <QStringList>
 
@@ -14,9 +17,13 @@ struct PermissionRepairResult {
     int corrected = 0;
     // One line per item left wrong, for standard error.
     QStringList failures;
-    // One report line per item changed, for the caller (app/audit/HXToolReport.h).
+    // One report line per item changed (or, in a dry run, to change), for the
+    // caller (app/audit/HXToolReport.h).
     QByteArray changes;
 };
 
 PermissionRepairResult repairPermissions(const QString &root, const HXPermissionRules &rules,
-                                         const platform::Account &account);
+                                         const platform::Account &account, bool dryRun = false);
+
+// The rules permissiontool corrects by: those of ACCOUNT in HOME.
+HXPermissionRules correctionRules(const QString &home, const platform::Account &account);
