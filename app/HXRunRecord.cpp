@@ -156,6 +156,9 @@ std::optional<QString> finish(bool errorsFound, const QString &verdict)
         record.insert(QStringLiteral("steps"), g_run.steps);
         record.insert(QStringLiteral("trashed"), g_run.trashed);
     }
+    // A user who turned logging off gets no record either: it lies among the logs.
+    if (HXLog::sharedController().loggingDisabled())
+        return std::nullopt;
     record.insert(QStringLiteral("end"), QDateTime::currentDateTimeUtc());
     record.insert(QStringLiteral("errorsFound"), errorsFound);
     record.insert(QStringLiteral("verdict"), verdict);

@@ -5,7 +5,9 @@
 // killtool and reports its status, its time and which stand-ins survived. The
 // times are printed, so a run by hand shows them.
 
+#include "app/audit/HXToolReport.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -154,6 +156,21 @@ protected:
 
 }  // namespace
 
+namespace {
+
+// The report lines of killtool's standard output as "name SIGNAL", sorted.
+QStringList endedBySignal(const QByteArray &out)
+{
+    QStringList ended;
+    for (const QVariant &process : HXToolReport::endedProcessesIn(out))
+        ended.append(process.toMap().value("name").toString() + ' ' +
+                     process.toMap().value("signal").toString());
+    std::sort(ended.begin(), ended.end());
+    return ended;
+}
+
+}  // namespace
+
 TEST_F(KillToolTest, EndsTheAdobeBackgroundProcessesAndLeavesLookAlikesRunning)
 {
     const QString helper =
@@ -170,7 +187,11 @@ TEST_F(KillToolTest, EndsTheAdobeBackgroundProcessesAndLeavesLookAlikesRunning)
                                          {"root", "term", outsideService}});
     EXPECT_EQ(outcome.status, 0) << outcome.log << outcome.err.constData();
     EXPECT_EQ(outcome.survivors, (helper + '\n' + annasBroker + '\n' + outsideService + '\n').toStdString());
-    EXPECT_EQ(outcome.out, QByteArray());
+    // Each process ended is reported once, with the signal it needed.
+    EXPECT_EQ(endedBySignal(outcome.out),
+              QStringList({"Adobe Desktop Service KILL", "AdobeIPCBroker TERM", "CCXProcess TERM",
+                           "Core Sync TERM", "PProHeadless TERM"}))
+        << outcome.out.constData();
     EXPECT_EQ(outcome.err, QByteArray());
 }
 
@@ -191,7 +212,8 @@ TEST_F(KillToolTest, WhatItMayNotEndSurvivesAndIsNamedAndArgumentsAreRefused)
                     .match(QString::fromUtf8(withoutKill.err))
                     .hasMatch())
         << withoutKill.err.constData();
-    EXPECT_EQ(withoutKill.out, QByteArray());
+    EXPECT_EQ(endedBySignal(withoutKill.out), QStringList{"PProHeadless TERM"})
+        << withoutKill.out.constData();
 
     for (const QStringList &arguments : {QStringList{"-h"}, QStringList{""}, QStringList{"a", "b"}}) {
         const ProcessResult bad = box.runAsRoot(QStringList{kTool} + arguments);
