@@ -119,6 +119,11 @@ public:
     void authTrashFolderContents(const QString &folder);
     void menuTrashPremierePrefs();
     void menuTrashWindowLayout();
+    // A sheet listing what a repair with the window's options would touch now;
+    // its default button starts that repair.
+    void menuPreviewRepair();
+    // Puts back what the last recorded repair moved to the Trash, after asking.
+    void menuUndoLastRepair();
 
     // Runs the bundle's permissiontool as root, once, after the audit found
     // something wrong; the tool finds and corrects the items by itself.

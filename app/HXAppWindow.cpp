@@ -163,6 +163,8 @@ void HXAppController::connectMainWindow()
         {"actionPreferences", &HXAppController::showPreferences},
         {"actionTrashPreferences", &HXAppController::menuTrashPremierePrefs},
         {"actionTrashWindowLayouts", &HXAppController::menuTrashWindowLayout},
+        {"actionPreviewRepair", &HXAppController::menuPreviewRepair},
+        {"actionUndoLastRepair", &HXAppController::menuUndoLastRepair},
         {"actionUserManual", &HXAppController::helpUserManual},
         {"actionHome", &HXAppController::helpHome},
         {"actionProductPage", &HXAppController::helpMarlin},
