@@ -52,21 +52,20 @@ HXRepairPreview HXRepairPreview::gather(bool trashPreferences, bool trashWorkspa
             preview.processes.push_back(
                 {HXPath::lastComponent(process.executablePath), process.pid, process.executablePath});
 
-    const HXPermissionRules rules = HXPermissionRules::forThisProcess();
-    for (const QString &root : HXMendwellUtils::auditedFolders())
-        if (const auto findings = HXMendwellUtils::findingsForDirectory(root, rules))
-            for (const HXPermissionFinding &finding : *findings)
-                if (!isTrashedBefore(finding.path, preview.trash))
-                    preview.permissionFindings.push_back(finding);
-
+    // The audit's findings and permissiontool's changes (run dry, for the console
+    // user) from one walk per audited folder.
+    const HXPermissionRules auditRules = HXPermissionRules::forThisProcess();
     if (const std::optional<platform::Account> account = platform::accountNamed(HXLocalPaths::username())) {
         const HXPermissionRules correction = correctionRules(HXLocalPaths::userDirectory(), *account);
-        QByteArray report;
-        for (const QString &root : HXMendwellUtils::auditedFolders())
-            report += repairPermissions(root, correction, *account, true).changes;
-        for (const QVariant &change : HXToolReport::permissionChangesIn(report))
-            if (!isTrashedBefore(change.toMap().value(QStringLiteral("path")).toString(), preview.trash))
-                preview.permissionChanges.append(change);
+        for (const QString &root : HXMendwellUtils::auditedFolders()) {
+            const PermissionPreview found = previewPermissions(root, auditRules, correction, *account);
+            for (const HXPermissionFinding &finding : found.findings)
+                if (!isTrashedBefore(finding.path, preview.trash))
+                    preview.permissionFindings.push_back(finding);
+            for (const QVariant &change : HXToolReport::permissionChangesIn(found.changes))
+                if (!isTrashedBefore(change.toMap().value(QStringLiteral("path")).toString(), preview.trash))
+                    preview.permissionChanges.append(change);
+        }
     }
 
     preview.thirtyTwoBitApplication =

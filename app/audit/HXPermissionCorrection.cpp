@@ -135,6 +135,51 @@ private:
     PermissionRepairResult &m_result;
 };
 
+// The audit's findings and a dry run of the correction in one walk: the audit
+// (under its own rules) reports a wrong folder alone for itself and its contents,
+// while the correction looks at everything below it too.
+class Preview final : public HXPermissionVisitor {
+public:
+    Preview(const HXPermissionRules &auditRules, Repair &correction,
+            std::vector<HXPermissionFinding> &findings)
+        : m_auditRules(auditRules), m_correction(correction), m_findings(findings)
+    {
+    }
+
+    bool visitFolder(const HXWalkedFolder &folder) override
+    {
+        note(folder.path, folder.attributes, folder.rules, true);
+        return m_correction.visitFolder(folder);
+    }
+
+    void visitItem(const HXWalkedFolder &folder, const char *name,
+                   const std::optional<platform::ItemAttributes> &attributes) override
+    {
+        note(HXPath::appendingComponent(folder.path, QFile::decodeName(name)), attributes, folder.rules,
+             false);
+        m_correction.visitItem(folder, name, attributes);
+    }
+
+private:
+    void note(const QString &path, const std::optional<platform::ItemAttributes> &attributes,
+              const HXFolderRules &rules, bool isFolder)
+    {
+        if (!m_wrongFolder.isEmpty() && path.startsWith(m_wrongFolder + QLatin1Char('/')))
+            return;
+        const HXPermissionProblem problem = m_auditRules.problemOf(attributes, rules);
+        if (problem == HXPermissionProblem::None)
+            return;
+        m_findings.push_back({path, problem});
+        if (isFolder)
+            m_wrongFolder = path;
+    }
+
+    const HXPermissionRules &m_auditRules;
+    Repair &m_correction;
+    std::vector<HXPermissionFinding> &m_findings;
+    QString m_wrongFolder;
+};
+
 }  // namespace
 
 PermissionRepairResult repairPermissions(const QString &root, const HXPermissionRules &rules,
@@ -150,4 +195,17 @@ HXPermissionRules correctionRules(const QString &home, const platform::Account &
 {
     return HXPermissionRules(home, account.name, HXLocalPaths::appSupportDirectory(false),
                              HXAccessRights{false, account.uid, account.groups});
+}
+
+PermissionPreview previewPermissions(const QString &root, const HXPermissionRules &auditRules,
+                                     const HXPermissionRules &correctionRules,
+                                     const platform::Account &account)
+{
+    PermissionPreview preview;
+    PermissionRepairResult correction;
+    Repair dryRun(correctionRules, account, true, correction);
+    Preview visitor(auditRules, dryRun, preview.findings);
+    HXWalkPermissions(root, correctionRules, visitor);
+    preview.changes = std::move(correction.changes);
+    return preview;
 }

@@ -8,10 +8,13 @@
 // permissiontool runs it; the repair preview runs it with DRYRUN, which decides
 // and reports every change the same way and makes none.
 
+#include "app/audit/HXMendwellUtils.h"
 #include "app/audit/HXPermissionRules.h"
 #include "platform/Accounts.h"
 
 #include <QStringList>
+
+#include <vector>
 
 struct PermissionRepairResult {
     int corrected = 0;
@@ -24,6 +27,17 @@ struct PermissionRepairResult {
 
 PermissionRepairResult repairPermissions(const QString &root, const HXPermissionRules &rules,
                                          const platform::Account &account, bool dryRun = false);
+
+// What the audit under AUDITRULES finds below ROOT and what the correction under
+// CORRECTIONRULES would change there, from one walk (the same two results as
+// checkPermissionsForDirectory and a dry repairPermissions).
+struct PermissionPreview {
+    std::vector<HXPermissionFinding> findings;
+    QByteArray changes;
+};
+PermissionPreview previewPermissions(const QString &root, const HXPermissionRules &auditRules,
+                                     const HXPermissionRules &correctionRules,
+                                     const platform::Account &account);
 
 // The rules permissiontool corrects by: those of ACCOUNT in HOME.
 HXPermissionRules correctionRules(const QString &home, const platform::Account &account);
