@@ -11,6 +11,7 @@
 // Every time is the median of five runs after one untimed warm-up run.
 
 #include "app/audit/HXMendwellUtils.h"
+#include "app/audit/HXPermissionCorrection.h"
 #include "app/audit/HXPermissionRules.h"
 #include "platform/Accounts.h"
 
@@ -278,6 +279,20 @@ int main(int argc, char **argv)
                 tree->chosen.size(), audited(*tree, annaRules).value_or(-1));
     const std::optional<Timing> brokenAudit = timeAudit(*tree, annaRules);
     const std::optional<Timing> brokenFind = measure([&] { return runFind(tree->root); });
+    // The repair preview as root for anna, on the broken tree: the audit's findings
+    // (with the repair's own rules: anna's home, root's rights) and permissiontool's
+    // changes, run dry, from one walk, against that audit alone.
+    const HXPermissionRules repairAuditRules(tree->home, anna->name, localSupport, HXAccessRights::of(self));
+    const std::optional<Timing> rootAudit = timeAudit(*tree, repairAuditRules);
+    const std::optional<Timing> preview = measure([&] {
+        return !previewPermissions(tree->root, repairAuditRules, annaRules, *anna).changes.isEmpty();
+    });
+    if (!preview || !rootAudit)
+        return fail("the preview failed");
+    const PermissionPreview previewed = previewPermissions(tree->root, repairAuditRules, annaRules, *anna);
+    std::printf("The preview lists %zu findings and %lld changes\n", previewed.findings.size(),
+                static_cast<long long>(previewed.changes.count('\n')));
+    printRatio("preview", *preview, "audit", *rootAudit);
     const QString tool = QStringLiteral(MENDWELL_BUNDLE_DIR "/Contents/MacOS/permissiontool");
     const std::optional<Timing> sandboxOnly = measure([&] {
         return runToEnd(QStringLiteral("bwrap"), inSandbox(top.path(), {QStringLiteral("/bin/true")}));

@@ -148,30 +148,34 @@ public:
 
     bool visitFolder(const HXWalkedFolder &folder) override
     {
-        note(folder.path, folder.attributes, folder.rules, true);
+        if (!isInsideWrongFolder(folder.path)) {
+            const HXPermissionProblem problem = m_auditRules.problemOf(folder.attributes, folder.rules);
+            if (problem != HXPermissionProblem::None) {
+                m_findings.push_back({folder.path, problem});
+                m_wrongFolder = folder.path;
+            }
+        }
         return m_correction.visitFolder(folder);
     }
 
     void visitItem(const HXWalkedFolder &folder, const char *name,
                    const std::optional<platform::ItemAttributes> &attributes) override
     {
-        note(HXPath::appendingComponent(folder.path, QFile::decodeName(name)), attributes, folder.rules,
-             false);
+        // The path is made only for a finding: most items are right.
+        if (folder.path != m_wrongFolder && !isInsideWrongFolder(folder.path)) {
+            const HXPermissionProblem problem = m_auditRules.problemOf(attributes, folder.rules);
+            if (problem != HXPermissionProblem::None)
+                m_findings.push_back(
+                    {HXPath::appendingComponent(folder.path, QFile::decodeName(name)), problem});
+        }
         m_correction.visitItem(folder, name, attributes);
     }
 
 private:
-    void note(const QString &path, const std::optional<platform::ItemAttributes> &attributes,
-              const HXFolderRules &rules, bool isFolder)
+    bool isInsideWrongFolder(const QString &path) const
     {
-        if (!m_wrongFolder.isEmpty() && path.startsWith(m_wrongFolder + QLatin1Char('/')))
-            return;
-        const HXPermissionProblem problem = m_auditRules.problemOf(attributes, rules);
-        if (problem == HXPermissionProblem::None)
-            return;
-        m_findings.push_back({path, problem});
-        if (isFolder)
-            m_wrongFolder = path;
+        return !m_wrongFolder.isEmpty() && path.size() > m_wrongFolder.size() &&
+               path[m_wrongFolder.size()] == QLatin1Char('/') && path.startsWith(m_wrongFolder);
     }
 
     const HXPermissionRules &m_auditRules;
