@@ -126,10 +126,30 @@ repair | scaled)
     if [ "$scene" = repair ]; then
         click "$main" 60 169
         shot options
+        # What the repair will touch, then cancelled.
+        menu "$main" alt+e v
+        sleep 0.3
+        count 2
+        shot preview
+        press "$(ours | grep -vx "$main" | head -1)" Escape
+        count 1
         click "$main" 565 490
         shot running
         count 2
         shot sheet
+        press "$(ours | grep -vx "$main" | head -1)" Return
+        count 1
+        setpriv --reuid=anna --regid=anna --init-groups -- env HOME=/Users/anna trash-list \
+            >"$runs/trashed-$scale.txt"
+        # Undo Last Repair: asked, then answered with what came back.
+        menu "$main" alt+e u
+        sleep 0.3
+        count 2
+        shot undo
+        press "$(ours | grep -vx "$main" | head -1)" Return
+        sleep 0.3
+        count 2
+        shot undone
         press "$(ours | grep -vx "$main" | head -1)" Return
         count 1
         menu "$main" alt+m a
@@ -257,10 +277,15 @@ TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithAShe
         box.hostPath(QStringLiteral("/root/Library/Preferences/com.lanternfish.Mendwell.plist")));
     EXPECT_EQ(settings.value(QStringLiteral("shouldTrash")).toLongLong(), 1);
     EXPECT_EQ(settings.value(QStringLiteral("shouldTrashWorkspaces")).toLongLong(), 1);
-    const ProcessResult listed = box.runAsUser({QStringLiteral("trash-list")});
-    for (const char *trashed : {"/Users/anna/Library/Preferences/com.Adobe.Premiere Pro.7.0.plist",
-                                "/Users/anna/Documents/Adobe/Premiere Pro/7.0/Layouts/Editing.xml"})
-        EXPECT_TRUE(listed.out.contains(trashed)) << trashed << "\n" << listed.out.constData();
+    // Trashed by the repair, and back in place after Undo Last Repair.
+    const QByteArray trashed = box.readFile(kRuns + QStringLiteral("/trashed-1.txt"));
+    const QByteArray listed = box.runAsUser({QStringLiteral("trash-list")}).out;
+    for (const char *item : {"/Users/anna/Library/Preferences/com.Adobe.Premiere Pro.7.0.plist",
+                             "/Users/anna/Documents/Adobe/Premiere Pro/7.0/Layouts/Editing.xml"}) {
+        EXPECT_TRUE(trashed.contains(item)) << item << "\n" << trashed.constData();
+        EXPECT_FALSE(listed.contains(item)) << item << "\n" << listed.constData();
+        EXPECT_TRUE(box.exists(QLatin1String(item))) << item;
+    }
 
     // Every step reached the console, in order.
     const QString log =
@@ -279,7 +304,8 @@ TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithAShe
     // At rest the console is empty; after the repair it shows the errors in red.
     EXPECT_EQ(redPixels(shot(QStringLiteral("rest-1"))), 0);
     EXPECT_GT(redPixels(shot(QStringLiteral("sheet-1"))), 100);
-    for (const char *name : {"options-1", "running-1", "about-1", "prefs-1"})
+    for (const char *name :
+         {"options-1", "preview-1", "running-1", "undo-1", "undone-1", "about-1", "prefs-1"})
         EXPECT_FALSE(shot(QLatin1String(name)).isNull()) << name;
 
     // The key typed into the shortcut panel is bound for the manager, and it was told.
