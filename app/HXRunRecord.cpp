@@ -43,16 +43,6 @@ void endStep(Run &run)
     run.step.clear();
 }
 
-// As root the records belong to the console user, whose folder they are in.
-std::optional<uid_t> recordOwner()
-{
-    if (!platform::isRoot())
-        return std::nullopt;
-    const std::optional<QString> user = HXLocalPaths::currentConsoleUser();
-    const std::optional<platform::Account> account = user ? platform::accountNamed(*user) : std::nullopt;
-    return account ? std::optional<uid_t>(account->uid) : std::nullopt;
-}
-
 QString pathOf(const QString &identifier)
 {
     return HXPath::appendingComponent(repairsFolder(), identifier + kExtension);
@@ -170,6 +160,15 @@ std::optional<QString> finish(bool errorsFound, const QString &verdict)
     return pathOf(record.value(QStringLiteral("identifier")).toString());
 }
 
+std::optional<uid_t> consoleOwner()
+{
+    if (!platform::isRoot())
+        return std::nullopt;
+    const std::optional<QString> user = HXLocalPaths::currentConsoleUser();
+    const std::optional<platform::Account> account = user ? platform::accountNamed(*user) : std::nullopt;
+    return account ? std::optional<uid_t>(account->uid) : std::nullopt;
+}
+
 QString repairsFolder()
 {
     return HXPath::appendingComponent(HXLocalPaths::logDirectory(true),
@@ -204,7 +203,7 @@ bool store(const QVariantMap &record)
 {
     const QString identifier = record.value(QStringLiteral("identifier")).toString();
     return !identifier.isEmpty() &&
-           PropertyList::writeXmlFileInUsersTree(pathOf(identifier), record, recordOwner());
+           PropertyList::writeXmlFileInUsersTree(pathOf(identifier), record, consoleOwner());
 }
 
 }  // namespace HXRunRecord

@@ -15,6 +15,7 @@
 #include <QVariantMap>
 
 #include <optional>
+#include <sys/types.h>
 
 namespace HXRunRecord {
 
@@ -40,6 +41,9 @@ void note32BitMode(bool on);
 // when there was no run or it could not be written.
 std::optional<QString> finish(bool errorsFound, const QString &verdict);
 
+// Whom what root writes or makes in the console user's folders is handed to:
+// that user as root, none (stays ours) otherwise.
+std::optional<uid_t> consoleOwner();
 // The folder of the records (the console user's when root).
 QString repairsFolder();
 // The records' identifiers (file names without ".plist"), newest first.

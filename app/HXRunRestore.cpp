@@ -1,10 +1,9 @@
 #include "app/HXRunRestore.h"
 
+#include "app/HXRunRecord.h"
+
 #include "fs/HXFileNames.h"
-#include "platform/Accounts.h"
 #include "platform/Folder.h"
-#include "platform/Platform.h"
-#include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
 
 #include <QDateTime>
@@ -21,16 +20,6 @@ namespace {
 const QString kTrashed = QStringLiteral("trashed");
 const QString kRestoredTo = QStringLiteral("restoredTo");
 
-// Folders made again on the way back belong to the console user when root makes them.
-std::optional<uid_t> folderOwner()
-{
-    if (!platform::isRoot())
-        return std::nullopt;
-    const std::optional<QString> user = HXLocalPaths::currentConsoleUser();
-    const std::optional<platform::Account> account = user ? platform::accountNamed(*user) : std::nullopt;
-    return account ? std::optional<uid_t>(account->uid) : std::nullopt;
-}
-
 QString reasonOf(int error)
 {
     return QString::fromLocal8Bit(std::strerror(error));
@@ -46,8 +35,8 @@ Item restoreOne(const QString &path, const QString &trashPath, const QString &in
         item.problem = QStringLiteral("no longer in the Trash (was the Trash emptied?)");
         return item;
     }
-    const std::optional<platform::Folder> parent =
-        platform::Folder::openMakingPath(HXPath::deletingLastComponent(path), 0755, folderOwner(), &error);
+    const std::optional<platform::Folder> parent = platform::Folder::openMakingPath(
+        HXPath::deletingLastComponent(path), 0755, HXRunRecord::consoleOwner(), &error);
     if (!parent) {
         item.problem = QStringLiteral("its folder cannot be made: ") + reasonOf(error);
         return item;

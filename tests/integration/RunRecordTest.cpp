@@ -5,6 +5,7 @@
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestFiles.h"
 
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -142,7 +143,17 @@ TEST_F(RunRecordTest, TheRepairDoesWhatThePreviewSaidAndRestoreTakesItBack)
 
 TEST_F(RunRecordTest, RestoreKeepsBothSaysWhatIsLostAndRefusesBadArguments)
 {
+    // Older records than the 50 kept are let go when a run adds one.
+    const QString folder = QStringLiteral("/Users/anna/Library/Logs/Lanternfish/Repairs/");
+    for (int i = 0; i < 55; ++i)
+        ASSERT_TRUE(box.writeFile(
+            folder + QStringLiteral("20000101-000000-%1-1.plist").arg(i, 3, 10, QLatin1Char('0')),
+            "<plist><dict/></plist>", true));
     repair(QStringLiteral("-trashPrefs"));
+    const QStringList kept = QDir(box.hostPath(folder)).entryList(QDir::Files);
+    EXPECT_EQ(kept.size(), 50);
+    EXPECT_FALSE(kept.contains(QStringLiteral("20000101-000000-005-1.plist")));
+    EXPECT_TRUE(kept.contains(QStringLiteral("20000101-000000-006-1.plist")));
     const QJsonObject record = jsonOf(ctl({QStringLiteral("report"), QStringLiteral("--json")}));
     const QJsonArray trashed = record.value("trashed").toArray();
     ASSERT_GE(trashed.size(), 3);
