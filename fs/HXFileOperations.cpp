@@ -113,6 +113,16 @@ void tellTrashObserver(const QString &path, const platform::trash::Outcome &outc
         observer(path, outcome.trashedPath, outcome.infoPath);
 }
 
+// The administrator's move to the Trash, heard by the observer like our own.
+bool authTrash(const QString &path)
+{
+    platform::trash::Outcome outcome;
+    const bool trashed = HXAuthorization::sharedController().authTrashFile(path, false, &outcome);
+    if (outcome.trashed)
+        tellTrashObserver(path, outcome);
+    return trashed;
+}
+
 // trashFile of the entry NAME of the opened FOLDER, known as PATH.
 bool trashEntry(const platform::Folder &folder, const QString &name, const QString &path, bool shouldAuth)
 {
@@ -126,7 +136,7 @@ bool trashEntry(const platform::Folder &folder, const QString &name, const QStri
         tellTrashObserver(path, outcome);
         return true;
     }
-    return shouldAuth && HXAuthorization::sharedController().authTrashFile(path);
+    return shouldAuth && authTrash(path);
 }
 
 // Trashes, below the opened FOLDER (known as PATH), every file MATCHES accepts.
@@ -176,7 +186,7 @@ bool trashFile(const QString &path, bool shouldAuth)
         unlockFile(path);
         if (!fileExistsAtPath(path))
             return true;
-        return shouldAuth && HXAuthorization::sharedController().authTrashFile(path);
+        return shouldAuth && authTrash(path);
     } catch (const std::exception &e) {
         HXException::logException(e, "+[HXFileManager trashFile:shouldAuth:]");
         return false;

@@ -50,7 +50,9 @@ private:
     std::unique_ptr<Runner> m_runner;
 };
 
-// One length-prefixed message on a pipe; false or none when the pipe has ended.
+// One length-prefixed message on a pipe, at most kMaximumMessage bytes; false or
+// none when the pipe has ended (or a longer message was announced).
+constexpr quint32 kMaximumMessage = 16 * 1024 * 1024;
 bool writeMessage(int fd, const QByteArray &message);
 std::optional<QByteArray> readMessage(int fd);
 

@@ -9,7 +9,6 @@
 #include "system/HXPrivilegedRequest.h"
 #include "system/HXTaskEx.h"
 
-#include <QDataStream>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -115,17 +114,17 @@ bool HXAuthorization::canAuthorize() const
 
 namespace {
 
-int sendRequest(std::shared_ptr<platform::AdminAuthorization> &authRef, const HXPrivilegedRequest &request)
+HXPrivilegedReply sendRequest(std::shared_ptr<platform::AdminAuthorization> &authRef,
+                              const HXPrivilegedRequest &request)
 {
-    const std::optional<QByteArray> reply = authRef->send(request.encoded());
-    if (!reply) {
+    const std::optional<QByteArray> message = authRef->send(request.encoded());
+    if (!message) {
         // The runner has gone: the right went with it; the next call asks again.
         authRef.reset();
-        return kHXPrivilegedToolFailure;
+        return HXPrivilegedReply{kHXPrivilegedToolFailure, {}, {}, {}};
     }
-    qint32 status = kHXPrivilegedToolFailure;
-    QDataStream(*reply) >> status;
-    return status;
+    return HXPrivilegedReply::decoded(*message).value_or(
+        HXPrivilegedReply{kHXPrivilegedToolFailure, {}, {}, {}});
 }
 
 QString helperFolder()
@@ -197,21 +196,36 @@ int HXAuthorization::authExecTask(const QString &tool, const QStringList &parame
 
 int HXAuthorization::authExecTask(const QString &tool, const QStringList &parameters, QByteArray *report)
 {
-    if (!platform::isRoot() || !QFileInfo::exists(tool))
+    report->clear();
+    if (!QFileInfo::exists(tool))
         return authExecTask(tool, parameters, false);
-    *report = HXTaskEx::dataFromTask(tool, parameters).value_or(QByteArray());
-    return kStatusSuccess;
+    if (platform::isRoot()) {
+        *report = HXTaskEx::dataFromTask(tool, parameters).value_or(QByteArray());
+        return kStatusSuccess;
+    }
+    std::optional<HXPrivilegedRequest> request = requestForTool(tool, parameters, false);
+    if (!request || request->operation != HXPrivilegedOperation::RunHelper)
+        return authExecTask(tool, parameters, false);
+    request->captureOutput = true;
+    HXPrivilegedReply reply;
+    const int status = perform(*request, &reply);
+    *report = reply.output;
+    return status;
 }
 
-int HXAuthorization::perform(const HXPrivilegedRequest &request)
+int HXAuthorization::perform(const HXPrivilegedRequest &request, HXPrivilegedReply *reply)
 {
     if (platform::isRoot())
-        return HXPerformPrivilegedRequest(request, {HXLocalPaths::trashDirectory(), helperFolder()});
+        return HXPerformPrivilegedRequest(request, {HXLocalPaths::trashDirectory(), helperFolder()}, reply);
     if (!isAuthorized())
         authStart();
     if (!isAuthorized())
         return kStatusNotAuthorized;
-    return sendRequest(m_authRef, request);
+    HXPrivilegedReply received = sendRequest(m_authRef, request);
+    const int status = received.status;
+    if (reply)
+        *reply = std::move(received);
+    return status;
 }
 
 int HXAuthorization::performFileOperation(HXPrivilegedOperation operation, const QStringList &paths)
@@ -247,6 +261,12 @@ bool HXAuthorization::authTrashFile(const QString &path)
 
 bool HXAuthorization::authTrashFile(const QString &path, bool deleteOnRootAccount)
 {
+    return authTrashFile(path, deleteOnRootAccount, nullptr);
+}
+
+bool HXAuthorization::authTrashFile(const QString &path, bool deleteOnRootAccount,
+                                    platform::trash::Outcome *trashed)
+{
     if (refusesProtected(HXPrivilegedOperation::Trash, path))
         return false;
     const QString name = HXPath::lastComponent(path);
@@ -274,7 +294,10 @@ bool HXAuthorization::authTrashFile(const QString &path, bool deleteOnRootAccoun
     HXPrivilegedRequest request;
     request.operation = HXPrivilegedOperation::Trash;
     request.arguments = QStringList{platform::absoluteItemPath(path), HXPath::lastComponent(destination)};
-    const int status = perform(request);
+    HXPrivilegedReply reply;
+    const int status = perform(request, &reply);
+    if (trashed && status == kStatusSuccess && !reply.trashedPath.isEmpty())
+        *trashed = platform::trash::Outcome{true, reply.trashedPath, reply.infoPath, 0};
     return platform::isRoot() || status == kStatusSuccess;
 }
 

@@ -11,6 +11,7 @@
 // Refusals and errors go to the system console log (platform::systemLog).
 
 #include "platform/AdminAuthorization.h"
+#include "platform/Trash.h"
 #include "system/HXPrivilegedRequest.h"
 
 #include <QString>
@@ -54,8 +55,9 @@ public:
     int authExecTask(const QString &tool, const QStringList &parameters);
     int authExecTask(const QString &tool, const QStringList &parameters, bool async);
     // The same, waited for, for a helper tool that reports what it changed on its
-    // standard output: as root the tool runs here and REPORT receives that output;
-    // through the administrator helper the output is not kept and REPORT stays empty.
+    // standard output: REPORT receives that output, whether the tool ran here as
+    // root or through the administrator helper (which hands back its whole lines,
+    // up to HXPrivilegedReply::kMaximumOutput bytes).
     int authExecTask(const QString &tool, const QStringList &parameters, QByteArray *report);
 
     // File operations, as the system tools do them, carried out by descriptors:
@@ -64,6 +66,8 @@ public:
     bool authRemoveFile(const QString &path);
     bool authTrashFile(const QString &path);
     bool authTrashFile(const QString &path, bool deleteOnRootAccount);
+    // TRASHED, when the item was moved to the Trash, receives where it went and its record.
+    bool authTrashFile(const QString &path, bool deleteOnRootAccount, platform::trash::Outcome *trashed);
     bool authTrashFolderContents(const QString &folder);
     bool authTrashFolderContents(const QString &folder, bool deleteOnRootAccount);
     bool authMoveFolderContents(const QString &folder, const QString &destination);
@@ -83,7 +87,7 @@ private:
 
     // Carries out REQUEST with the rights: in process as root, else through the
     // runner (asking for the right first when needed).
-    int perform(const HXPrivilegedRequest &request);
+    int perform(const HXPrivilegedRequest &request, HXPrivilegedReply *reply = nullptr);
     int performFileOperation(HXPrivilegedOperation operation, const QStringList &paths);
     // Writes OPERATION's refusal for a protected PATH (under any spelling).
     static bool refusesProtected(HXPrivilegedOperation operation, const QString &path);

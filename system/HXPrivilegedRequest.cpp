@@ -9,18 +9,23 @@
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
 
-#include <QDataStream>
 #include <QStringDecoder>
 #include <QFileInfo>
 #include <QIODevice>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr quint32 kRequestMagic = 0x4d574152;  // "MWAR"
+constexpr quint32 kReplyMagic = 0x4d575250;    // "MWRP"
+constexpr quint32 kWaitFlag = 1;
+constexpr quint32 kCaptureFlag = 2;
 
 bool isAbsolutePath(const QString &path)
 {
@@ -45,6 +50,8 @@ const QStringList &HXPrivilegedHelperTools()
 bool HXPrivilegedRequest::isWellFormed() const
 {
     const QStringList &a = arguments;
+    if (captureOutput && (operation != HXPrivilegedOperation::RunHelper || !wait))
+        return false;
     switch (operation) {
     case HXPrivilegedOperation::Remove:
     case HXPrivilegedOperation::RemoveTree:
@@ -67,8 +74,10 @@ bool HXPrivilegedRequest::isWellFormed() const
     return false;
 }
 
-// The wire form: magic, operation, wait flag, argument count, then each argument
-// as its UTF-8 length and bytes; integers big-endian. Decoding checks every
+// The wire form: magic, operation, flags (wait, capture output), argument count,
+// then each argument as its UTF-8 length and bytes; integers big-endian. A reply
+// is its magic, the status, the trashed path, the record and the output, each
+// string or data as its length and bytes. Decoding checks every
 // length against what is left, so no message can make the runner allocate more
 // than the message itself.
 namespace {
@@ -101,7 +110,29 @@ struct Reader {
         position += length;
         return part;
     }
+    std::optional<QByteArray> chunk()
+    {
+        const std::optional<quint32> length = number();
+        return length ? chunk(*length) : std::nullopt;
+    }
+    std::optional<QString> text()
+    {
+        const std::optional<QByteArray> bytes = chunk();
+        if (!bytes)
+            return std::nullopt;
+        QStringDecoder decoder(QStringDecoder::Utf8);
+        QString decoded = decoder.decode(*bytes);
+        if (decoder.hasError())
+            return std::nullopt;
+        return decoded;
+    }
 };
+
+void appendChunk(QByteArray &bytes, const QByteArray &chunk)
+{
+    appendNumber(bytes, static_cast<quint32>(chunk.size()));
+    bytes.append(chunk);
+}
 
 }  // namespace
 
@@ -110,13 +141,10 @@ QByteArray HXPrivilegedRequest::encoded() const
     QByteArray bytes;
     appendNumber(bytes, kRequestMagic);
     appendNumber(bytes, static_cast<quint32>(operation));
-    appendNumber(bytes, wait ? 1 : 0);
+    appendNumber(bytes, (wait ? kWaitFlag : 0) | (captureOutput ? kCaptureFlag : 0));
     appendNumber(bytes, static_cast<quint32>(arguments.size()));
-    for (const QString &argument : arguments) {
-        const QByteArray text = argument.toUtf8();
-        appendNumber(bytes, static_cast<quint32>(text.size()));
-        bytes.append(text);
-    }
+    for (const QString &argument : arguments)
+        appendChunk(bytes, argument.toUtf8());
     return bytes;
 }
 
@@ -125,28 +153,55 @@ std::optional<HXPrivilegedRequest> HXPrivilegedRequest::decoded(const QByteArray
     Reader reader{bytes};
     const std::optional<quint32> magic = reader.number();
     const std::optional<quint32> operation = reader.number();
-    const std::optional<quint32> wait = reader.number();
+    const std::optional<quint32> flags = reader.number();
     std::optional<quint32> count = reader.number();
     if (!count || *magic != kRequestMagic ||
-        *operation > static_cast<quint32>(HXPrivilegedOperation::RunHelper) || *wait > 1)
+        *operation > static_cast<quint32>(HXPrivilegedOperation::RunHelper) ||
+        (*flags & ~(kWaitFlag | kCaptureFlag)) != 0)
         return std::nullopt;
     HXPrivilegedRequest request;
     request.operation = static_cast<HXPrivilegedOperation>(*operation);
-    request.wait = *wait == 1;
+    request.wait = (*flags & kWaitFlag) != 0;
+    request.captureOutput = (*flags & kCaptureFlag) != 0;
     for (; *count > 0; --*count) {
-        const std::optional<quint32> length = reader.number();
-        const std::optional<QByteArray> text = length ? reader.chunk(*length) : std::nullopt;
-        if (!text)
+        const std::optional<QString> argument = reader.text();
+        if (!argument)
             return std::nullopt;
-        QStringDecoder decoder(QStringDecoder::Utf8);
-        QString argument = decoder.decode(*text);
-        if (decoder.hasError())
-            return std::nullopt;
-        request.arguments.append(argument);
+        request.arguments.append(*argument);
     }
     if (reader.position != bytes.size() || !request.isWellFormed())
         return std::nullopt;
     return request;
+}
+
+QByteArray HXPrivilegedReply::encoded() const
+{
+    QByteArray bytes;
+    appendNumber(bytes, kReplyMagic);
+    appendNumber(bytes, static_cast<quint32>(status));
+    appendChunk(bytes, trashedPath.toUtf8());
+    appendChunk(bytes, infoPath.toUtf8());
+    appendChunk(bytes, output.left(kMaximumOutput));
+    return bytes;
+}
+
+std::optional<HXPrivilegedReply> HXPrivilegedReply::decoded(const QByteArray &bytes)
+{
+    Reader reader{bytes};
+    const std::optional<quint32> magic = reader.number();
+    const std::optional<quint32> status = reader.number();
+    std::optional<QString> trashedPath = reader.text();
+    std::optional<QString> infoPath = reader.text();
+    std::optional<QByteArray> output = reader.chunk();
+    if (!output || *magic != kReplyMagic || reader.position != bytes.size() ||
+        output->size() > kMaximumOutput)
+        return std::nullopt;
+    HXPrivilegedReply reply;
+    reply.status = static_cast<qint32>(*status);
+    reply.trashedPath = std::move(*trashedPath);
+    reply.infoPath = std::move(*infoPath);
+    reply.output = std::move(*output);
+    return reply;
 }
 
 namespace HXSystemTools {
@@ -224,8 +279,31 @@ int moveAcross(const platform::Item &source, const platform::Item &target)
     return source.folder.removeTree(source.name);
 }
 
-int runHelper(const QStringList &arguments, bool wait, const QString &helperFolder)
+// The lines written to FD until its other end closes, as far as they fit in
+// LIMIT bytes; the rest is read and dropped so the writer never blocks.
+QByteArray readLinesToEnd(int fd, qsizetype limit)
 {
+    QByteArray kept;
+    bool cut = false;
+    char buffer[65536];
+    for (;;) {
+        const ssize_t count = ::read(fd, buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            break;
+        const qsizetype room = limit - kept.size();
+        cut = cut || count > room;
+        kept.append(buffer, std::min<qsizetype>(count, room));
+    }
+    if (cut)
+        kept.truncate(kept.lastIndexOf('\n') + 1);
+    return kept;
+}
+
+int runHelper(const HXPrivilegedRequest &request, const QString &helperFolder, QByteArray *output)
+{
+    const QStringList &arguments = request.arguments;
     const QString tool = HXPath::appendingComponent(helperFolder, arguments.first());
     // Only a tool nobody but root can have placed or changed is run as root.
     int error = 0;
@@ -237,19 +315,27 @@ int runHelper(const QStringList &arguments, bool wait, const QString &helperFold
         return refuse(QStringLiteral("run"), tool, info ? EPERM : (error ? error : ENOENT));
     auto child = std::make_shared<platform::ChildProcess>(tool, arguments.mid(1));
     child->setStandardInput(platform::ChildProcess::Stream::Null);
-    child->setStandardOutput(platform::ChildProcess::Stream::Null);
+    child->setStandardOutput(request.captureOutput ? platform::ChildProcess::Stream::Pipe
+                                                   : platform::ChildProcess::Stream::Null);
     child->setWorkingDirectory(QStringLiteral("/"));
     QString reason;
     if (!child->launch(&reason)) {
         platform::systemLog(HXFormat(u"Unable to run %@: %@", tool, reason));
         return kHXPrivilegedToolFailure;
     }
-    if (wait)
+    if (request.captureOutput) {
+        const QByteArray written =
+            readLinesToEnd(child->standardOutputReadEnd(), HXPrivilegedReply::kMaximumOutput);
+        child->closeStandardOutput();
+        if (output)
+            *output = written;
+    }
+    if (request.wait)
         child->waitUntilExit();
     return 0;
 }
 
-int perform(const HXPrivilegedRequest &request, const HXPrivilegedContext &context)
+int perform(const HXPrivilegedRequest &request, const HXPrivilegedContext &context, HXPrivilegedReply &reply)
 {
     const QStringList &paths = request.arguments;
     int error = 0;
@@ -293,6 +379,8 @@ int perform(const HXPrivilegedRequest &request, const HXPrivilegedContext &conte
             return refuse(QStringLiteral("trash"), paths[0], ENOENT);
         const platform::trash::Outcome outcome =
             platform::trash::moveToTrashAs(paths[0], context.trashFilesFolder, paths[1]);
+        reply.trashedPath = outcome.trashedPath;
+        reply.infoPath = outcome.infoPath;
         return outcome.trashed ? 0 : refuse(QStringLiteral("trash"), paths[0], outcome.error);
     }
     case HXPrivilegedOperation::Touch: {
@@ -304,7 +392,7 @@ int perform(const HXPrivilegedRequest &request, const HXPrivilegedContext &conte
         return 0;
     }
     case HXPrivilegedOperation::RunHelper:
-        return runHelper(request.arguments, request.wait, context.helperFolder);
+        return runHelper(request, context.helperFolder, &reply.output);
     }
     return kHXPrivilegedToolFailure;
 }
@@ -327,17 +415,23 @@ QString requestingUsersTrash()
 
 }  // namespace
 
-int HXPerformPrivilegedRequest(const HXPrivilegedRequest &request, const HXPrivilegedContext &context)
+int HXPerformPrivilegedRequest(const HXPrivilegedRequest &request, const HXPrivilegedContext &context,
+                               HXPrivilegedReply *reply)
 {
+    HXPrivilegedReply ignored;
+    HXPrivilegedReply &result = reply ? *reply : ignored;
+    result = HXPrivilegedReply();
+    result.status = kHXPrivilegedToolFailure;
     if (!request.isWellFormed())
-        return kHXPrivilegedToolFailure;
+        return result.status;
     // The protected-folder rule again, here where the rights are: under any spelling.
     const QString refusal = HXProtectedPathRefusal(request.operation, request.arguments.value(0));
     if (!refusal.isEmpty() && HXLocalPaths::isProtectedFolder(request.arguments.value(0))) {
         platform::systemLog(refusal);
-        return kHXPrivilegedToolFailure;
+        return result.status;
     }
-    return perform(request, context);
+    result.status = perform(request, context, result);
+    return result.status;
 }
 
 int HXPrivilegedRunnerMain(int input, int output)
@@ -353,11 +447,11 @@ int HXPrivilegedRunnerMain(int input, int output)
         const std::optional<HXPrivilegedRequest> request = HXPrivilegedRequest::decoded(*message);
         if (!request)
             platform::systemLog(QStringLiteral("Refusing a request that is not one Mendwell sends"));
-        const qint32 status =
-            request ? HXPerformPrivilegedRequest(*request, context) : kHXPrivilegedToolFailure;
-        QByteArray reply;
-        QDataStream(&reply, QIODevice::WriteOnly) << status;
-        if (!platform::writeMessage(output, reply))
+        HXPrivilegedReply reply;
+        reply.status = kHXPrivilegedToolFailure;
+        if (request)
+            HXPerformPrivilegedRequest(*request, context, &reply);
+        if (!platform::writeMessage(output, reply.encoded()))
             return 1;
     }
     return 0;

@@ -10,6 +10,8 @@
 // Carried out in process when running as root, and by the privileged runner
 // (authtool) otherwise.
 
+#include "platform/AdminAuthorization.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
@@ -32,6 +34,9 @@ struct HXPrivilegedRequest {
     QStringList arguments;
     // RunHelper: answer only once the tool has ended.
     bool wait = true;
+    // RunHelper, waited for: hand back what the tool wrote on its standard
+    // output (a report of what it changed).
+    bool captureOutput = false;
 
     QByteArray encoded() const;
     // None for anything that is not a well-formed request: an unknown
@@ -39,6 +44,23 @@ struct HXPrivilegedRequest {
     // "/", a helper tool that is not one of the bundle's.
     static std::optional<HXPrivilegedRequest> decoded(const QByteArray &bytes);
     bool isWellFormed() const;
+};
+
+// What a carried-out request hands back besides its status: where a trashed
+// item went (Trash), or a helper tool's standard output (RunHelper with
+// captureOutput): its first kMaximumOutput bytes, cut after the last whole line,
+// so that a reply always fits in one message to the client.
+struct HXPrivilegedReply {
+    static constexpr qsizetype kMaximumOutput = platform::kMaximumMessage / 2;
+
+    qint32 status = 0;
+    QString trashedPath;
+    QString infoPath;
+    QByteArray output;
+
+    QByteArray encoded() const;
+    // None for anything that is not a reply the runner sends.
+    static std::optional<HXPrivilegedReply> decoded(const QByteArray &bytes);
 };
 
 // The bundle's helper tools, the only programs the runner starts.
@@ -72,7 +94,9 @@ QString HXProtectedPathRefusal(HXPrivilegedOperation operation, const QString &p
 // Carries out REQUEST in this process, which must already have the rights: 0 when
 // it was carried out (as the tools it stands for, whatever came of it), else
 // kHXPrivilegedToolFailure. Each refusal is written to the system console log.
-int HXPerformPrivilegedRequest(const HXPrivilegedRequest &request, const HXPrivilegedContext &context);
+// REPLY, when given, receives the status and what the request hands back.
+int HXPerformPrivilegedRequest(const HXPrivilegedRequest &request, const HXPrivilegedContext &context,
+                               HXPrivilegedReply *reply = nullptr);
 
 // The privileged runner: answers requests read from INPUT on OUTPUT until INPUT
 // ends. Returns the process exit status.

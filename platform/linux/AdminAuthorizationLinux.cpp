@@ -20,7 +20,6 @@ namespace platform {
 namespace {
 
 const QString kPkexec = QStringLiteral("/usr/bin/pkexec");
-constexpr quint32 kMaxMessage = 16 * 1024 * 1024;
 // The credentials could not be checked (errAuthorizationInternal): no system bus,
 // or polkit would not take our agent.
 constexpr int kNoCredentialService = -60008;
@@ -87,7 +86,7 @@ std::optional<QByteArray> readMessage(int fd)
         return std::nullopt;
     const quint32 length = (quint32(header[0]) << 24) | (quint32(header[1]) << 16) |
                            (quint32(header[2]) << 8) | quint32(header[3]);
-    if (length > kMaxMessage)
+    if (length > kMaximumMessage)
         return std::nullopt;
     QByteArray message(static_cast<qsizetype>(length), Qt::Uninitialized);
     if (!readAll(fd, message.data(), length))

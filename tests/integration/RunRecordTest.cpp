@@ -2,6 +2,7 @@
 // the sample data: the preview says what the repair then does, the record says
 // what it did, and restore takes it back.
 
+#include "tests/support/PolkitNamespace.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestFiles.h"
 
@@ -193,4 +194,50 @@ TEST_F(RunRecordTest, RestoreKeepsBothSaysWhatIsLostAndRefusesBadArguments)
     const ProcessResult help = ctl({QStringLiteral("--help")});
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_TRUE(help.out.startsWith("usage: mendwellctl COMMAND"));
+}
+
+// As anna, without root: the runner carries out what anna cannot, and hands back
+// what it did, so the record holds the machine's preference the runner trashed and
+// every change permissiontool made.
+TEST(RunRecordAsUserTest, TheRecordHoldsWhatTheAdministratorsHelperDid)
+{
+    SKIP_WITHOUT_POLKIT();
+    PolkitNamespace env;
+    const ProcessResult made =
+        runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
+                    env.hostPath({})});
+    ASSERT_EQ(made.exitCode, 0) << made.err.constData();
+    const auto json = [](const PolkitNamespace::Result &run) {
+        return QJsonDocument::fromJson(QByteArray(run.output).replace("\r\n", "\n")).object();
+    };
+    const QString macos = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/");
+    const QJsonObject planned = json(env.runAsUser({macos + "mendwellctl", "preview", "-trash", "--json"}, 0,
+                                                   PolkitNamespace::Agent::None));
+    const QStringList toTrash = strings(planned.value("trash"));
+    const QString machinePreference = QStringLiteral("/Library/Preferences/com.adobe.CSXS.4.plist");
+    ASSERT_TRUE(toTrash.contains(machinePreference)) << toTrash.join(", ").toStdString();
+
+    const PolkitNamespace::Result repaired =
+        env.runAsUser({macos + "Mendwell", "-repair", "-trash", "-hotkey"});
+    EXPECT_EQ(repaired.passwordPrompts, 1) << repaired.output.constData();
+    const QJsonObject record =
+        json(env.runAsUser({macos + "mendwellctl", "report", "--json"}, 0, PolkitNamespace::Agent::None));
+    EXPECT_EQ(strings(record.value("trashed"), "path"), toTrash) << repaired.output.constData();
+    for (const QJsonValue &item : record.value("trashed").toArray()) {
+        const QString trashPath = item.toObject().value("trashPath").toString();
+        EXPECT_TRUE(trashPath.startsWith("/Users/anna/.local/share/Trash/files/") && env.exists(trashPath))
+            << trashPath.toStdString();
+    }
+    EXPECT_FALSE(env.exists(machinePreference));
+    // The changes the preview listed, made by permissiontool as root and reported back.
+    const QStringList changed = sorted(strings(record.value("permissionChanges"), "path"));
+    EXPECT_EQ(changed, sorted(strings(planned.value("permissionChanges"), "path")));
+    EXPECT_EQ(changed.size(), 5);
+    for (const QJsonValue &change : record.value("permissionChanges").toArray()) {
+        const QJsonObject fields = change.toObject();
+        if (fields.value("path").toString().endsWith("Trace Database.txt")) {
+            EXPECT_EQ(fields.value("ownerBefore").toString() + " -> " + fields.value("ownerAfter").toString(),
+                      "root -> anna");
+        }
+    }
 }

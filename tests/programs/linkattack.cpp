@@ -17,7 +17,6 @@
 
 #include <QByteArray>
 #include <QCoreApplication>
-#include <QDataStream>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -578,11 +577,10 @@ int runnerRequests(QString &details)
             details += QStringLiteral("the runner went away at: ") + it.key() + QLatin1Char('\n');
             return escapes + 1;
         }
-        const std::optional<QByteArray> reply = platform::readMessage(runner.standardOutputReadEnd());
-        qint32 status = 0;
-        if (reply)
-            QDataStream(*reply) >> status;
-        if (!reply || status == 0) {
+        const std::optional<QByteArray> message = platform::readMessage(runner.standardOutputReadEnd());
+        const std::optional<HXPrivilegedReply> reply =
+            message ? HXPrivilegedReply::decoded(*message) : std::nullopt;
+        if (!reply || reply->status == 0) {
             ++escapes;
             details += it.key() + QStringLiteral(" was carried out\n");
         }

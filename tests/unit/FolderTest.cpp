@@ -173,4 +173,36 @@ TEST(PrivilegedRequestTest, OnlyWellFormedRequestsOfTheKnownKindsDecode)
     QByteArray unknown = request.encoded();
     unknown[7] = 42;  // the operation's low byte
     EXPECT_FALSE(HXPrivilegedRequest::decoded(unknown));
+
+    // Output is handed back only by a helper tool that is waited for.
+    HXPrivilegedRequest capture;
+    capture.operation = HXPrivilegedOperation::RunHelper;
+    capture.arguments = {QStringLiteral("permissiontool")};
+    capture.captureOutput = true;
+    const auto captured = HXPrivilegedRequest::decoded(capture.encoded());
+    ASSERT_TRUE(captured);
+    EXPECT_TRUE(captured->captureOutput && captured->wait);
+    capture.wait = false;
+    EXPECT_FALSE(HXPrivilegedRequest::decoded(capture.encoded()));
+    request.captureOutput = true;
+    EXPECT_FALSE(HXPrivilegedRequest::decoded(request.encoded()));
+    QByteArray flags = capture.encoded();
+    flags[11] = 4;  // a flag no client sends
+    EXPECT_FALSE(HXPrivilegedRequest::decoded(flags));
+}
+
+TEST(PrivilegedRequestTest, RepliesCarryTheirPathsAndOutputWhole)
+{
+    const HXPrivilegedReply reply{-60031, QStringLiteral("/Users/anna/.local/share/Trash/files/\u00e9 1"),
+                                  QStringLiteral("/i"), QByteArray("a\0b\n", 4)};
+    const std::optional<HXPrivilegedReply> decoded = HXPrivilegedReply::decoded(reply.encoded());
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(decoded->status, -60031);
+    EXPECT_EQ(decoded->trashedPath, reply.trashedPath);
+    EXPECT_EQ(decoded->infoPath, reply.infoPath);
+    EXPECT_EQ(decoded->output, reply.output);
+    QByteArray longer = reply.encoded();
+    longer.append('x');
+    EXPECT_FALSE(HXPrivilegedReply::decoded(longer));
+    EXPECT_FALSE(HXPrivilegedReply::decoded(reply.encoded().chopped(1)));
 }
