@@ -24,8 +24,9 @@ bool isPackageAtPath(const QString &path);
 bool isSymbolicLinkAtPath(const QString &path);
 
 // Hears of every item this process moves to the Trash, itself or through the
-// administrator right: its original path, where it lies in the Trash, and its record. One observer per
-// process; none by default. Called on the thread that trashed the item.
+// administrator right: its original path, where it lies in the Trash, and its
+// record. One observer per process; none by default. Called on the thread that
+// trashed the item.
 using HXTrashObserver =
     std::function<void(const QString &originalPath, const QString &trashedPath, const QString &infoPath)>;
 void setTrashObserver(HXTrashObserver observer);
