@@ -14,6 +14,7 @@
 #include "app/audit/HXPermissionCorrection.h"
 #include "app/audit/HXPermissionRules.h"
 #include "platform/Accounts.h"
+#include "tests/support/FreshRoot.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -162,28 +163,14 @@ bool runFind(const QString &root)
 // builds it: the host has neither folder, so binding over them is not enough.
 QStringList inSandbox(const QString &top, const QStringList &command)
 {
-    QStringList args;
-    const QStringList own{QStringLiteral("Users"), QStringLiteral("Library"), QStringLiteral("proc"),
-                          QStringLiteral("dev"), QStringLiteral("sys")};
-    for (const QFileInfo &entry :
-         QDir(QStringLiteral("/")).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
-        if (own.contains(entry.fileName()))
-            continue;
-        const QString path = QLatin1Char('/') + entry.fileName();
-        if (entry.isSymLink())
-            args << QStringLiteral("--symlink") << entry.symLinkTarget() << path;
-        else
-            args << (entry.isDir() ? QStringLiteral("--bind") : QStringLiteral("--ro-bind")) << path << path;
-    }
-    args << QStringLiteral("--ro-bind") << QStringLiteral("/sys") << QStringLiteral("/sys");
+    QStringList args = bubblewrapFreshRoot({QStringLiteral("Users"), QStringLiteral("Library")});
     args << QStringLiteral("--bind") << top + QStringLiteral("/Users") << QStringLiteral("/Users");
     args << QStringLiteral("--bind") << top + QStringLiteral("/Library") << QStringLiteral("/Library");
     // The console user comes from SUDO_USER, not from a seat of this machine.
     if (QFileInfo(QStringLiteral("/run/systemd/seats")).isDir())
         args << QStringLiteral("--tmpfs") << QStringLiteral("/run/systemd/seats");
-    args << QStringLiteral("--proc") << QStringLiteral("/proc") << QStringLiteral("--dev-bind")
-         << QStringLiteral("/dev") << QStringLiteral("/dev") << QStringLiteral("--unshare-pid")
-         << QStringLiteral("--die-with-parent") << QStringLiteral("--clearenv");
+    args << QStringLiteral("--unshare-pid") << QStringLiteral("--die-with-parent")
+         << QStringLiteral("--clearenv");
     const std::pair<const char *, const char *> environment[] = {
         {"PATH", "/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin"},
         {"LC_ALL", "C.UTF-8"},

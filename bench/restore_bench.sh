@@ -15,10 +15,23 @@ trap 'rm -rf "$top"' EXIT
 mkdir -p "$top/Users/anna" "$top/Library/Logs/Lanternfish"
 chown anna:anna "$top/Users/anna"
 
+# A fresh root holding every top-level folder of the machine but /Users and
+# /Library, which are the run's own: nothing is made on the machine itself.
+root=()
+for entry in /*; do
+    case ${entry#/} in Users | Library | proc | dev) continue ;; esac
+    if [ -L "$entry" ]; then
+        root+=(--symlink "$(readlink "$entry")" "$entry")
+    elif [ -d "$entry" ]; then
+        root+=(--bind "$entry" "$entry")
+    else
+        root+=(--ro-bind "$entry" "$entry")
+    fi
+done
 seats=()
 [ -d /run/systemd/seats ] && seats=(--tmpfs /run/systemd/seats)
 box() {
-    bwrap --bind / / --bind "$top/Users" /Users --bind "$top/Library" /Library "${seats[@]}" \
+    bwrap "${root[@]}" --bind "$top/Users" /Users --bind "$top/Library" /Library "${seats[@]}" \
         --proc /proc --dev-bind /dev /dev --unshare-pid --die-with-parent \
         env SUDO_USER=anna PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin "$@"
 }

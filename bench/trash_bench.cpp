@@ -9,11 +9,15 @@
 // The home trash is the one HXLocalPaths names: run it as a user, or as root with
 // SUDO_USER naming the user. As root each tool gets a fresh ext4 volume mounted
 // over that home in a private mount namespace; otherwise the run works in the real
-// home and removes from its trash whatever it put there.
+// home and removes from its trash whatever it put there. As root for a user whose
+// home does not exist (the test account anna), the run first moves into a
+// bubblewrap root of its own in which that home is an empty folder of the user's.
 
 #include "fs/HXFileManager.h"
+#include "platform/Accounts.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
+#include "tests/support/FreshRoot.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -100,6 +104,23 @@ void removeFromTrash(const QString &trashRoot, const QString &tag)
 
 }  // namespace
 
+// Runs this program again with ARGUMENTS in a bubblewrap root holding every
+// top-level folder of the machine but the one HOME lies in, which is an empty
+// tmpfs holding HOME alone.
+int runWithOwnHome(const QString &home, const QStringList &arguments)
+{
+    const QString top = home.section(QLatin1Char('/'), 1, 1);
+    QStringList args = bubblewrapFreshRoot({top});
+    args << QStringLiteral("--tmpfs") << QLatin1Char('/') + top << QStringLiteral("--dir") << home
+         << QStringLiteral("--die-with-parent") << QStringLiteral("--setenv")
+         << QStringLiteral("MENDWELL_TRASH_BENCH_HOME") << home << QCoreApplication::applicationFilePath()
+         << arguments;
+    QProcess inner;
+    inner.setProcessChannelMode(QProcess::ForwardedChannels);
+    inner.start(QStringLiteral("bwrap"), args);
+    return inner.waitForStarted() && inner.waitForFinished(-1) ? inner.exitCode() : 1;
+}
+
 // A fresh ext4 volume mounted over the home for each tool, inside a private mount
 // namespace: every tool starts from the same, unchurned file system, and nothing
 // of the run reaches the real home.
@@ -126,7 +147,8 @@ public:
     ~FreshVolume()
     {
         if (!m_home.isEmpty())
-            QProcess::execute(QStringLiteral("umount"), {m_home});
+            // Lazily: the program may still hold a folder of the volume open.
+            QProcess::execute(QStringLiteral("umount"), {QStringLiteral("-l"), m_home});
     }
 
 private:
@@ -143,6 +165,22 @@ int main(int argc, char **argv)
     if (home.isEmpty() || trashFiles.isEmpty() || files <= 0) {
         std::fprintf(stderr, "No home trash: run as a user, or as root with SUDO_USER naming one.\n");
         return 1;
+    }
+    if (::geteuid() == 0 && !QFileInfo::exists(home)) {
+        if (QStandardPaths::findExecutable(QStringLiteral("bwrap")).isEmpty()) {
+            std::fprintf(stderr, "%s does not exist, and bubblewrap (bwrap) is not installed to make it.\n",
+                         qPrintable(home));
+            return 1;
+        }
+        return runWithOwnHome(home, app.arguments().mid(1));
+    }
+    if (qEnvironmentVariable("MENDWELL_TRASH_BENCH_HOME") == home) {
+        // The home bubblewrap made is root's; the user's it must be.
+        const std::optional<platform::Account> account = platform::accountNamed(HXLocalPaths::username());
+        if (!account || ::chown(QFile::encodeName(home).constData(), account->uid, account->gid) != 0) {
+            std::fprintf(stderr, "Cannot hand %s to its user.\n", qPrintable(home));
+            return 1;
+        }
     }
     // As root the run moves into a private mount namespace and uses fresh volumes.
     const bool fresh = ::geteuid() == 0 &&

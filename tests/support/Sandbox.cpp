@@ -1,4 +1,6 @@
 #include "tests/support/Sandbox.h"
+
+#include "tests/support/FreshRoot.h"
 #include "tests/support/TestFiles.h"
 
 #include <QDir>
@@ -178,26 +180,10 @@ bool Sandbox::exists(const QString &sandboxPath) const
 
 QStringList Sandbox::bubblewrapArguments() const
 {
-    QStringList args{QStringLiteral("bwrap")};
-    // A fresh root (bubblewrap's own tmpfs) holding every real top-level folder,
-    // so that /Users, /Library and /Applications can be this test's own.
-    const QStringList own{QStringLiteral("Users"), QStringLiteral("Library"), QStringLiteral("Applications"),
-                          QStringLiteral("root"),  QStringLiteral("proc"),    QStringLiteral("dev"),
-                          QStringLiteral("sys")};
-    for (const QFileInfo &entry :
-         QDir(QStringLiteral("/")).entryInfoList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)) {
-        const QString name = entry.fileName();
-        if (own.contains(name))
-            continue;
-        const QString path = QLatin1Char('/') + name;
-        if (entry.isSymLink())
-            args << QStringLiteral("--symlink") << entry.symLinkTarget() << path;
-        else if (entry.isDir())
-            args << QStringLiteral("--bind") << path << path;
-        else
-            args << QStringLiteral("--ro-bind") << path << path;
-    }
-    args << QStringLiteral("--ro-bind") << QStringLiteral("/sys") << QStringLiteral("/sys");
+    // /Users, /Library and /Applications are this test's own.
+    QStringList args = QStringList{QStringLiteral("bwrap")} +
+                       bubblewrapFreshRoot({QStringLiteral("Users"), QStringLiteral("Library"),
+                                            QStringLiteral("Applications"), QStringLiteral("root")});
     args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Library")) << QStringLiteral("/Library");
     args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Applications"))
          << QStringLiteral("/Applications");
@@ -214,9 +200,8 @@ QStringList Sandbox::bubblewrapArguments() const
         args << QStringLiteral("--tmpfs") << QStringLiteral("/run/systemd/seats");
     for (qsizetype i = 0; i + 1 < m_overlays.size(); i += 2)
         args << QStringLiteral("--ro-bind") << m_overlays[i] << m_overlays[i + 1];
-    args << QStringLiteral("--proc") << QStringLiteral("/proc") << QStringLiteral("--dev-bind")
-         << QStringLiteral("/dev") << QStringLiteral("/dev") << QStringLiteral("--unshare-pid")
-         << QStringLiteral("--die-with-parent") << QStringLiteral("--clearenv");
+    args << QStringLiteral("--unshare-pid") << QStringLiteral("--die-with-parent")
+         << QStringLiteral("--clearenv");
     return args;
 }
 
