@@ -4,13 +4,11 @@
 #include "app/audit/AdobeProcesses.h"
 #include "app/audit/HXPermissionCorrection.h"
 #include "app/audit/HXToolReport.h"
-#include "system/HXLocalPaths.h"
 #include "fs/HXFileOperations.h"
 #include "platform/Processes.h"
+#include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
 #include "system/HXWorkspace.h"
-
-#include <QVariantList>
 
 #include <algorithm>
 #include <unistd.h>

@@ -48,6 +48,21 @@ QString pathOf(const QString &identifier)
     return HXPath::appendingComponent(repairsFolder(), identifier + kExtension);
 }
 
+// KEY of the run under way set to VALUE, or extended by ITEMS.
+void note(const QString &key, const QVariant &value)
+{
+    std::lock_guard lock(g_mutex);
+    if (g_run.active)
+        g_run.record.insert(key, value);
+}
+
+void appendTo(const QString &key, const QVariantList &items)
+{
+    std::lock_guard lock(g_mutex);
+    if (g_run.active)
+        g_run.record.insert(key, g_run.record.value(key).toList() + items);
+}
+
 void pruneOldRuns()
 {
     const QStringList identifiers = runIdentifiers();
@@ -106,30 +121,22 @@ void noteTrashed(const QString &originalPath, const QString &trashedPath, const 
 
 void noteEndedProcesses(const QVariantList &processes)
 {
-    std::lock_guard lock(g_mutex);
-    if (g_run.active)
-        g_run.record.insert(QStringLiteral("processes"),
-                            g_run.record.value(QStringLiteral("processes")).toList() + processes);
+    appendTo(QStringLiteral("processes"), processes);
 }
 
 void notePermissionChanges(const QVariantList &changes)
 {
-    std::lock_guard lock(g_mutex);
-    if (g_run.active)
-        g_run.record.insert(QStringLiteral("permissionChanges"),
-                            g_run.record.value(QStringLiteral("permissionChanges")).toList() + changes);
+    appendTo(QStringLiteral("permissionChanges"), changes);
 }
 
 void notePremiereWasRunning(bool running)
 {
-    std::lock_guard lock(g_mutex);
-    g_run.record.insert(QStringLiteral("premiereWasRunning"), running);
+    note(QStringLiteral("premiereWasRunning"), running);
 }
 
 void note32BitMode(bool on)
 {
-    std::lock_guard lock(g_mutex);
-    g_run.record.insert(QStringLiteral("32BitMode"), on);
+    note(QStringLiteral("32BitMode"), on);
 }
 
 std::optional<QString> finish(bool errorsFound, const QString &verdict)
@@ -182,16 +189,16 @@ QStringList runIdentifiers()
         for (const QString &name : folder->entries())
             if (name.endsWith(kExtension) && !name.startsWith(QLatin1Char('.')))
                 identifiers.append(name.chopped(kExtension.size()));
-    // Named by their start: the newest sorts last.
+    // Named by their start, so the newest sorts last by name: reversed, it comes first.
     std::sort(identifiers.begin(), identifiers.end(), std::greater<>());
     return identifiers;
 }
 
 std::optional<QVariantMap> load(const QString &identifier)
 {
-    const QStringList identifiers = runIdentifiers();
-    const QString wanted = identifier.isEmpty() ? identifiers.value(0) : identifier;
-    if (wanted.isEmpty() || !identifiers.contains(wanted))
+    const QString wanted = identifier.isEmpty() ? runIdentifiers().value(0) : identifier;
+    // A record's name only: nothing elsewhere is read through it.
+    if (wanted.isEmpty() || wanted.startsWith(QLatin1Char('.')) || wanted.contains(QLatin1Char('/')))
         return std::nullopt;
     QVariantMap record = PropertyList::readDictionaryInUsersTree(pathOf(wanted));
     if (record.isEmpty())

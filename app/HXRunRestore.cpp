@@ -65,6 +65,11 @@ Item restoreOne(const QString &path, const QString &trashPath, const QString &in
 
 }  // namespace
 
+QVariantMap Item::toVariant() const
+{
+    return {{QStringLiteral("path"), path}, {kRestoredTo, restoredTo}, {QStringLiteral("problem"), problem}};
+}
+
 int Outcome::restored() const
 {
     int count = 0;
@@ -104,9 +109,7 @@ Outcome restore(QVariantMap &record)
             map.insert(QStringLiteral("restoredAt"), now);
             entry = map;
         }
-        restoreItems.append(QVariantMap{{QStringLiteral("path"), item.path},
-                                        {kRestoredTo, item.restoredTo},
-                                        {QStringLiteral("problem"), item.problem}});
+        restoreItems.append(item.toVariant());
         outcome.items.push_back(item);
     }
     if (outcome.items.empty())

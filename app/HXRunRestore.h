@@ -17,6 +17,9 @@ struct Item {
     QString path;        // where it was before the repair
     QString restoredTo;  // where it is now; empty when it could not be restored
     QString problem;     // why not, or why it lies beside its old place
+
+    // {path, restoredTo, problem}, as the record's restores list it.
+    QVariantMap toVariant() const;
 };
 
 struct Outcome {

@@ -1,13 +1,10 @@
 #include "fs/HXAsyncCopy.h"
 
 #include "diagnostics/HXException.h"
+#include "fs/HXCopyPreamble.h"
 #include "fs/HXFileAttributes.h"
-#include "fs/HXFileOperations.h"
 #include "platform/Folder.h"
-#include "platform/Platform.h"
-#include "system/HXFormat.h"
 #include "system/HXMainThread.h"
-#include "system/HXPath.h"
 
 #include <QCoreApplication>
 #include <QDirIterator>
@@ -52,11 +49,6 @@ namespace {
 
 // How often a running copy reports at most.
 constexpr auto kStatusInterval = 1s;
-
-template <typename... Args> void console(QStringView format, const Args &...args)
-{
-    platform::systemLog(HXFormat(format, args...));
-}
 
 }  // namespace
 
@@ -143,31 +135,16 @@ bool copyFileWithProgressOld(const QString &source, const QString &destination,
                              const QVariant &object2)
 {
     try {
-        if (!fileExistsAtPath(source)) {
-            console(u"Error: File %@ doesn't exist. Aborting copy process...", source);
+        if (!copySourceExists(source) || !copyDestinationFolderMade(source, destination))
             return false;
-        }
-        const QString parent = HXPath::deletingLastComponent(destination);
-        if (!fileExistsAtPath(parent) && !createDirectory(parent, 10s)) {
-            console(
-                u"Unable to copy file %@ - destination directory %@ doesn't exist. Aborting copy process...",
-                source, parent);
-            return false;
-        }
         // The reports go to the main thread's event loop; without one they could not.
         if (QCoreApplication::instance() == nullptr) {
-            console(u"Failed to schedule operation with run loop: %d", -1);
+            copyConsole(u"Failed to schedule operation with run loop: %d", -1);
             return false;
         }
-        QVariantMap context{{QStringLiteral("source"), source},
-                            {QStringLiteral("destination"), destination},
-                            {QStringLiteral("operationtype"), QStringLiteral("copy")}};
-        if (delegate)
-            context.insert(QStringLiteral("delegate"), QVariant::fromValue(delegate.get()));
-        if (object.isValid())
-            context.insert(QStringLiteral("object"), object);
-        if (object2.isValid())
-            context.insert(QStringLiteral("object2"), object2);
+        QVariantMap context =
+            copySettings({{QStringLiteral("source"), source}, {QStringLiteral("destination"), destination}},
+                         delegate ? QVariant::fromValue(delegate.get()) : QVariant(), object, object2);
 
         int error = 0;
         std::optional<platform::Item> from = platform::Item::open(source, &error);
@@ -175,7 +152,7 @@ bool copyFileWithProgressOld(const QString &source, const QString &destination,
         if (to && to->exists())
             error = EEXIST;
         if (error != 0 || !to) {
-            console(u"Failed to begin asynchronous object copy: %d", error);
+            copyConsole(u"Failed to begin asynchronous object copy: %d", error);
             return false;
         }
         auto operation = std::make_shared<HXFileOperation>(std::move(context), delegate);

@@ -240,9 +240,7 @@ void HXCopyPipeline::readSource()
         {
             std::lock_guard lock(m_mutex);
             const std::size_t count = m_destinations.size();
-            m_chunks.push_back(
-                Chunk{offset, length, std::vector<std::size_t>(count), std::vector<int>(count)});
-            m_pendingWrites.push_back(static_cast<int>(count));
+            m_chunks.push_back({Chunk{length, std::vector<std::size_t>(count)}, count});
         }
         offset += length;
         if (m_digest != nullptr)
@@ -292,10 +290,9 @@ void HXCopyPipeline::writeDestination(std::size_t index)
             destination.readBacks.push({slot->offset, slot->length});
         {
             std::lock_guard lock(m_mutex);
-            const std::size_t position = static_cast<std::size_t>(slot->index - m_firstChunk);
-            m_chunks[position].written[index] = written;
-            m_chunks[position].writeErrors[index] = error;
-            --m_pendingWrites[position];
+            QueuedChunk &queued = m_chunks[static_cast<std::size_t>(slot->index - m_firstChunk)];
+            queued.chunk.written[index] = written;
+            --queued.pendingWrites;
         }
         m_changed.notify_all();
         release(slot);
@@ -331,13 +328,12 @@ std::optional<HXCopyPipeline::Chunk> HXCopyPipeline::nextWrittenChunk()
 {
     std::unique_lock lock(m_mutex);
     m_changed.wait(lock, [this] {
-        return m_stopped || (m_chunks.empty() ? m_sourceEnded : m_pendingWrites.front() == 0);
+        return m_stopped || (m_chunks.empty() ? m_sourceEnded : m_chunks.front().pendingWrites == 0);
     });
     if (m_stopped || m_chunks.empty())
         return std::nullopt;
-    Chunk chunk = std::move(m_chunks.front());
+    Chunk chunk = std::move(m_chunks.front().chunk);
     m_chunks.pop_front();
-    m_pendingWrites.pop_front();
     ++m_firstChunk;
     return chunk;
 }

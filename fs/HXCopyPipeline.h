@@ -33,11 +33,9 @@ public:
     static constexpr std::size_t kChunkSize = 8 * 1024 * 1024;
 
     struct Chunk {
-        std::uint64_t offset = 0;
         std::size_t length = 0;
-        // Per destination: bytes of this chunk written, and why the rest was not.
+        // Per destination: bytes of this chunk written.
         std::vector<std::size_t> written;
-        std::vector<int> writeErrors;
     };
 
     struct Digests {
@@ -91,10 +89,14 @@ private:
     std::uint64_t m_writeLimit = 0;
     std::vector<std::unique_ptr<Slot>> m_slots;
     std::vector<Slot *> m_freeSlots;
-    // Chunks read and not yet handed to the caller, in order.
-    std::deque<Chunk> m_chunks;
-    std::deque<int> m_pendingWrites;  // per queued chunk: writers still to finish
-    std::uint64_t m_firstChunk = 0;   // index of m_chunks.front()
+    // Chunks read and not yet handed to the caller, in order, each with the
+    // number of writers still to finish it.
+    struct QueuedChunk {
+        Chunk chunk;
+        std::size_t pendingWrites = 0;
+    };
+    std::deque<QueuedChunk> m_chunks;
+    std::uint64_t m_firstChunk = 0;  // index of m_chunks.front()
     bool m_sourceEnded = false;
     bool m_sourceFailed = false;
 

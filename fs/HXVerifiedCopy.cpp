@@ -2,14 +2,10 @@
 
 #include "diagnostics/HXException.h"
 #include "fs/HXCopyPipeline.h"
-#include "fs/HXFileOperations.h"
+#include "fs/HXCopyPreamble.h"
 #include "platform/CopyFiles.h"
-#include "platform/Platform.h"
-#include "system/HXFormat.h"
-#include "system/HXPath.h"
 
 #include <algorithm>
-#include <chrono>
 #include <limits>
 #include <memory>
 #include <new>
@@ -22,18 +18,11 @@ namespace HXFileManager {
 
 namespace {
 
-using namespace std::chrono_literals;
-
 // Progress is reported (and the delegate asked) each time this much more is copied.
 constexpr std::uint64_t kReportInterval = 41943040;
 // The copy's unit as its messages count it: one "Error writing file" line per
 // block that could not be written whole.
 constexpr std::size_t kBlockSize = 32768;
-
-template <typename... Args> void console(QStringView format, const Args &...args)
-{
-    platform::systemLog(HXFormat(format, args...));
-}
 
 const EVP_MD *digestOf(int verificationType)
 {
@@ -60,35 +49,14 @@ void reportWriteErrors(const HXCopyPipeline::Chunk &chunk, const QStringList &de
         for (qsizetype i = 0; i < destinations.size(); ++i)
             if (block >= chunk.written[static_cast<std::size_t>(i)] / kBlockSize)
                 // The stream's error indicator, as the stream would have set it.
-                console(u"Error writing file %@: %i", destinations[i], 1);
+                copyConsole(u"Error writing file %@: %i", destinations[i], 1);
 }
 
 bool missingParentsMade(const QString &source, const QStringList &destinations)
 {
-    for (const QString &destination : destinations) {
-        const QString parent = HXPath::deletingLastComponent(destination);
-        if (fileExistsAtPath(parent) || createDirectory(parent, 10s))
-            continue;
-        console(u"Unable to copy file %@ - destination directory %@ doesn't exist. Aborting copy process...",
-                source, parent);
-        return false;
-    }
-    return true;
-}
-
-QVariantMap settingsFor(const QString &source, const QStringList &destinations, HXFileCopyDelegate *delegate,
-                        const QVariant &object, const QVariant &object2)
-{
-    QVariantMap settings{{QStringLiteral("source"), source},
-                         {QStringLiteral("destinations"), destinations},
-                         {QStringLiteral("operationtype"), QStringLiteral("copy")}};
-    if (delegate != nullptr)
-        settings.insert(QStringLiteral("delegate"), QVariant::fromValue(delegate));
-    if (object.isValid())
-        settings.insert(QStringLiteral("object"), object);
-    if (object2.isValid())
-        settings.insert(QStringLiteral("object2"), object2);
-    return settings;
+    return std::all_of(destinations.begin(), destinations.end(), [&](const QString &destination) {
+        return copyDestinationFolderMade(source, destination);
+    });
 }
 
 // Runs the chunks through, reporting every 40 MiB; false when the delegate stopped it.
@@ -142,13 +110,13 @@ void carryAttributes(int source, const QString &sourcePath,
     int failure = 0;
     const std::optional<platform::FileMetadata> metadata = platform::metadataOfDescriptor(source, &failure);
     if (!metadata)
-        console(u"Error getting metadata for file %@", sourcePath);
+        copyConsole(u"Error getting metadata for file %@", sourcePath);
     for (std::size_t i = 0; i < files.size(); ++i) {
         if (metadata)
             if (const int error = platform::applyMetadata(files[i].descriptor(), *metadata))
                 failure = error;
         if (failure != 0)
-            console(u"Error setting metadata for file %@", destinations[static_cast<qsizetype>(i)]);
+            copyConsole(u"Error setting metadata for file %@", destinations[static_cast<qsizetype>(i)]);
     }
 }
 
@@ -158,27 +126,27 @@ bool copyFileWithProgress(const QString &source, const QStringList &destinations
                           HXFileCopyDelegate *delegate, const QVariant &object, const QVariant &object2)
 {
     try {
-        if (!fileExistsAtPath(source)) {
-            console(u"Error: File %@ doesn't exist. Aborting copy process...", source);
+        if (!copySourceExists(source))
             return false;
-        }
         if (destinations.isEmpty()) {
-            console(u"Error: You must have at least one destination. Aborting copy process...");
+            copyConsole(u"Error: You must have at least one destination. Aborting copy process...");
             return false;
         }
         const EVP_MD *digest = digestOf(verificationType);
         if (verificationType != kHXVerificationNone && digest == nullptr) {
-            console(u"Error: Unknown verification type %i. Aborting copy process...", verificationType);
+            copyConsole(u"Error: Unknown verification type %i. Aborting copy process...", verificationType);
             return false;
         }
         if (!missingParentsMade(source, destinations))
             return false;
-        QVariantMap settings = settingsFor(source, destinations, delegate, object, object2);
+        QVariantMap settings =
+            copySettings({{QStringLiteral("source"), source}, {QStringLiteral("destinations"), destinations}},
+                         delegate != nullptr ? QVariant::fromValue(delegate) : QVariant(), object, object2);
 
         platform::Descriptor sourceFile(platform::openFileForCopying(source));
         struct stat sourceInfo {};
         if (sourceFile.get() < 0 || ::fstat(sourceFile.get(), &sourceInfo) != 0) {
-            console(u"Error: Unable to read source file %@. Aborting copy process...", source);
+            copyConsole(u"Error: Unable to read source file %@. Aborting copy process...", source);
             return false;
         }
         std::vector<platform::CopyDestination> files;
@@ -186,7 +154,8 @@ bool copyFileWithProgress(const QString &source, const QStringList &destinations
             std::optional<platform::CopyDestination> file =
                 platform::CopyDestination::open(destination, digest != nullptr);
             if (!file) {
-                console(u"Error: Unable to open destination file %@. Aborting copy process...", destination);
+                copyConsole(u"Error: Unable to open destination file %@. Aborting copy process...",
+                            destination);
                 return false;
             }
             files.push_back(std::move(*file));
@@ -206,18 +175,18 @@ bool copyFileWithProgress(const QString &source, const QStringList &destinations
                                                         gated ? kReportInterval
                                                               : std::numeric_limits<std::uint64_t>::max());
         } catch (const std::bad_alloc &) {
-            console(u"Error copying file %@ - out of memory", source);
+            copyConsole(u"Error copying file %@ - out of memory", source);
             return false;
         }
         if (!copyChunks(*pipeline, gated, destinations, delegate, settings, total))
             return false;
         // The read that finds the end: empty when the file ends on a block boundary.
         if (pipeline->sourceFailed() || total % kBlockSize == 0)
-            console(u"%@ returned 0 bytes", source);
+            copyConsole(u"%@ returned 0 bytes", source);
         const HXCopyPipeline::Digests digests = pipeline->finish();
 
         if (total < static_cast<std::uint64_t>(sourceInfo.st_size)) {
-            console(u"Error: copied file size does not match original source %@", source);
+            copyConsole(u"Error: copied file size does not match original source %@", source);
             return false;
         }
         if (delegate != nullptr && delegate->fileCopyBytesWritten)

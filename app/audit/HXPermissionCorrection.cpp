@@ -76,6 +76,19 @@ private:
         return mode;
     }
 
+    // What ITEM is to become: unlocked, the console user's when it is in the home
+    // class and someone else's, and with its mode raised as far as the rules ask.
+    platform::ItemAttributes planned(const platform::ItemAttributes &item, const HXFolderRules &rules) const
+    {
+        platform::ItemAttributes after = item;
+        after.immutable = false;
+        if (rules.folderClass == HXFolderClass::Home &&
+            m_rules.problemOf(item, rules) == HXPermissionProblem::WrongOwner)
+            after.owner = m_account.uid;
+        after.mode = (after.mode & ~mode_t(07777)) | correctedMode(after, rules);
+        return after;
+    }
+
     void correct(const platform::OpenedItem &item, const HXFolderRules &rules, const QString &path)
     {
         std::optional<platform::ItemAttributes> now = item.attributes();
@@ -90,27 +103,18 @@ private:
             fail(path, QStringLiteral("it has %1 hard links").arg(now->links));
             return;
         }
+        const platform::ItemAttributes target = planned(before, rules);
         if (m_dryRun) {
-            platform::ItemAttributes after = *now;
-            after.immutable = false;
-            if (rules.folderClass == HXFolderClass::Home &&
-                m_rules.problemOf(*now, rules) == HXPermissionProblem::WrongOwner)
-                after.owner = m_account.uid;
-            after.mode = (after.mode & ~mode_t(07777)) | correctedMode(after, rules);
-            m_result.changes += HXToolReport::permissionChangeLine(path, before, after);
+            m_result.changes += HXToolReport::permissionChangeLine(path, before, target);
             return;
         }
         int error = 0;
-        if (now->immutable)
+        if (before.immutable)
             error = item.clearImmutable();
-        if (error == 0 && rules.folderClass == HXFolderClass::Home &&
-            m_rules.problemOf(*now, rules) == HXPermissionProblem::WrongOwner) {
-            error = item.setOwner(m_account.uid);
-            now->owner = m_account.uid;
-        }
-        const mode_t mode = correctedMode(*now, rules);
-        if (error == 0 && mode != now->permissions())
-            error = item.setMode(mode);
+        if (error == 0 && target.owner != before.owner)
+            error = item.setOwner(target.owner);
+        if (error == 0 && target.permissions() != before.permissions())
+            error = item.setMode(target.permissions());
         if (error != 0) {
             fail(path, QString::fromLocal8Bit(std::strerror(error)));
             return;

@@ -1,17 +1,17 @@
 // killtool: run as root by a repair, without arguments, to end the Adobe
 // background processes that keep Premiere Pro's files in use (the table in
-// app/audit/AdobeProcesses.cpp). Each gets SIGTERM and two seconds to quit, then SIGKILL
-// and one more second. Processes are pinned first (platform/Processes.h), so a
-// pid reused meanwhile is never signalled. Run by another user it still tries,
+// app/audit/AdobeProcesses.cpp). Each gets SIGTERM and two seconds to quit,
+// then SIGKILL and one more second. Processes are pinned first
+// (platform/Processes.h), so a pid reused meanwhile is never signalled. Run by another user it still tries,
 // and sees and ends only that user's processes. Standard output gets one report
 // line per process ended, with the signal it needed (app/audit/HXToolReport.h).
 // Exit status 0 when every matching process has ended (or none ran), 1 when one
 // still runs (named on standard error), 2 for any argument.
 
-#include "platform/Processes.h"
-#include "system/HXPath.h"
 #include "app/audit/AdobeProcesses.h"
 #include "app/audit/HXToolReport.h"
+#include "platform/Processes.h"
+#include "system/HXPath.h"
 
 #include <QStringList>
 

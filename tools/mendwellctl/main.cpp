@@ -3,11 +3,11 @@
 // repair back. Run it as the user, or as root for the console user as Mendwell
 // -repair runs.
 
+#include "app/HXCommandLine.h"
 #include "app/HXRepairPreview.h"
 #include "app/HXRunRecord.h"
 #include "app/HXRunRestore.h"
 #include "app/audit/HXMendwellUtils.h"
-#include "app/HXCommandLine.h"
 #include "system/HXFormat.h"
 
 #include <QCoreApplication>
@@ -194,19 +194,19 @@ int restore(const QStringList &arguments, bool json)
     if (json) {
         QVariantList items;
         for (const HXRunRestore::Item &item : outcome.items)
-            items.append(
-                QVariantMap{{"path", item.path}, {"restoredTo", item.restoredTo}, {"problem", item.problem}});
+            items.append(item.toVariant());
         printJson(QVariantMap{{"run", identifier}, {"items", items}});
     } else if (outcome.items.empty()) {
         print(HXFormat(u"Nothing to restore from repair %@.", identifier));
-    }
-    for (const HXRunRestore::Item &item : json ? std::vector<HXRunRestore::Item>() : outcome.items) {
-        if (item.restoredTo.isEmpty())
-            print(HXFormat(u"Not restored: %@: %@", item.path, item.problem));
-        else if (item.restoredTo != item.path)
-            print(HXFormat(u"Restored %@ as %@: %@", item.path, item.restoredTo, item.problem));
-        else
-            print(HXFormat(u"Restored %@", item.path));
+    } else {
+        for (const HXRunRestore::Item &item : outcome.items) {
+            if (item.restoredTo.isEmpty())
+                print(HXFormat(u"Not restored: %@: %@", item.path, item.problem));
+            else if (item.restoredTo != item.path)
+                print(HXFormat(u"Restored %@ as %@: %@", item.path, item.restoredTo, item.problem));
+            else
+                print(HXFormat(u"Restored %@", item.path));
+        }
     }
     if (outcome.items.empty())
         return kNothingToRestore;
