@@ -3,6 +3,7 @@
 #include "fs/HXWildcardPaths.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
+#include "system/HXUsersTree.h"
 #include "system/HXWorkspace.h"
 #include "system/PropertyList.h"
 
@@ -54,10 +55,29 @@ QStringList memoryBalancerPaths()
                     QStringLiteral("Adobe/dynamiclinkmanager/*/memorybalancer*.xml"));
 }
 
+QStringList trashedFromFolders()
+{
+    return {
+        HXPath::appendingComponent(HXLocalPaths::appSupportDirectory(kUserDomain),
+                                   QStringLiteral("Adobe/Premiere Pro")),
+        HXLocalPaths::prefsDirectory(kUserDomain),
+        HXLocalPaths::prefsDirectory(kLocalDomain),
+        HXPath::appendingComponent(HXLocalPaths::documentDirectory(kUserDomain),
+                                   QStringLiteral("Adobe/Premiere Pro")),
+        HXPath::appendingComponent(HXLocalPaths::cacheDirectory(kUserDomain),
+                                   QStringLiteral("TemporaryItems")),
+    };
+}
+
 std::optional<QString> applicationIn32BitMode(const QString &bundleIdentifier)
 {
-    const QVariantMap launchServices = PropertyList::readDictionaryInUsersTree(HXPath::appendingComponent(
-        HXLocalPaths::prefsDirectory(kUserDomain), QStringLiteral("com.apple.LaunchServices.plist")));
+    const QString list = HXPath::appendingComponent(HXLocalPaths::prefsDirectory(kUserDomain),
+                                                    QStringLiteral("com.apple.LaunchServices.plist"));
+    QVariantMap launchServices;
+    {
+        const HXActingForUser acting(list);
+        launchServices = PropertyList::readDictionaryInUsersTree(list);
+    }
     QVariantMap architectures = launchServices.value(QStringLiteral("LSArchitecturesForX86_64")).toMap();
     if (!architectures.contains(bundleIdentifier))
         architectures = launchServices.value(QStringLiteral("LSArchitecturesForX86_64v2")).toMap();

@@ -22,6 +22,10 @@ QStringList windowLayoutPaths();
 QStringList dynamicLinkCachePaths();
 QStringList memoryBalancerPaths();
 
+// The folders everything above is found in: what a repair trashed came from
+// below one of them, so a restore puts nothing anywhere else.
+QStringList trashedFromFolders();
+
 // The application's name when the system is told to start it in 32-bit mode.
 std::optional<QString> applicationIn32BitMode(const QString &bundleIdentifier);
 

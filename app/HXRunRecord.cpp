@@ -7,6 +7,7 @@
 #include "platform/Platform.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
+#include "system/HXUsersTree.h"
 #include "system/PropertyList.h"
 
 #include <QElapsedTimer>
@@ -66,6 +67,7 @@ void appendTo(const QString &key, const QVariantList &items)
 void pruneOldRuns()
 {
     const QStringList identifiers = runIdentifiers();
+    const HXActingForUser acting(repairsFolder());
     const std::optional<platform::Folder> folder = platform::Folder::open(repairsFolder());
     if (!folder)
         return;
@@ -185,6 +187,7 @@ QString repairsFolder()
 QStringList runIdentifiers()
 {
     QStringList identifiers;
+    const HXActingForUser acting(repairsFolder());
     if (const std::optional<platform::Folder> folder = platform::Folder::open(repairsFolder()))
         for (const QString &name : folder->entries())
             if (name.endsWith(kExtension) && !name.startsWith(QLatin1Char('.')))
@@ -200,6 +203,7 @@ std::optional<QVariantMap> load(const QString &identifier)
     // A record's name only: nothing elsewhere is read through it.
     if (wanted.isEmpty() || wanted.startsWith(QLatin1Char('.')) || wanted.contains(QLatin1Char('/')))
         return std::nullopt;
+    const HXActingForUser acting(repairsFolder());
     QVariantMap record = PropertyList::readDictionaryInUsersTree(pathOf(wanted));
     if (record.isEmpty())
         return std::nullopt;
@@ -209,6 +213,7 @@ std::optional<QVariantMap> load(const QString &identifier)
 bool store(const QVariantMap &record)
 {
     const QString identifier = record.value(QStringLiteral("identifier")).toString();
+    const HXActingForUser acting(repairsFolder());
     return !identifier.isEmpty() &&
            PropertyList::writeXmlFileInUsersTree(pathOf(identifier), record, consoleOwner());
 }

@@ -1,17 +1,22 @@
 #include "app/HXRunRestore.h"
 
+#include "app/HXPremiereFiles.h"
 #include "app/HXRunRecord.h"
 
 #include "fs/HXFileNames.h"
 #include "platform/Folder.h"
+#include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
+#include "system/HXUsersTree.h"
 
 #include <QDateTime>
 #include <QVariantList>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <unistd.h>
 
 namespace HXRunRestore {
 
@@ -25,18 +30,61 @@ QString reasonOf(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
+// PATH as written, with nothing that could lead elsewhere: absolute, no "." or
+// ".." components, no doubled or trailing slash.
+bool isPlainPath(const QString &path)
+{
+    return path.startsWith(QLatin1Char('/')) && platform::absoluteItemPath(path) == path &&
+           !HXPath::components(path).contains(QStringLiteral(".."));
+}
+
+bool liesBelow(const QString &path, const QString &folder)
+{
+    return !folder.isEmpty() && path.startsWith(folder + QLatin1Char('/'));
+}
+
+// The Trash folders a run may have used: the home trash, or the user's trash on
+// another volume ($topdir/.Trash/UID, $topdir/.Trash-UID).
+bool isUsersTrash(const QString &root, uid_t user)
+{
+    const QString homeTrash = HXPath::deletingLastComponent(HXLocalPaths::trashDirectory());
+    const QString uid = QString::number(user);
+    return (!homeTrash.isEmpty() && root == homeTrash) || root.endsWith(QStringLiteral("/.Trash-") + uid) ||
+           root.endsWith(QStringLiteral("/.Trash/") + uid);
+}
+
+// Why the record's entry cannot be restored as it stands; empty when it can.
+QString refusalOf(const QString &path, const QString &trashPath, const QString &infoPath, uid_t user)
+{
+    const QString files = HXPath::deletingLastComponent(trashPath);
+    const QString trashRoot = HXPath::deletingLastComponent(files);
+    const QString name = HXPath::lastComponent(trashPath);
+    if (!isPlainPath(trashPath) || HXPath::lastComponent(files) != u"files" ||
+        !isUsersTrash(trashRoot, user) ||
+        infoPath != trashRoot + QStringLiteral("/info/") + name + QStringLiteral(".trashinfo"))
+        return QStringLiteral("the record does not name an item of your Trash; nothing was moved");
+    const QStringList places = HXPremiereFiles::trashedFromFolders();
+    if (!isPlainPath(path) || std::none_of(places.begin(), places.end(),
+                                           [&path](const QString &place) { return liesBelow(path, place); }))
+        return QStringLiteral("it was not trashed from a folder a repair cleans, so it is not put there");
+    return QString();
+}
+
 // Moves the trashed item back to PATH, or beside it when PATH is taken again.
-Item restoreOne(const QString &path, const QString &trashPath, const QString &infoPath)
+Item restoreOne(const QString &path, const QString &trashPath, const QString &infoPath, uid_t user)
 {
     Item item{path, {}, {}};
+    item.problem = refusalOf(path, trashPath, infoPath, user);
+    if (!item.problem.isEmpty())
+        return item;
     int error = 0;
     const std::optional<platform::Item> trashed = platform::Item::open(trashPath, &error);
     if (!trashed || !trashed->exists()) {
         item.problem = QStringLiteral("no longer in the Trash (was the Trash emptied?)");
         return item;
     }
-    const std::optional<platform::Folder> parent = platform::Folder::openMakingPath(
-        HXPath::deletingLastComponent(path), 0755, HXRunRecord::consoleOwner(), &error);
+    const std::optional<platform::Folder> parent =
+        platform::Folder::openMakingPath(HXPath::deletingLastComponent(path), 0755, std::nullopt, &error);
     if (!parent) {
         item.problem = QStringLiteral("its folder cannot be made: ") + reasonOf(error);
         return item;
@@ -58,8 +106,11 @@ Item restoreOne(const QString &path, const QString &trashPath, const QString &in
         return item;
     }
     item.restoredTo = destination;
-    if (const std::optional<platform::Item> info = platform::Item::open(infoPath))
-        info->folder.removeEntry(info->name);
+    // The record beside the files folder the item came out of, by its name there.
+    const std::optional<platform::Folder> trashRoot = trashed->folder.parent();
+    if (const std::optional<platform::Folder> info =
+            trashRoot ? trashRoot->folder(QStringLiteral("info")) : std::nullopt)
+        info->removeEntry(HXPath::lastComponent(infoPath));
     return item;
 }
 
@@ -97,13 +148,20 @@ Outcome restore(QVariantMap &record)
     QVariantList trashed = record.value(kTrashed).toList();
     QVariantList restoreItems;
     const QDateTime now = QDateTime::currentDateTimeUtc();
+    // Root restores as the console user; with nobody there, as nobody at all.
+    const std::optional<platform::Account> console = HXUsersTree::consoleAccount();
+    const bool nobody = platform::hasRootRights() && !console;
+    const HXActingForUser acting(console);
+    const uid_t user = console ? console->uid : ::geteuid();
     for (QVariant &entry : trashed) {
         QVariantMap map = entry.toMap();
         if (map.contains(kRestoredTo))
             continue;
-        const Item item = restoreOne(map.value(QStringLiteral("path")).toString(),
-                                     map.value(QStringLiteral("trashPath")).toString(),
-                                     map.value(QStringLiteral("infoPath")).toString());
+        const QString path = map.value(QStringLiteral("path")).toString();
+        const Item item = nobody
+                              ? Item{path, {}, QStringLiteral("nobody is at the console to restore it for")}
+                              : restoreOne(path, map.value(QStringLiteral("trashPath")).toString(),
+                                           map.value(QStringLiteral("infoPath")).toString(), user);
         if (!item.restoredTo.isEmpty()) {
             map.insert(kRestoredTo, item.restoredTo);
             map.insert(QStringLiteral("restoredAt"), now);

@@ -5,6 +5,12 @@
 // beside it under a free name ("name 2.ext"), so nothing is overwritten; an item
 // no longer in the Trash (an emptied Trash) is said to be lost. The restore is
 // recorded in the run's record, and an item is never restored twice.
+//
+// The record lies in the user's tree, so she can rewrite it: nothing in it is
+// trusted. Root restores with her identity, so a restore can do nothing she
+// could not have done herself; an item is taken only from an entry of her Trash
+// (its record the matching entry of the Trash's info folder) and put back only
+// below a folder a repair trashes from.
 
 #include <QString>
 #include <QVariantMap>

@@ -9,6 +9,7 @@
 #include "system/HXMainThread.h"
 #include "system/HXPath.h"
 #include "system/HXUserDefaults.h"
+#include "system/HXUsersTree.h"
 #include "system/HXWorkspace.h"
 #include "system/PropertyList.h"
 
@@ -45,11 +46,14 @@ void recordDate(const QString &key, const std::optional<QString> &plistPath)
         defaults.synchronize();
         return;
     }
-    QVariantMap stamps = PropertyList::readDictionaryInUsersTree(*plistPath);
-    stamps.insert(key, now);
-    const std::optional<platform::Account> owner = ownerOfHomeHolding(*plistPath);
-    PropertyList::writeXmlFileInUsersTree(*plistPath, stamps,
-                                          owner ? std::optional<uid_t>(owner->uid) : std::nullopt);
+    {
+        const HXActingForUser acting(*plistPath);
+        QVariantMap stamps = PropertyList::readDictionaryInUsersTree(*plistPath);
+        stamps.insert(key, now);
+        const std::optional<platform::Account> owner = ownerOfHomeHolding(*plistPath);
+        PropertyList::writeXmlFileInUsersTree(*plistPath, stamps,
+                                              owner ? std::optional<uid_t>(owner->uid) : std::nullopt);
+    }
     HXBugReporter::chownPlist(*plistPath);
 }
 
@@ -57,6 +61,7 @@ void recordDate(const QString &key, const std::optional<QString> &plistPath)
 // in the listing's own order that starts with NAME and "_", in any case.
 std::optional<QString> reportIn(const QString &folderPath, const QString &name, const QDateTime &launch)
 {
+    const HXActingForUser acting(folderPath);
     const std::optional<platform::Folder> folder = platform::Folder::open(folderPath);
     if (!folder)
         return std::nullopt;
@@ -134,8 +139,11 @@ std::optional<QString> HXBugReporter::checkForCrashes()
 std::optional<QString> HXBugReporter::checkForCrashes(const std::optional<QString> &name,
                                                       const std::optional<QString> &plistPath)
 {
-    const QVariantMap stamps =
-        plistPath ? PropertyList::readDictionaryInUsersTree(*plistPath) : QVariantMap();
+    QVariantMap stamps;
+    if (plistPath) {
+        const HXActingForUser acting(*plistPath);
+        stamps = PropertyList::readDictionaryInUsersTree(*plistPath);
+    }
     const auto stamp = [&](const QString &key) {
         const QVariant value =
             plistPath ? stamps.value(key) : HXUserDefaults::standardUserDefaults().objectForKey(key);

@@ -2,11 +2,13 @@
 
 #include "diagnostics/HXDateDescription.h"
 #include "platform/Folder.h"
+#include "platform/Identity.h"
 #include "platform/Platform.h"
 #include "system/HXBundle.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXMainThread.h"
 #include "system/HXPath.h"
+#include "system/HXUsersTree.h"
 #include "system/HXUserDefaults.h"
 
 #include <QCoreApplication>
@@ -23,8 +25,6 @@
 #include <unistd.h>
 
 namespace {
-
-using StatInfo = struct stat;
 
 constexpr qsizetype kBufferLimit = 64 * 1024;
 constexpr std::size_t kTerminateWaitLimit = 20;
@@ -50,20 +50,12 @@ bool loggingDisabledByPreference()
     return HXUserDefaults::isSuiteSwitchSet(QStringLiteral("disable-logging"));
 }
 
-// Creates FOLDER with its missing parents. Running as root inside the console
-// user's home, the folders made are handed to that user so that the user's own
-// runs can still write their logs there. Opened as root opens the user's folders:
-// never through a link the user planted.
+// Creates FOLDER with its missing parents, with the rights of whoever the
+// caller acts as: root works in the console user's home as her, so the folders
+// are hers and her own runs can still write their logs there.
 bool createFolder(const QString &folder)
 {
-    if (folder.isEmpty())
-        return false;
-    std::optional<uid_t> owner;
-    const QString home = HXLocalPaths::userDirectory();
-    if (platform::isRoot() && !home.isEmpty() && folder.startsWith(home + QLatin1Char('/')))
-        if (const std::optional<platform::Folder> homeFolder = platform::Folder::open(home))
-            owner = homeFolder->info().value_or(StatInfo{}).st_uid;
-    return platform::Folder::openMakingPath(folder, 0777, owner).has_value();
+    return !folder.isEmpty() && platform::Folder::openMakingPath(folder, 0777, std::nullopt).has_value();
 }
 
 // Replaces PATH with an empty file through a temporary file and a rename.
@@ -117,7 +109,11 @@ QString generationPath(const QString &folder, const QString &name, int generatio
 
 HXLog::HXLog()
 {
-    m_writer = std::thread([this] { runWriter(); });
+    m_writer = std::thread([this] {
+        // Made on first use, perhaps while root acts as a user on this thread.
+        platform::useProcessIdentity();
+        runWriter();
+    });
     std::set_terminate(logUncaughtException);
 }
 
@@ -206,12 +202,15 @@ bool HXLog::createNewLogLocked(const QString &name)
 
     const QString folder = logFolder();
     const QString current = currentLogPath();
+    const bool rotate = QFileInfo::exists(current);
+    // The generations lie in the user's folder: as root, worked on with her rights.
+    const HXActingForUser acting(folder);
     if (!QFileInfo(folder).isDir() && !createFolder(folder)) {
         printToConsole(HXFormat(u"Unable to create folder %s.\n", cString(folder).constData()));
         return false;
     }
 
-    if (QFileInfo::exists(current)) {
+    if (rotate) {
         // The generations lie in the user's folder: changed by descriptor only.
         const std::optional<platform::Folder> generations = platform::Folder::open(folder);
         auto name = [&](int generation) {
@@ -232,6 +231,7 @@ bool HXLog::createNewLogLocked(const QString &name)
     }
 
     QString error;
+    const platform::WithRootRights root;
     if (!writeEmptyFileAtomically(current, &error)) {
         printToConsole(HXFormat(u"Unable to create log file %s - %s\n", current, error));
         return false;

@@ -6,6 +6,7 @@
 #include "platform/Folder.h"
 #include "platform/Platform.h"
 #include "system/HXFormat.h"
+#include "system/HXUsersTree.h"
 
 #include <QFile>
 #include <QStringDecoder>
@@ -77,6 +78,7 @@ std::uint64_t sizeBelow(const QByteArray &path, std::vector<FolderIdentity> &ope
 
 void setLocked(const QString &path, bool locked)
 {
+    const HXActingForUser acting(path);
     if (const int error = platform::setImmutable(path, locked))
         HXLog::fastAppendLog(u"Unable to unlock file %@: %@", path, qt_error_string(error));
 }
@@ -96,6 +98,7 @@ void setFolderLocked(const platform::Folder &folder, const QString &path, bool l
 
 void setFolderLocked(const QString &folder, bool locked)
 {
+    const HXActingForUser acting(folder);
     if (const std::optional<platform::Folder> opened = platform::Folder::open(folder))
         setFolderLocked(*opened, folder.endsWith(QLatin1Char('/')) ? folder.chopped(1) : folder, locked);
 }
@@ -146,6 +149,7 @@ void unlockFolder(const QString &folder)
 
 void setPosixPermissions(unsigned long permissions, const QString &path)
 {
+    const HXActingForUser acting(path);
     int error = 0;
     const std::optional<platform::Item> item = platform::Item::open(path, &error);
     if (item)

@@ -14,15 +14,19 @@
 #include "system/HXLocalPaths.h"
 #include "system/HXMainThread.h"
 #include "system/HXPath.h"
+#include "system/HXUsersTree.h"
 
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <utility>
+#include <vector>
 #include <mutex>
 #include <thread>
 
@@ -40,10 +44,18 @@ QString errorDescription(int error, const QString &path)
     return QStringLiteral("%1: %2").arg(path, QString::fromLocal8Bit(std::strerror(error)));
 }
 
-// The names in FOLDER in the file system's order; none when it cannot be opened.
-QStringList entriesOf(const QString &folder)
+// The names in FOLDER in the file system's order; an unreadable or missing folder
+// has none, as the platform answers. None at all when the walk refused a link on
+// the way: that folder was never looked at, so it is not known to be empty.
+std::optional<QStringList> entriesOf(const QString &folder)
 {
-    const std::optional<platform::Folder> opened = platform::Folder::open(folder);
+    const HXActingForUser acting(folder);
+    int error = 0;
+    const std::optional<platform::Folder> opened = platform::Folder::open(folder, &error);
+    if (!opened && error == ELOOP) {
+        HXLog::fastAppendLog(u"Unable to list folder %@: %@", folder, qt_error_string(error));
+        return std::nullopt;
+    }
     return opened ? opened->entries() : QStringList();
 }
 
@@ -114,8 +126,10 @@ void tellTrashObserver(const QString &path, const platform::trash::Outcome &outc
 }
 
 // The administrator's move to the Trash, heard by the observer like our own.
+// Root's rights again, where root was acting as the user.
 bool authTrash(const QString &path)
 {
+    const platform::WithRootRights root;
     platform::trash::Outcome outcome;
     const bool trashed = HXAuthorization::sharedController().authTrashFile(path, false, &outcome);
     if (outcome.trashed)
@@ -140,29 +154,39 @@ bool trashEntry(const platform::Folder &folder, const QString &name, const QStri
 }
 
 // Trashes, below the opened FOLDER (known as PATH), every file MATCHES accepts.
-// Folders, and links root or we made to folders, are searched; a link anyone
-// else made is never followed.
+// Folders and links to folders are searched, links only as platform::Folder
+// follows them (with root's rights, only root's own). OPEN holds the folders
+// being searched: a link back to one of them is not searched again.
 void trashMatching(const platform::Folder &folder, const QString &path,
-                   const std::function<bool(const QString &)> &matches, QStringList &trashed)
+                   const std::function<bool(const QString &)> &matches, QStringList &trashed,
+                   std::vector<std::pair<dev_t, ino_t>> &open)
 {
+    const std::optional<struct stat> info = folder.info();
+    const std::pair<dev_t, ino_t> identity{info ? info->st_dev : 0, info ? info->st_ino : 0};
+    if (!info || std::find(open.begin(), open.end(), identity) != open.end())
+        return;
+    open.push_back(identity);
     for (const QString &name : folder.entries()) {
         const QString entry = HXPath::appendingComponent(path, name);
         if (const std::optional<platform::Folder> subfolder = folder.folder(name)) {
             // A package with the extension is searched too, never trashed whole.
-            trashMatching(*subfolder, entry, matches, trashed);
+            trashMatching(*subfolder, entry, matches, trashed, open);
         } else if (matches(name)) {
             trashEntry(folder, name, entry, true);
             trashed.append(entry);
         }
     }
+    open.pop_back();
 }
 
 QStringList trashMatching(const QString &folder, const std::function<bool(const QString &)> &matches)
 {
     QStringList trashed;
     try {
+        const HXActingForUser acting(folder);
+        std::vector<std::pair<dev_t, ino_t>> open;
         if (const std::optional<platform::Folder> opened = platform::Folder::open(folder))
-            trashMatching(*opened, folder, matches, trashed);
+            trashMatching(*opened, folder, matches, trashed, open);
     } catch (const std::exception &e) {
         HXException::logException(e, "+[HXFileManager trashFilesInFolder:]");
     }
@@ -180,6 +204,7 @@ void setTrashObserver(HXTrashObserver observer)
 bool trashFile(const QString &path, bool shouldAuth)
 {
     try {
+        const HXActingForUser acting(path);
         // One walk to the item serves the unlocking and the move.
         if (const std::optional<platform::Item> item = platform::Item::open(path))
             return trashEntry(item->folder, item->name, platform::absoluteItemPath(path), shouldAuth);
@@ -202,8 +227,11 @@ bool trashFile(const QString &path, std::chrono::seconds timeout)
 
 bool trashDirectoryContents(const QString &path, bool shouldAuth)
 {
+    const std::optional<QStringList> names = entriesOf(path);
+    if (!names)
+        return false;
     bool all = true;
-    for (const QString &name : entriesOf(path))
+    for (const QString &name : *names)
         if (!trashFile(HXPath::appendingComponent(path, name), shouldAuth))
             all = false;
     return all;
@@ -226,6 +254,7 @@ namespace {
 // Removes PATH (the item itself, never through a link). Returns 0 or the errno.
 int removeItem(const QString &path)
 {
+    const HXActingForUser acting(path);
     int error = 0;
     const std::optional<platform::Item> item = platform::Item::open(path, &error);
     return item ? item->folder.removeTree(item->name) : error;
@@ -262,7 +291,11 @@ bool isFolderEmpty(const QString &path)
 {
     static const QString kDSStore = QStringLiteral(".DS_Store");
     static const QString kIcon = QStringLiteral("Icon\r");
-    const QStringList names = entriesOf(path);
+    // A folder that cannot be listed is not known to be empty.
+    const std::optional<QStringList> listed = entriesOf(path);
+    if (!listed)
+        return false;
+    const QStringList &names = *listed;
     if (names.isEmpty())
         return true;
     if (names.size() == 1 && (names.first() == kDSStore || names.first() == kIcon))
@@ -290,8 +323,11 @@ bool createDirectory(const QString &path, bool shouldAuth)
             return false;
         }
         int error = path.isEmpty() ? ENOENT : 0;
-        if (error == 0 && platform::Folder::openMakingPath(path, 0777, std::nullopt, &error))
-            return true;
+        if (error == 0) {
+            const HXActingForUser acting(path);
+            if (platform::Folder::openMakingPath(path, 0777, std::nullopt, &error))
+                return true;
+        }
         HXLog::appendLog(u"Error creating folder: %@. Authorizing...", errorDescription(error, path));
         return shouldAuth && HXAuthorization::sharedController().authCreateDir(path);
     } catch (const std::exception &e) {
@@ -324,6 +360,7 @@ namespace {
 // either side. A copy that fails half-way is removed. Returns 0 or the errno.
 int copyItem(const QString &source, const QString &destination)
 {
+    const HXActingForUser acting(source, destination);
     int error = 0;
     const std::optional<platform::Item> from = platform::Item::open(source, &error);
     const std::optional<platform::Item> to = from ? platform::Item::open(destination, &error) : std::nullopt;
@@ -371,7 +408,10 @@ bool copyFile(const QString &source, const QString &destination, std::chrono::se
 
 bool copyContentsOfDirectory(const QString &source, const QString &destination, std::chrono::seconds timeout)
 {
-    for (const QString &name : entriesOf(source)) {
+    const std::optional<QStringList> names = entriesOf(source);
+    if (!names)
+        return false;
+    for (const QString &name : *names) {
         HXLog::fastAppendLog(u"File: %@", name);
         if (!copyFile(HXPath::appendingComponent(source, name), HXPath::appendingComponent(destination, name),
                       timeout))
@@ -387,6 +427,7 @@ namespace {
 // or the errno.
 int moveItem(const QString &source, const QString &destination)
 {
+    const HXActingForUser acting(source, destination);
     int error = 0;
     const std::optional<platform::Item> from = platform::Item::open(source, &error);
     const std::optional<platform::Item> to = from ? platform::Item::open(destination, &error) : std::nullopt;
@@ -456,6 +497,7 @@ bool compressFile(const QString &source, const QString &destination, bool includ
         if (fileExistsAtPath(destination))
             trashFile(destination);
         // Only the archive's presence counts, as with the system's archiver.
+        const HXActingForUser acting(source, destination);
         HXArchive::compress(source, destination, includeParent);
         return fileExistsAtPath(destination);
     } catch (const std::exception &e) {
@@ -467,6 +509,7 @@ bool compressFile(const QString &source, const QString &destination, bool includ
 bool decompressFile(const QString &archive, const QString &destinationFolder)
 {
     try {
+        const HXActingForUser acting(archive, destinationFolder);
         if (fileExistsAtPath(destinationFolder))
             platform::trash::moveToTrash(destinationFolder, HXLocalPaths::trashDirectory());
         HXArchive::decompress(archive, destinationFolder);

@@ -2,6 +2,7 @@
 
 #include "fs/HXWildcardMatch.h"
 #include "system/HXPath.h"
+#include "system/HXUsersTree.h"
 
 #include <QFile>
 
@@ -58,6 +59,8 @@ QStringList filesMatchingWildcardPath(const QString &pattern, const QString &bas
         return {joined};
 
     const QString root = hasBase ? basePath : QStringLiteral("/");
+    // As root in the console user's home, looked at with her rights.
+    const HXActingForUser acting(root);
     QStringList candidates{root};
     for (const QString &component : patternComponents(pattern)) {
         QStringList next;

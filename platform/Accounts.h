@@ -19,6 +19,7 @@ struct Account {
 };
 
 std::optional<Account> accountNamed(const QString &name);
+std::optional<Account> accountOf(uid_t uid);
 // The account name of UID; none when no account has it.
 std::optional<QString> accountNameOf(uid_t uid);
 // The primary group of UID, for handing an item to that user whole; -1 (keep

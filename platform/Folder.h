@@ -2,16 +2,23 @@
 
 // Folders opened by descriptor, and everything done to the entries inside them.
 //
-// Root works in trees that a user owns and can change while it works. So a path
-// is resolved once, from "/", one component at a time, and every later step
-// names an entry of a folder already opened, never a path again. On the way a
-// symbolic link is followed only when nobody but root or this process's own user
-// can have made it (the link and the folder holding it belong to one of them, and
-// that folder is not writable by others unless sticky); ".." is refused unless a
-// followed link's own target climbs. An entry's last component is never
+// A path is resolved once and every later step names an entry of a folder
+// already opened, never a path again. An entry's last component is never
 // followed: removing, moving or copying a link acts on the link itself.
 //
+// How the folders on the way are found depends on whose rights the thread uses
+// (platform/Identity.h). A process acting as itself, and root acting as a user,
+// resolve a path as the system does: the kernel checks every step, so links
+// (".." included) lead where they would lead that user. With root's own rights
+// the path is walked from "/", one component at a time, and a symbolic link is
+// followed only when nobody but root can have made it (the link and the folder
+// holding it are root's, and that folder is not writable by others unless
+// sticky); ".." is refused unless a followed link's own target climbs. Root's
+// refusals are ELOOP.
+//
 // Results are 0 or the errno of the first failure.
+
+#include "platform/Accounts.h"
 
 #include <QString>
 #include <QStringList>
@@ -42,6 +49,11 @@ public:
     // are handed to OWNER (none: kept root's).
     static std::optional<Folder> openMakingPath(const QString &path, mode_t mode, std::optional<uid_t> owner,
                                                 int *error = nullptr);
+    // PATH opened as ACCOUNT would open it, making missing folders as ACCOUNT with
+    // MAKEMODE when given; refused (EPERM) unless the folder reached is ACCOUNT's,
+    // so that root may go on working inside it for her.
+    static std::optional<Folder> openAs(const Account &account, const QString &path,
+                                        std::optional<mode_t> makeMode, int *error = nullptr);
 
     bool isValid() const { return m_fd >= 0; }
     int descriptor() const { return m_fd; }

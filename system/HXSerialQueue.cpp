@@ -1,6 +1,13 @@
 #include "system/HXSerialQueue.h"
 
-HXSerialQueue::HXSerialQueue() : m_worker([this] { run(); })
+#include "platform/Identity.h"
+
+HXSerialQueue::HXSerialQueue()
+    : m_worker([this] {
+          // Made on first use, perhaps while root acts as a user on the making thread.
+          platform::useProcessIdentity();
+          run();
+      })
 {
 }
 

@@ -2,6 +2,7 @@
 
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
+#include "system/HXUsersTree.h"
 #include "system/PropertyList.h"
 
 #include <QDir>
@@ -61,6 +62,8 @@ QVariantMap HXUserDefaults::persistentDomain(const QString &domain, const QStrin
         preferencesFolder.isEmpty() ? HXLocalPaths::prefsDirectory(true) : preferencesFolder;
     if (folder.isEmpty())
         return {};
+    // As root, read with the console user's rights: her file may be a link to anywhere.
+    const HXActingForUser acting(folder);
     return PropertyList::readDictionary(pathForDomain(domain, folder));
 }
 

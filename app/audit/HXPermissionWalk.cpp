@@ -3,8 +3,11 @@
 #include "platform/FolderScan.h"
 #include "platform/Workspace.h"
 #include "system/HXPath.h"
+#include "system/HXUsersTree.h"
 
 #include <QFile>
+
+#include <cerrno>
 
 namespace {
 
@@ -48,13 +51,27 @@ private:
     HXPermissionVisitor &m_visitor;
 };
 
+// ROOT opened for the walk. With root's rights no link of the user's is followed
+// on the way, except where the root lies in the console user's home and her own
+// links lead her to a folder of hers (a second disk, a synced folder): that
+// folder is hers to have corrected, and no other is reached.
+std::optional<platform::Folder> openRoot(const QString &root)
+{
+    int error = 0;
+    std::optional<platform::Folder> opened = platform::Folder::open(root, &error);
+    if (opened || error != ELOOP)
+        return opened;
+    const std::optional<platform::Account> owner = HXUsersTree::ownerFor(root);
+    return owner ? platform::Folder::openAs(*owner, root, std::nullopt) : std::nullopt;
+}
+
 }  // namespace
 
 bool HXWalkPermissions(const QString &root, const HXPermissionRules &rules, HXPermissionVisitor &visitor)
 {
     if (rules.isExcluded(root))
         return false;
-    std::optional<platform::Folder> opened = platform::Folder::open(root);
+    std::optional<platform::Folder> opened = openRoot(root);
     std::optional<platform::ItemAttributes> attributes;
     if (opened)
         attributes = platform::attributesOf(*opened);

@@ -45,6 +45,12 @@ std::optional<Account> accountNamed(const QString &name)
     return account;
 }
 
+std::optional<Account> accountOf(uid_t uid)
+{
+    const std::optional<QString> name = accountNameOf(uid);
+    return name ? accountNamed(*name) : std::nullopt;
+}
+
 std::optional<QString> accountNameOf(uid_t uid)
 {
     return withEntryOf(uid, [](const passwd &entry) { return QFile::decodeName(entry.pw_name); });

@@ -1,6 +1,7 @@
 #include "platform/CopyFiles.h"
 
 #include "platform/Folder.h"
+#include "platform/Identity.h"
 #include "platform/linux/DescriptorPaths.h"
 
 #include <QFile>
@@ -25,7 +26,7 @@ constexpr int kOpenFlags = O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 // link at the end; otherwise as the kernel resolves it, as any program would.
 int openPath(const QString &path, int flags, int *error)
 {
-    if (::geteuid() != 0) {
+    if (!hasRootRights()) {
         const int fd = ::open(QFile::encodeName(path).constData(), flags | kOpenFlags, 0666);
         return fd >= 0 ? fd : fail(error, errno);
     }
@@ -47,7 +48,7 @@ int checkedRegularFile(Descriptor &fd, bool refuseHardLinks, int *error)
         return fail(error, errno);
     if (!S_ISREG(info.st_mode))
         return fail(error, S_ISDIR(info.st_mode) ? EISDIR : EINVAL);
-    if (refuseHardLinks && ::geteuid() == 0 && info.st_nlink > 1)
+    if (refuseHardLinks && hasRootRights() && info.st_nlink > 1)
         return fail(error, EMLINK);
     ::fcntl(fd.get(), F_SETFL, ::fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
     return fd.release();
@@ -209,7 +210,7 @@ int applyMetadata(int fd, const FileMetadata &metadata)
     struct stat current {};
     if (::fstat(fd, &current) != 0)
         return errno;
-    if (::geteuid() == 0 && current.st_nlink > 1)
+    if (hasRootRights() && current.st_nlink > 1)
         return EMLINK;
     const struct stat &source = metadata.info;
     if ((current.st_uid != source.st_uid || current.st_gid != source.st_gid) &&

@@ -215,7 +215,11 @@ void onTerminate()
 bool installCrashReportWriter(const QString &folder, const QString &applicationName,
                               std::optional<uid_t> owner)
 {
-    std::optional<Folder> opened = Folder::openMakingPath(folder, 0755, owner);
+    // As root the user's folder is reached as she reaches it, and must be hers:
+    // the reports are written into it as root, from the signal handler.
+    const std::optional<Account> account = owner && ::geteuid() == 0 ? accountOf(*owner) : std::nullopt;
+    std::optional<Folder> opened =
+        account ? Folder::openAs(*account, folder, 0755) : Folder::openMakingPath(folder, 0755, owner);
     if (!opened)
         return false;
     writer.folder = ::fcntl(opened->descriptor(), F_DUPFD_CLOEXEC, 3);

@@ -3,6 +3,7 @@
 #include "platform/Accounts.h"
 #include "platform/Descriptor.h"
 #include "platform/FolderScan.h"
+#include "platform/Identity.h"
 #include "platform/OpenedItem.h"
 #include "platform/linux/DescriptorPaths.h"
 
@@ -96,7 +97,7 @@ int walk(int start, QList<Step> steps, const MakeMissing &make, int *error)
         if (step.name == "..") {
             // Only a trusted link's own target may climb; the caller's path may not.
             if (!step.fromLink)
-                return fail(error, EACCES);
+                return fail(error, ELOOP);
             const int up = ::openat(current.get(), "..", kPathFlags & ~O_NOFOLLOW);
             if (up < 0)
                 return fail(error, errno);
@@ -113,7 +114,7 @@ int walk(int start, QList<Step> steps, const MakeMissing &make, int *error)
             Descriptor made(::openat(current.get(), step.name.constData(), kPathFlags));
             if (made.get() < 0)
                 return fail(error, errno == ELOOP ? ENOTDIR : errno);
-            if (::geteuid() == 0 && make.owner && *make.owner != 0 &&
+            if (hasRootRights() && make.owner && *make.owner != 0 &&
                 ::fchownat(made.get(), "", *make.owner, primaryGroupOf(*make.owner), AT_EMPTY_PATH) != 0)
                 return fail(error, errno);
             current.reset(made.release());
@@ -158,9 +159,40 @@ int openWithoutLinks(const QByteArray &path)
     return fd >= 0 ? static_cast<int>(fd) : -1;
 }
 
+// PATH as the kernel resolves it for this thread's identity, every link and ".."
+// followed: a process acting as itself, or root acting as a user, whose every
+// step the kernel checks.
+int walkAsTheSystemDoes(const QByteArray &absolute, const MakeMissing &make, int *error)
+{
+    constexpr int kFollowing = kPathFlags & ~O_NOFOLLOW;
+    if (!make.enabled) {
+        const int fd = ::open(absolute.constData(), kFollowing);
+        return fd >= 0 ? fd : fail(error, errno);
+    }
+    Descriptor current(openRoot(error));
+    if (current.get() < 0)
+        return -1;
+    for (const QByteArray &name : absolute.split('/')) {
+        if (name.isEmpty())
+            continue;
+        int next = ::openat(current.get(), name.constData(), kFollowing);
+        if (next < 0 && errno == ENOENT) {
+            if (::mkdirat(current.get(), name.constData(), make.mode) != 0 && errno != EEXIST)
+                return fail(error, errno);
+            next = ::openat(current.get(), name.constData(), kFollowing);
+        }
+        if (next < 0)
+            return fail(error, errno);
+        current.reset(next);
+    }
+    return current.release();
+}
+
 int walkPath(const QString &path, const MakeMissing &make, int *error)
 {
     const QByteArray absolute = encoded(absoluteItemPath(path));
+    if (!hasRootRights())
+        return walkAsTheSystemDoes(absolute, make, error);
     QList<Step> steps = stepsOf(absolute, false);
     const bool climbs =
         std::any_of(steps.begin(), steps.end(), [](const Step &step) { return step.name == ".."; });
@@ -264,7 +296,7 @@ int copyData(int in, int out, const CopyProgress &progress)
 // Owner (as root) and permission bits of an item we made, on its descriptor.
 int finish(int fd, const struct stat &source)
 {
-    if (::geteuid() == 0 && ::fchownat(fd, "", source.st_uid, source.st_gid, AT_EMPTY_PATH) != 0)
+    if (hasRootRights() && ::fchownat(fd, "", source.st_uid, source.st_gid, AT_EMPTY_PATH) != 0)
         return errno;
     return ::chmod(descriptorPath(fd).constData(), source.st_mode & 07777) == 0 ? 0 : errno;
 }
@@ -291,7 +323,7 @@ int copyItemAt(int from, const char *name, int to, const char *toName, const Cop
         target[length] = '\0';
         if (::symlinkat(target, to, toName) != 0)
             return errno;
-        if (::geteuid() != 0)
+        if (!hasRootRights())
             return 0;
         // Owned through a descriptor of the very link made: the name may have been
         // swapped for a hard link to anything since.
@@ -393,6 +425,25 @@ std::optional<Folder> Folder::openMakingPath(const QString &path, mode_t mode, s
     return fd >= 0 ? std::optional<Folder>(Folder(fd)) : std::nullopt;
 }
 
+std::optional<Folder> Folder::openAs(const Account &account, const QString &path,
+                                     std::optional<mode_t> makeMode, int *error)
+{
+    int fd = -1;
+    {
+        const ActingAs acting(account);
+        fd = walkPath(path, MakeMissing{makeMode.has_value(), makeMode.value_or(0755), std::nullopt}, error);
+    }
+    if (fd < 0)
+        return std::nullopt;
+    Folder folder(fd);
+    const std::optional<struct stat> info = folder.info();
+    if (!info || info->st_uid != account.uid) {
+        fail(error, EPERM);
+        return std::nullopt;
+    }
+    return folder;
+}
+
 std::optional<Folder> Folder::duplicate() const
 {
     const int fd = ::fcntl(m_fd, F_DUPFD_CLOEXEC, 0);
@@ -430,6 +481,14 @@ std::optional<Folder> Folder::folder(const QString &name, int *error) const
     if (!isPlainName(entry)) {
         fail(error, EINVAL);
         return std::nullopt;
+    }
+    if (!hasRootRights()) {
+        const int fd = ::openat(m_fd, entry.constData(), kPathFlags & ~O_NOFOLLOW);
+        if (fd < 0) {
+            fail(error, errno);
+            return std::nullopt;
+        }
+        return Folder(fd);
     }
     const int start = ::dup(m_fd);
     if (start < 0) {
@@ -629,6 +688,17 @@ int Folder::setImmutable(const QString &name, bool immutable) const
     if (((flags & FS_IMMUTABLE_FL) != 0) == immutable)
         return 0;
     flags = immutable ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+    if (::ioctl(fd.get(), FS_IOC_SETFLAGS, &flags) == 0)
+        return 0;
+    const int failed = errno;
+    // The Mac lets an owner lock and unlock her own items; Linux wants a
+    // capability for it. Root acting as her lends it for her items alone, on
+    // the descriptor she opened.
+    struct stat owner {};
+    const std::optional<uid_t> acting = actingUser();
+    if (failed != EPERM || !acting || ::fstat(fd.get(), &owner) != 0 || owner.st_uid != *acting)
+        return failed;
+    const WithRootRights root;
     return ::ioctl(fd.get(), FS_IOC_SETFLAGS, &flags) == 0 ? 0 : errno;
 }
 

@@ -1,5 +1,6 @@
 #include "platform/OpenedItem.h"
 
+#include "platform/Identity.h"
 #include "platform/linux/DescriptorPaths.h"
 
 #include <QByteArray>
@@ -53,7 +54,7 @@ int OpenedItem::refusal() const
         return errno;
     if (S_ISLNK(info.st_mode))
         return EOPNOTSUPP;
-    if (::geteuid() == 0 && !S_ISDIR(info.st_mode) && info.st_nlink > 1)
+    if (hasRootRights() && !S_ISDIR(info.st_mode) && info.st_nlink > 1)
         return EMLINK;
     return 0;
 }

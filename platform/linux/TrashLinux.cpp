@@ -1,6 +1,7 @@
 #include "platform/Trash.h"
 
 #include "platform/Accounts.h"
+#include "platform/Identity.h"
 
 #include <QFile>
 #include <QUrl>
@@ -31,8 +32,8 @@ QString withoutLastComponent(const QString &path)
     return slash <= 0 ? QStringLiteral("/") : path.left(slash);
 }
 
-// Opens folder NAME in PARENT, making it (0700, handed to OWNER when we are root)
-// when missing. Links are followed only as platform::Folder allows.
+// Opens folder NAME in PARENT, making it (0700, handed to OWNER when we have root's
+// rights) when missing. Links are followed only as platform::Folder allows.
 std::optional<Folder> openOrMake(const Folder &parent, const QString &name, uid_t owner, int &error)
 {
     if (std::optional<Folder> folder = parent.folder(name, &error))
@@ -42,7 +43,7 @@ std::optional<Folder> openOrMake(const Folder &parent, const QString &name, uid_
     std::optional<Folder> made = parent.makeFolder(name, 0700, &error);
     if (!made)
         return error == EEXIST ? parent.folder(name, &error) : std::nullopt;
-    if (::geteuid() == 0 && owner != 0 &&
+    if (hasRootRights() && owner != 0 &&
         ::fchownat(made->descriptor(), "", owner, primaryGroupOf(owner), AT_EMPTY_PATH) != 0) {
         error = errno;
         return std::nullopt;
@@ -50,11 +51,14 @@ std::optional<Folder> openOrMake(const Folder &parent, const QString &name, uid_
     return made;
 }
 
-// The user a trash belongs to: ourselves, or as root the owner of the deepest
-// existing folder on the way to the trash (the user's home).
+// The user a trash belongs to: ourselves, the user root acts as, or with root's
+// rights the owner of the deepest existing folder on the way to the trash (the
+// user's home).
 uid_t trashOwner(const QString &trashRoot)
 {
-    if (::geteuid() != 0)
+    if (const std::optional<uid_t> acting = actingUser())
+        return *acting;
+    if (!hasRootRights())
         return ::geteuid();
     std::optional<Folder> current = Folder::open(QStringLiteral("/"));
     uid_t owner = 0;
@@ -75,6 +79,8 @@ struct TrashFolders {
     Folder info;
 };
 
+// The trash's two folders, which must be its owner's: root puts items and records
+// there for her, so they may not lead anywhere else.
 bool openFilesAndInfo(TrashFolders &trash, const Folder &root, int &error)
 {
     std::optional<Folder> files = openOrMake(root, QStringLiteral("files"), trash.owner, error);
@@ -82,6 +88,11 @@ bool openFilesAndInfo(TrashFolders &trash, const Folder &root, int &error)
         files ? openOrMake(root, QStringLiteral("info"), trash.owner, error) : std::nullopt;
     if (!info)
         return false;
+    if (files->info().value_or(StatInfo{}).st_uid != trash.owner ||
+        info->info().value_or(StatInfo{}).st_uid != trash.owner) {
+        error = EPERM;
+        return false;
+    }
     trash.files = std::move(*files);
     trash.info = std::move(*info);
     return true;
@@ -154,8 +165,22 @@ std::shared_ptr<TrashFolders> homeTrash(const QString &root, int &error)
     trash->root = root;
     trash->owner = trashOwner(root);
     const uid_t owner = trash->owner;
-    std::optional<Folder> rootFolder = Folder::openMakingPath(root, 0700, owner, &error);
-    if (!rootFolder || !openFilesAndInfo(*trash, *rootFolder, error))
+    // Opened as its owner would open it, so her own links lead where they lead her;
+    // the folders reached must be hers. Where she cannot reach it herself, root's
+    // walk, which follows none of her links.
+    const std::optional<Account> account =
+        owner != ::geteuid() ? accountOf(owner) : std::optional<Account>(processAccount());
+    std::optional<Folder> rootFolder = account ? Folder::openAs(*account, root, 0700, &error) : std::nullopt;
+    if (!rootFolder && error != EPERM)
+        rootFolder = Folder::openMakingPath(root, 0700, owner, &error);
+    bool opened = false;
+    if (rootFolder) {
+        std::optional<ActingAs> acting;
+        if (account)
+            acting.emplace(*account);
+        opened = openFilesAndInfo(*trash, *rootFolder, error);
+    }
+    if (!opened)
         return nullptr;
     const std::lock_guard<std::mutex> lock(mutex);
     cached = trash;
@@ -171,7 +196,7 @@ bool writeRecord(const TrashFolders &trash, const QString &name, const QByteArra
         return false;
     bool written = ::write(fd, record.constData(), static_cast<size_t>(record.size())) == record.size();
     error = written ? 0 : (errno ? errno : EIO);
-    if (written && ::geteuid() == 0 && trash.owner != 0 &&
+    if (written && hasRootRights() && trash.owner != 0 &&
         ::fchown(fd, trash.owner, primaryGroupOf(trash.owner)) != 0) {
         written = false;
         error = errno;

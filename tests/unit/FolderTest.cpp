@@ -64,9 +64,10 @@ TEST_F(FolderTest, FollowsOnlyLinksThatNobodyElseCanHaveMade)
     ASSERT_TRUE(link);
     EXPECT_TRUE(S_ISLNK(link->info()->st_mode));
 
+    // "..": a plain user's path climbs as the system climbs; root's walk refuses it.
     int error = 0;
-    EXPECT_FALSE(platform::Folder::open(root + QStringLiteral("/real/../link/inner"), &error));
-    EXPECT_EQ(error, EACCES);
+    EXPECT_EQ(platform::Folder::open(root + QStringLiteral("/real/../link/inner"), &error).has_value(),
+              geteuid() != 0);
     EXPECT_FALSE(platform::Item::open(QStringLiteral("/")));
     EXPECT_FALSE(platform::Item::open(root + QStringLiteral("/missing/item"), &error));
     EXPECT_EQ(error, ENOENT);

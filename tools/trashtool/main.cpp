@@ -1,9 +1,12 @@
 // trashtool: run as root by a repair to move an item, or every item inside a
 // folder, into the Trash of the user at the console (the freedesktop.org home
 // trash, with the records a file manager restores from). Protected folders are
-// refused under any spelling; every path is opened from "/" one folder at a time
-// and the item itself is moved, never what a link points to. Exit status 0 when
-// everything was trashed, 1 otherwise, 2 for bad arguments.
+// refused under any spelling; the item itself is moved, never what a link points
+// to. In the console user's home it works with her rights first, so her links
+// lead where they lead her; what she cannot move herself it moves with root's,
+// every path then opened from "/" one folder at a time without following her
+// links. Exit status 0 when everything was trashed, 1 otherwise, 2 for bad
+// arguments.
 
 #include "platform/Folder.h"
 #include "platform/Platform.h"
@@ -11,18 +14,41 @@
 #include "system/HXFormat.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
+#include "system/HXUsersTree.h"
 
 #include <QFile>
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 namespace {
 
+// Set while an attempt with the user's rights runs: its failures are not final.
+bool g_quiet = false;
+
 int complain(const QString &message)
 {
-    std::fprintf(stderr, "trashtool: %s\n", qPrintable(message));
+    if (!g_quiet)
+        std::fprintf(stderr, "trashtool: %s\n", qPrintable(message));
     return 1;
+}
+
+// WORK on PATH with the console user's rights when PATH lies in her home, then,
+// if that did not do it all, with root's.
+int asUserThenRoot(const QString &path, const std::function<int()> &work)
+{
+    {
+        const HXActingForUser acting(path);
+        if (acting.isActing()) {
+            g_quiet = true;
+            const int status = work();
+            g_quiet = false;
+            if (status == 0)
+                return 0;
+        }
+    }
+    return work();
 }
 
 QString reason(int error)
@@ -92,6 +118,8 @@ int main(int argc, char **argv)
     if (home.isEmpty())
         return complain(QStringLiteral("nobody is logged in at the console, so there is no Trash to use"));
     const QString trash = HXPath::appendingComponent(home, platform::trashFolderInHome());
-    return contents ? trashContents(QFile::decodeName(argv[2]), trash)
-                    : trashItem(QFile::decodeName(argv[1]), trash);
+    const QString argument = QFile::decodeName(argv[contents ? 2 : 1]);
+    return asUserThenRoot(platform::absoluteItemPath(argument), [&] {
+        return contents ? trashContents(argument, trash) : trashItem(argument, trash);
+    });
 }

@@ -1,0 +1,79 @@
+#include "system/HXUsersTree.h"
+
+#include "platform/Folder.h"
+#include "platform/Platform.h"
+
+#include <mutex>
+
+namespace {
+
+struct ConsoleAccount {
+    QString name;
+    std::optional<platform::Account> account;
+    QString home;
+};
+
+// The console user's account and home, looked up again only when someone else
+// sits at the console: a repair asks for them once per file it touches.
+ConsoleAccount consoleAccountAndHome()
+{
+    static std::mutex mutex;
+    static ConsoleAccount cached;
+    const QString name = platform::consoleUser().value_or(QString());
+    const std::lock_guard lock(mutex);
+    if (name != cached.name || (!name.isEmpty() && !cached.account)) {
+        cached.name = name;
+        cached.account = platform::accountNamed(name);
+        cached.home = platform::homeDirectoryOfUser(name).value_or(QString());
+    }
+    return cached;
+}
+
+bool liesIn(const QString &path, const QString &folder)
+{
+    if (path.isEmpty() || folder.isEmpty() || folder == QLatin1String("/"))
+        return false;
+    const QString absolute = platform::absoluteItemPath(path);
+    return absolute == folder || absolute.startsWith(folder + QLatin1Char('/'));
+}
+
+}  // namespace
+
+namespace HXUsersTree {
+
+std::optional<platform::Account> consoleAccount()
+{
+    if (!platform::hasRootRights())
+        return std::nullopt;
+    const ConsoleAccount console = consoleAccountAndHome();
+    if (!console.account || console.account->uid == 0)
+        return std::nullopt;
+    return console.account;
+}
+
+std::optional<platform::Account> ownerFor(const QString &path)
+{
+    if (!platform::hasRootRights())
+        return std::nullopt;
+    const ConsoleAccount console = consoleAccountAndHome();
+    if (!console.account || console.account->uid == 0 || !liesIn(path, console.home))
+        return std::nullopt;
+    return console.account;
+}
+
+}  // namespace HXUsersTree
+
+HXActingForUser::HXActingForUser(const QString &path, const QString &otherPath)
+{
+    std::optional<platform::Account> owner = HXUsersTree::ownerFor(path);
+    if (!owner && !otherPath.isEmpty())
+        owner = HXUsersTree::ownerFor(otherPath);
+    if (owner)
+        m_acting.emplace(*owner);
+}
+
+HXActingForUser::HXActingForUser(const std::optional<platform::Account> &account)
+{
+    if (account)
+        m_acting.emplace(*account);
+}
