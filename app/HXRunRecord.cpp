@@ -1,5 +1,7 @@
 #include "app/HXRunRecord.h"
 
+#include "app/HXRunLedger.h"
+
 #include "diagnostics/HXLog.h"
 #include "fs/HXFileOperations.h"
 #include "platform/Accounts.h"
@@ -28,6 +30,7 @@ struct Run {
     QVariantMap record;
     QVariantList steps;
     QVariantList trashed;
+    QVariantList machineItems;  // for root's own ledger
     QString step;
     QElapsedTimer stepTimer;
 };
@@ -112,9 +115,12 @@ void beginStep(const QString &name)
 
 void noteTrashed(const QString &originalPath, const QString &trashedPath, const QString &infoPath)
 {
+    const std::optional<QVariantMap> machineItem = HXRunLedger::entryFor(originalPath, trashedPath);
     std::lock_guard lock(g_mutex);
     if (!g_run.active)
         return;
+    if (machineItem)
+        g_run.machineItems.append(*machineItem);
     g_run.trashed.append(QVariantMap{{QStringLiteral("path"), originalPath},
                                      {QStringLiteral("trashPath"), trashedPath},
                                      {QStringLiteral("infoPath"), infoPath},
@@ -145,6 +151,7 @@ std::optional<QString> finish(bool errorsFound, const QString &verdict)
 {
     HXFileManager::setTrashObserver({});
     QVariantMap record;
+    QVariantList machineItems;
     {
         std::lock_guard lock(g_mutex);
         if (!g_run.active)
@@ -154,7 +161,11 @@ std::optional<QString> finish(bool errorsFound, const QString &verdict)
         record = g_run.record;
         record.insert(QStringLiteral("steps"), g_run.steps);
         record.insert(QStringLiteral("trashed"), g_run.trashed);
+        machineItems = g_run.machineItems;
     }
+    if (!machineItems.isEmpty() &&
+        !HXRunLedger::store(record.value(QStringLiteral("identifier")).toString(), machineItems))
+        HXLog::appendLog(u"Unable to keep root's ledger of the run in %@", HXLocalPaths::logDirectory(false));
     // A user who turned logging off gets no record either: it lies among the logs.
     if (HXLog::sharedController().loggingDisabled())
         return std::nullopt;

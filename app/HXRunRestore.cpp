@@ -1,6 +1,7 @@
 #include "app/HXRunRestore.h"
 
 #include "app/HXPremiereFiles.h"
+#include "app/HXRunLedger.h"
 #include "app/HXRunRecord.h"
 
 #include "fs/HXFileNames.h"
@@ -70,13 +71,34 @@ QString refusalOf(const QString &path, const QString &trashPath, const QString &
     return QString();
 }
 
+// The record beside the files folder TRASHPATH lies in, removed by its name there.
+void removeTrashRecord(const QString &trashPath, const QString &infoPath)
+{
+    const std::optional<platform::Folder> files =
+        platform::Folder::open(HXPath::deletingLastComponent(trashPath));
+    const std::optional<platform::Folder> trashRoot = files ? files->parent() : std::nullopt;
+    if (const std::optional<platform::Folder> info =
+            trashRoot ? trashRoot->folder(QStringLiteral("info")) : std::nullopt)
+        info->removeEntry(HXPath::lastComponent(infoPath));
+}
+
 // Moves the trashed item back to PATH, or beside it when PATH is taken again.
-Item restoreOne(const QString &path, const QString &trashPath, const QString &infoPath, uid_t user)
+// An item root trashed from the machine's folders goes back, by root, only as
+// root's own ledger of run IDENTIFIER says.
+Item restoreOne(const QString &identifier, const QString &path, const QString &trashPath,
+                const QString &infoPath, uid_t user, bool machineItem)
 {
     Item item{path, {}, {}};
     item.problem = refusalOf(path, trashPath, infoPath, user);
     if (!item.problem.isEmpty())
         return item;
+    if (machineItem) {
+        if (const std::optional<QString> restored = HXRunLedger::restore(identifier, path, item.problem)) {
+            item.restoredTo = *restored;
+            removeTrashRecord(trashPath, infoPath);
+        }
+        return item;
+    }
     int error = 0;
     const std::optional<platform::Item> trashed = platform::Item::open(trashPath, &error);
     if (!trashed || !trashed->exists()) {
@@ -106,11 +128,7 @@ Item restoreOne(const QString &path, const QString &trashPath, const QString &in
         return item;
     }
     item.restoredTo = destination;
-    // The record beside the files folder the item came out of, by its name there.
-    const std::optional<platform::Folder> trashRoot = trashed->folder.parent();
-    if (const std::optional<platform::Folder> info =
-            trashRoot ? trashRoot->folder(QStringLiteral("info")) : std::nullopt)
-        info->removeEntry(HXPath::lastComponent(infoPath));
+    removeTrashRecord(trashPath, infoPath);
     return item;
 }
 
@@ -150,7 +168,10 @@ Outcome restore(QVariantMap &record)
     const QDateTime now = QDateTime::currentDateTimeUtc();
     // Root restores as the console user; with nobody there, as nobody at all.
     const std::optional<platform::Account> console = HXUsersTree::consoleAccount();
-    const bool nobody = platform::hasRootRights() && !console;
+    const bool asRoot = platform::hasRootRights();
+    const bool nobody = asRoot && !console;
+    const QString home = HXLocalPaths::userDirectory();
+    const QString identifier = record.value(QStringLiteral("identifier")).toString();
     const HXActingForUser acting(console);
     const uid_t user = console ? console->uid : ::geteuid();
     for (QVariant &entry : trashed) {
@@ -158,10 +179,11 @@ Outcome restore(QVariantMap &record)
         if (map.contains(kRestoredTo))
             continue;
         const QString path = map.value(QStringLiteral("path")).toString();
-        const Item item = nobody
-                              ? Item{path, {}, QStringLiteral("nobody is at the console to restore it for")}
-                              : restoreOne(path, map.value(QStringLiteral("trashPath")).toString(),
-                                           map.value(QStringLiteral("infoPath")).toString(), user);
+        const Item item =
+            nobody ? Item{path, {}, QStringLiteral("nobody is at the console to restore it for")}
+                   : restoreOne(identifier, path, map.value(QStringLiteral("trashPath")).toString(),
+                                map.value(QStringLiteral("infoPath")).toString(), user,
+                                asRoot && !liesBelow(path, home));
         if (!item.restoredTo.isEmpty()) {
             map.insert(kRestoredTo, item.restoredTo);
             map.insert(QStringLiteral("restoredAt"), now);

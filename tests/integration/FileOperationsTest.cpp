@@ -5,6 +5,7 @@
 #include "tests/support/PolkitNamespace.h"
 #include "tests/support/Sandbox.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
@@ -186,6 +187,97 @@ TEST_F(FileOperationsTest, AsRootTheSameOperationsRunDirectlyAndTrashGoesToTheCo
     const ProcessResult listing = box.runAsRoot(
         {QStringLiteral("unzip"), QStringLiteral("-Z1"), kHome + QStringLiteral("/Desktop/Logs.zip")});
     EXPECT_EQ(listing.out, QByteArray("Common/\nCommon/moved.db\n")) << describe(listing).toStdString();
+}
+
+// A user working on her own files follows links and ".." as the platform does:
+// her own link in a group-writable folder, a link another account made for her,
+// a path that climbs. Her log folder kept elsewhere through a link still rotates.
+TEST_F(FileOperationsTest, AsTheUserLinksAndClimbingPathsWorkAsOnThePlatform)
+{
+    const QString work = kHome + QStringLiteral("/Work");
+    ASSERT_TRUE(box.makeFolder(work + QStringLiteral("/sub"), true));
+    ASSERT_TRUE(box.makeFolder(kHome + QStringLiteral("/Shared"), true));
+    ::chmod(QFile::encodeName(box.hostPath(kHome + QStringLiteral("/Shared"))).constData(), 0775);
+    auto link = [&](const QString &target, const QString &path, uid_t owner) {
+        ASSERT_TRUE(QFile::link(target, box.hostPath(path)));
+        ASSERT_EQ(::lchown(QFile::encodeName(box.hostPath(path)).constData(), owner, owner), 0);
+    };
+    link(work, kHome + QStringLiteral("/Shared/Projects"), Sandbox::userId());
+    link(work, kHome + QStringLiteral("/Admins"), Sandbox::userId() + 1000);  // another account's
+    for (const char *name : {"t1.txt", "r1.txt", "m1.txt", "c1.txt", "xml/a.xml"})
+        ASSERT_TRUE(box.writeFile(work + QLatin1Char('/') + QLatin1String(name), name, true));
+
+    const QList<QStringList> operations{
+        {QStringLiteral("trash"), kHome + QStringLiteral("/Shared/Projects/t1.txt"),
+         QStringLiteral("noauth")},
+        {QStringLiteral("remove"), kHome + QStringLiteral("/Admins/r1.txt"), QStringLiteral("noauth")},
+        {QStringLiteral("move"), work + QStringLiteral("/sub/../m1.txt"),
+         kHome + QStringLiteral("/Shared/Projects/moved.txt"), QStringLiteral("noauth")},
+        {QStringLiteral("copy"), kHome + QStringLiteral("/Admins/c1.txt"),
+         work + QStringLiteral("/sub/../copied.txt"), QStringLiteral("noauth")},
+        {QStringLiteral("mkdir"), kHome + QStringLiteral("/Shared/Projects/sub/../made"),
+         QStringLiteral("noauth")},
+    };
+    for (const QStringList &operation : operations) {
+        const ProcessResult result = asUser(operation);
+        EXPECT_EQ(result.out, QByteArray("YES\n")) << operation.join(u' ').toStdString() << "\n"
+                                                   << log().toStdString();
+    }
+    EXPECT_FALSE(box.exists(work + QStringLiteral("/t1.txt")));
+    EXPECT_EQ(box.readFile(kTrash + QStringLiteral("/files/t1.txt")), QByteArray("t1.txt"));
+    EXPECT_FALSE(box.exists(work + QStringLiteral("/r1.txt")));
+    EXPECT_EQ(box.readFile(work + QStringLiteral("/moved.txt")), QByteArray("m1.txt"));
+    EXPECT_EQ(box.readFile(work + QStringLiteral("/copied.txt")), QByteArray("c1.txt"));
+    EXPECT_TRUE(box.exists(work + QStringLiteral("/made")));
+    // The links themselves are where they were.
+    EXPECT_TRUE(QFileInfo(box.hostPath(kHome + QStringLiteral("/Admins"))).isSymLink());
+
+    // Trashing by type follows links to folders, and a link back into the search once.
+    const QString prefs = kHome + QStringLiteral("/Prefs");
+    ASSERT_TRUE(box.writeFile(prefs + QStringLiteral("/b.xml"), "b", true));
+    link(work + QStringLiteral("/xml"), prefs + QStringLiteral("/linked"), Sandbox::userId());
+    link(QStringLiteral("."), prefs + QStringLiteral("/loop"), Sandbox::userId());
+    ProcessResult result = asUser({QStringLiteral("trashtype"), QStringLiteral("xml"), prefs});
+    QStringList trashed = QString::fromUtf8(result.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    trashed.sort();
+    EXPECT_EQ(trashed,
+              (QStringList{prefs + QStringLiteral("/b.xml"), prefs + QStringLiteral("/linked/a.xml")}))
+        << result.out.constData();
+    EXPECT_FALSE(box.exists(work + QStringLiteral("/xml/a.xml")));
+
+    // Her Logs folder lives elsewhere: each run turns the generations over there.
+    ASSERT_TRUE(QDir(box.hostPath(kHome + QStringLiteral("/Library/Logs"))).removeRecursively());
+    ASSERT_TRUE(box.makeFolder(kHome + QStringLiteral("/Elsewhere/Logs"), true));
+    link(kHome + QStringLiteral("/Elsewhere/Logs"), kHome + QStringLiteral("/Library/Logs"),
+         Sandbox::userId());
+    for (int run = 0; run < 3; ++run)
+        asUser({QStringLiteral("trash"), work + QStringLiteral("/gone")});
+    for (const char *generation : {"1", "2", "3"})
+        EXPECT_TRUE(box.exists(kHome + QStringLiteral("/Elsewhere/Logs/Lanternfish/mendwell-fileops.") +
+                               QLatin1String(generation) + QStringLiteral(".log")))
+            << generation;
+}
+
+// Root's walk refuses a link of the user's outside her home: a folder behind it
+// was never looked at, so it is neither empty nor done.
+TEST_F(FileOperationsTest, AsRootAFolderBehindARefusedLinkIsNeitherEmptyNorDone)
+{
+    const QString behind = QStringLiteral("/Library/Application Support/Adobe/Hers");
+    ASSERT_TRUE(box.writeFile(kHome + QStringLiteral("/Target/item.txt"), "hers", true));
+    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Application Support/Adobe")));
+    ASSERT_TRUE(QFile::link(kHome + QStringLiteral("/Target"), box.hostPath(behind)));
+    ASSERT_EQ(::lchown(QFile::encodeName(box.hostPath(behind)).constData(), Sandbox::userId(),
+                       Sandbox::userGroupId()),
+              0);
+    EXPECT_EQ(asRoot({QStringLiteral("isempty"), behind}).out, QByteArray("NO\n"));
+    EXPECT_EQ(asRoot({QStringLiteral("trashcontents"), behind}).out, QByteArray("NO\n"));
+    EXPECT_EQ(asRoot({QStringLiteral("copycontents"), behind, QStringLiteral("/Library")}).out,
+              QByteArray("NO\n"));
+    EXPECT_EQ(box.readFile(kHome + QStringLiteral("/Target/item.txt")), QByteArray("hers"));
+    EXPECT_FALSE(box.exists(QStringLiteral("/Library/item.txt")));
+    // What is missing is empty, as the platform answers.
+    EXPECT_EQ(asRoot({QStringLiteral("isempty"), QStringLiteral("/Library/Missing")}).out,
+              QByteArray("YES\n"));
 }
 
 // As anna, on items only root may change: the user's attempt fails and is logged,

@@ -3,8 +3,9 @@
 // result ("YES"/"NO", or one path per line) and exits 0 for YES.
 //   trash PATH [noauth]          remove PATH [noauth]       mkdir PATH [noauth]
 //   move FROM TO [noauth]        copy FROM TO [noauth]
-//   trashtype TYPE FOLDER        trashnamed NAME FOLDER     trashcontents
-//   FOLDER zip FROM TO [noparent]       unzip ZIP FOLDER           trashfolder
+//   trashtype TYPE FOLDER        trashnamed NAME FOLDER     trashcontents FOLDER
+//   zip FROM TO [noparent]       unzip ZIP FOLDER           trashfolder
+//   isempty FOLDER               copycontents FROM TO
 
 #include "diagnostics/HXLog.h"
 #include "fs/HXFileManager.h"
@@ -62,6 +63,10 @@ int main(int argc, char **argv)
         status = report(HXFileManager::compressFile(arg(1), arg(2), arg(3) != QLatin1String("noparent")));
     else if (command == QLatin1String("unzip"))
         status = report(HXFileManager::decompressFile(arg(1), arg(2)));
+    else if (command == QLatin1String("isempty"))
+        status = report(HXFileManager::isFolderEmpty(arg(1)));
+    else if (command == QLatin1String("copycontents"))
+        status = report(HXFileManager::copyContentsOfDirectory(arg(1), arg(2), std::chrono::seconds(5)));
     else if (command == QLatin1String("trashfolder"))
         status = report(QStringList{HXLocalPaths::trashDirectory()});
     HXLog::finishWriting();
