@@ -5,12 +5,15 @@
 #include "system/HXBundle.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
+#include "system/HXPrivateFolder.h"
 #include "system/HXTaskEx.h"
 #include "system/HXUserDefaults.h"
 #include "system/HXWorkspace.h"
 
 #include <QFileInfo>
 
+#include <mutex>
+#include <optional>
 #include <thread>
 
 namespace {
@@ -24,6 +27,39 @@ bool checkAtStartup()
                                                        QStringLiteral("com.lanternfish.global"))
                                .value_or(QVariant());
     return !HXUserDefaults::isNumberEqualTo(value, 0);
+}
+
+// The updater chosen, and the private folder of its copy when it is the carried one.
+struct Updater {
+    QString path;
+    std::optional<HXPrivateFolder> copy;
+};
+
+// The newer of the two. The carried one runs from a copy in a private folder of
+// this run, never in place and never from a name others can make first; the
+// installed one is left as it is. Empty when no such folder can be made.
+Updater chooseUpdater()
+{
+    const QString installed = HXSoftwareUpdate::installedUpdaterPath();
+    const QString embedded = HXSoftwareUpdate::embeddedUpdaterPath();
+    if (HXSoftwareUpdate::updaterVersion(installed) >= HXSoftwareUpdate::updaterVersion(embedded))
+        return {installed, std::nullopt};
+    std::optional<HXPrivateFolder> folder = HXPrivateFolder::make(QStringLiteral("Mendwell-update"));
+    if (!folder)
+        return {};
+    const QString copy = folder->pathOf(kUpdaterName);
+    // A failed copy shows where the path is used, as a missing updater.
+    HXFileManager::copyFile(embedded, copy, false);
+    return {copy, std::move(folder)};
+}
+
+// The copy the menu started: it may run past our own end, so it stays until the
+// next one replaces it (never freed).
+std::mutex g_launchedCopyLock;
+std::optional<HXPrivateFolder> &launchedCopy()
+{
+    static auto *const copy = new std::optional<HXPrivateFolder>();
+    return *copy;
 }
 
 }  // namespace
@@ -51,11 +87,6 @@ QString HXSoftwareUpdate::embeddedUpdaterPath()
                                       QStringLiteral("Contents/Resources/") + kUpdaterName);
 }
 
-QString HXSoftwareUpdate::temporaryUpdaterPath()
-{
-    return HXPath::appendingComponent(HXLocalPaths::tempDirectory(), kUpdaterName);
-}
-
 long HXSoftwareUpdate::updaterVersion(const QString &bundlePath)
 {
     if (!QFileInfo(bundlePath).isDir())
@@ -68,17 +99,15 @@ long HXSoftwareUpdate::updaterVersion(const QString &bundlePath)
 
 QString HXSoftwareUpdate::updaterPath()
 {
-    const QString installed = installedUpdaterPath();
-    const QString embedded = embeddedUpdaterPath();
-    if (updaterVersion(installed) >= updaterVersion(embedded))
-        return installed;
-    // The carried copy runs from the temporary folder, never in place, and the
-    // installed one is left as it is.
-    const QString temporary = temporaryUpdaterPath();
-    if (HXFileManager::fileExistsAtPath(temporary))
-        HXFileManager::removeFile(temporary, false);
-    HXFileManager::copyFile(embedded, temporary, false);
-    return temporary;
+    Updater updater = chooseUpdater();
+    // As root the console user runs it (HXWorkspace::launchApplication).
+    if (updater.copy)
+        updater.copy->shareWithConsoleUser();
+    if (updater.copy) {
+        const std::lock_guard guard(g_launchedCopyLock);
+        launchedCopy() = std::move(updater.copy);
+    }
+    return updater.path;
 }
 
 void HXSoftwareUpdate::launchSoftwareUpdate()
@@ -93,7 +122,9 @@ void HXSoftwareUpdate::launchSoftwareUpdate()
 
 void HXSoftwareUpdate::automaticallyCheckForUpdates()
 {
-    const QString path = updaterPath();
+    // Its copy, if any, goes once the check has ended.
+    const Updater updater = chooseUpdater();
+    const QString &path = updater.path;
     if (path.isEmpty()) {
         HXLog::appendLogAndPrint(u"Unable to launch Software Update - path doesn't exist");
         return;

@@ -4,7 +4,7 @@
 // this program for updates (unless the suite-wide "SUCheckAtStartup" is NO), or as
 // an ordinary application from the menu. The newer of the installed updater and
 // the one carried in our Resources is used; the carried one runs from a copy in
-// the temporary folder.
+// a private folder of the run (HXPrivateFolder), under its own name there.
 
 #include <QString>
 
@@ -17,10 +17,10 @@ public:
 
     static QString installedUpdaterPath();
     static QString embeddedUpdaterPath();
-    static QString temporaryUpdaterPath();
     // An updater bundle's "CFBundleVersion" as a number; 0 when there is none.
     static long updaterVersion(const QString &bundlePath);
 
+    // The updater the menu starts; a carried copy stays until the next call.
     static QString updaterPath();
     static void launchSoftwareUpdate();
     // Runs the updater's executable with "-checkpath" and our bundle's folder and

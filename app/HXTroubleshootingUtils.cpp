@@ -5,6 +5,7 @@
 #include "system/HXFormat.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
+#include "system/HXPrivateFolder.h"
 #include "system/HXWorkspace.h"
 #include "ui/HXAlert.h"
 
@@ -150,16 +151,16 @@ bool HXTroubleshootingUtils::gatherLogsForAppsWithNames(const QStringList &names
 {
     if (names.isEmpty())
         return false;
-    const QString staging = HXPath::appendingComponent(HXLocalPaths::tempDirectory(), kStagingName);
-    const std::filesystem::path stagingPath(QFile::encodeName(staging).toStdString());
-    std::error_code error;
-    if (std::filesystem::exists(stagingPath, error) &&
-        (std::filesystem::remove_all(stagingPath, error), error)) {
-        platform::systemLog(
-            HXFormat(u"Error removing existing folder: %@", QString::fromLocal8Bit(error.message().c_str())));
-        return false;
-    }
-    if (std::filesystem::create_directories(stagingPath, error), error) {
+    // The staging folder keeps its name, the archive's top folder, inside a
+    // private folder of this run: nobody else can make it first or link it away.
+    int failure = 0;
+    std::optional<HXPrivateFolder> privateFolder =
+        HXPrivateFolder::make(QStringLiteral("Mendwell-logs"), &failure);
+    std::error_code error(failure, std::generic_category());
+    const QString staging = privateFolder ? privateFolder->pathOf(kStagingName) : QString();
+    if (privateFolder)
+        std::filesystem::create_directory(QFile::encodeName(staging).toStdString(), error);
+    if (!privateFolder || error) {
         platform::systemLog(
             HXFormat(u"Error creating temp folder: %@", QString::fromLocal8Bit(error.message().c_str())));
         return false;
@@ -186,8 +187,10 @@ bool HXTroubleshootingUtils::gatherLogsForAppsWithNames(const QStringList &names
              QStringLiteral("There were no logs available to gather."));
         return false;
     }
+    // The archive on her Desktop may be written with her identity.
+    privateFolder->shareWithConsoleUser();
     const bool written = HXFileManager::compressFile(staging, archivePathFor(names.first()));
-    std::filesystem::remove_all(stagingPath, error);
+    privateFolder.reset();
     if (written)
         tell(silent, QStringLiteral("Logs gathered successfully"),
              QStringLiteral("The gathered logs were placed on your desktop."));

@@ -1,20 +1,45 @@
-// Log gathering as anna in the sandbox: what goes into the archive on her Desktop
-// and under which names, as unzip lists it.
+// Log gathering in the sandbox: what goes into the archive on anna's Desktop and
+// under which names, as unzip lists it. /Library/Temp plays the shared /tmp
+// (sticky, everyone's): what another user leaves or links at the staging folder's
+// old name there must neither stop a gathering nor receive its copies.
 
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestFiles.h"
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
 
+#include <pwd.h>
 #include <unistd.h>
 
 namespace {
 
 const QString kLogs = QStringLiteral("/Users/anna/Library/Logs");
+const QString kRuns = QStringLiteral("/Library/TestRuns");
+const QString kOldName = QStringLiteral("/Library/Temp/HX_App_Logs");
+// The other local user, whose home is /Users/bert.
+const char *const kOtherUser = "bert";
+
+// RUNS gatherings as root while anna (tests/support/temp-race.sh) keeps a link
+// to a folder of hers at the old name and tries every run's folder.
+const char kRaceDriver[] = R"sh(set -u
+runs=$1 race=$2 gather=$3
+out=/Library/TestRuns
+setpriv --reuid=anna --regid=anna --init-groups -- env HOME=/Users/anna sh "$race" /Library/Temp \
+    'Mendwell-*' "$out/hers.sh" "$out/link" /Library/Temp/HX_App_Logs 1000000 300 "$out/stop" "$out/race" &
+racer=$!
+n=0
+while [ $n -lt "$runs" ]; do
+    TMPDIR=/Library/Temp "$gather" Mendwell >>"$out/answers" 2>>"$out/driver.err"
+    n=$((n + 1))
+done
+touch "$out/stop"
+wait "$racer"
+)sh";
 
 class LogGatheringTest : public ::testing::Test {
 protected:
@@ -32,6 +57,30 @@ protected:
         return QString::fromUtf8(
             box.runAsUser(QStringList{program} + arguments, {QStringLiteral("TMPDIR=/Library/Temp")})
                 .out.trimmed());
+    }
+
+    // The same as USER (not anna), in the home the account names.
+    QString gatherAs(const char *user, const QStringList &arguments)
+    {
+        const QString name = QLatin1String(user);
+        return QString::fromUtf8(
+            box.runAsRoot(QStringList{QStringLiteral("setpriv"), QStringLiteral("--reuid=") + name,
+                                      QStringLiteral("--regid=") + name, QStringLiteral("--init-groups"),
+                                      QStringLiteral("--"), QStringLiteral("env"), QStringLiteral("-u"),
+                                      QStringLiteral("SUDO_USER"), QStringLiteral("-u"),
+                                      QStringLiteral("XDG_RUNTIME_DIR"),
+                                      QStringLiteral("HOME=/Users/") + name, QStringLiteral("USER=") + name,
+                                      QStringLiteral("LOGNAME=") + name,
+                                      QStringLiteral("TMPDIR=/Library/Temp"), program} +
+                          arguments)
+                .out.trimmed());
+    }
+
+    // The run folders left in the shared temporary folder.
+    QStringList runFolders() const
+    {
+        return QDir(box.hostPath(QStringLiteral("/Library/Temp")))
+            .entryList({QStringLiteral("Mendwell-*")}, QDir::AllEntries | QDir::System | QDir::Hidden);
     }
 
     // The archive's entries, sorted, as unzip lists them.
@@ -89,7 +138,9 @@ TEST_F(LogGatheringTest, LogsReportsAndPreferencesGoInUnderTheirFullPathsAndASec
         runProcess({QStringLiteral("unzip"), QStringLiteral("-p"), box.hostPath(first),
                     QStringLiteral("HX_App_Logs/Users/anna/Library/Logs/Lanternfish/Mendwell.3.log")});
     EXPECT_EQ(linked.out, QByteArray("from /archive/old.log"));
-    EXPECT_FALSE(box.exists(QStringLiteral("/Library/Temp/HX_App_Logs")));
+    // Staged in a run folder of its own, which went with the run.
+    EXPECT_TRUE(runFolders().isEmpty()) << runFolders().join(' ').toStdString();
+    EXPECT_FALSE(box.exists(kOldName));
 
     ASSERT_EQ(gather({QStringLiteral("Mendwell")}), QStringLiteral("yes"));
     const QStringList desktop =
@@ -110,6 +161,82 @@ TEST_F(LogGatheringTest, AdditionalFilesAloneMakeAnArchiveAndNothingAtAllMakesNo
               QStringLiteral("yes"));
     EXPECT_EQ(entries(QStringLiteral("/Users/anna/Desktop/Mendwell Logs.zip")),
               QStringList{QStringLiteral("HX_App_Logs/Users/anna/notes.txt")});
+}
+
+TEST_F(LogGatheringTest, TwoUsersGatherOneAfterTheOtherWhateverTheOtherLeftAtTheOldName)
+{
+    if (getpwnam(kOtherUser) == nullptr)
+        GTEST_SKIP() << "the account " << kOtherUser << " does not exist (scripts/setup-tests.sh makes it)";
+    ASSERT_TRUE(box.writeFile(kLogs + QStringLiteral("/Lanternfish/Mendwell.1.log"), "anna's", true));
+    ASSERT_TRUE(
+        box.writeFile(QStringLiteral("/Users/bert/Library/Logs/Lanternfish/Mendwell.1.log"), "bert's"));
+    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/bert/Desktop")));
+    ASSERT_EQ(box.runAsRoot({QStringLiteral("chown"), QStringLiteral("-R"), QStringLiteral("bert:bert"),
+                             QStringLiteral("/Users/bert")})
+                  .exitCode,
+              0);
+
+    // bert's staging folder at the old name, as a gathering cut short would leave it.
+    ASSERT_TRUE(box.writeFile(kOldName + QStringLiteral("/Users/bert/notes.txt"), "bert's"));
+    ASSERT_EQ(
+        box.runAsRoot({QStringLiteral("chown"), QStringLiteral("-R"), QStringLiteral("bert:bert"), kOldName})
+            .exitCode,
+        0);
+    EXPECT_EQ(gather({QStringLiteral("Mendwell")}), QStringLiteral("yes"));
+    EXPECT_EQ(gatherAs(kOtherUser, {QStringLiteral("Mendwell")}), QStringLiteral("yes"));
+    EXPECT_EQ(gather({QStringLiteral("Mendwell")}), QStringLiteral("yes"));
+    EXPECT_EQ(entries(QStringLiteral("/Users/anna/Desktop/Mendwell Logs.zip")),
+              QStringList{QStringLiteral("HX_App_Logs/Users/anna/Library/Logs/Lanternfish/Mendwell.1.log")});
+    EXPECT_EQ(entries(QStringLiteral("/Users/bert/Desktop/Mendwell Logs.zip")),
+              QStringList{QStringLiteral("HX_App_Logs/Users/bert/Library/Logs/Lanternfish/Mendwell.1.log")});
+    EXPECT_TRUE(box.exists(kOldName + QStringLiteral("/Users/bert/notes.txt")));
+    EXPECT_TRUE(runFolders().isEmpty()) << runFolders().join(' ').toStdString();
+}
+
+// As root (the console user's logs, her Desktop) while she keeps a link at the
+// old name and tries every run's folder: each gathering succeeds and nothing
+// lands in the folder her link names.
+TEST_F(LogGatheringTest, AsRootNothingGoesThroughAnotherUsersLinkWhileSheRaces)
+{
+    constexpr int kRounds = 15;
+    ASSERT_TRUE(box.makeFolder(kRuns));
+    ASSERT_EQ(::chmod(QFile::encodeName(box.hostPath(kRuns)).constData(), 01777), 0);
+    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
+    // Large enough that a run's folder is there a while.
+    ASSERT_TRUE(box.writeFile(kLogs + QStringLiteral("/Lanternfish/Mendwell.1.log"),
+                              QByteArray(4 * 1024 * 1024, 'x'), true));
+    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/caught"), true));
+    const QByteArray link = QFile::encodeName(box.hostPath(kRuns + QStringLiteral("/link")));
+    ASSERT_EQ(::symlink("/Users/anna/caught", link.constData()), 0);
+    ASSERT_EQ(::lchown(link.constData(), Sandbox::userId(), Sandbox::userGroupId()), 0);
+    ASSERT_TRUE(
+        box.writeFile(kRuns + QStringLiteral("/hers.sh"), "#!/bin/sh\nid >>/Users/anna/caught/ran\n", true));
+    ASSERT_TRUE(box.writeFile(kRuns + QStringLiteral("/driver.sh"), kRaceDriver));
+
+    const ProcessResult raced =
+        box.runAsRoot({QStringLiteral("sh"), kRuns + QStringLiteral("/driver.sh"), QString::number(kRounds),
+                       QStringLiteral(MENDWELL_SOURCE_DIR "/tests/support/temp-race.sh"), program});
+    ASSERT_EQ(raced.exitCode, 0) << raced.err.constData();
+
+    const QStringList answers =
+        QString::fromUtf8(box.readFile(kRuns + QStringLiteral("/answers"))).split('\n', Qt::SkipEmptyParts);
+    EXPECT_EQ(answers, QStringList(kRounds, QStringLiteral("yes")))
+        << box.readFile(kRuns + QStringLiteral("/driver.err")).constData();
+    const QRegularExpressionMatch figures =
+        QRegularExpression(QStringLiteral("attempts=(\\d+) escapes=(\\d+)"))
+            .match(QString::fromUtf8(box.readFile(kRuns + QStringLiteral("/race"))));
+    ASSERT_TRUE(figures.hasMatch());
+    const QStringList caught = QDir(box.hostPath(QStringLiteral("/Users/anna/caught")))
+                                   .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    const int escapes = figures.captured(2).toInt() + static_cast<int>(caught.size());
+    std::printf("[ figures ] %d root gatherings; anna's attempts %s, escapes %d\n", kRounds,
+                qPrintable(figures.captured(1)), escapes);
+    EXPECT_GT(figures.captured(1).toInt(), 0);
+    EXPECT_EQ(escapes, 0) << caught.join(' ').toStdString();
+    EXPECT_TRUE(QFileInfo(box.hostPath(kOldName)).isSymLink());
+    EXPECT_TRUE(runFolders().isEmpty()) << runFolders().join(' ').toStdString();
+    EXPECT_EQ(entries(QStringLiteral("/Users/anna/Desktop/Mendwell Logs.zip")),
+              QStringList{QStringLiteral("HX_App_Logs/Users/anna/Library/Logs/Lanternfish/Mendwell.1.log")});
 }
 
 }  // namespace

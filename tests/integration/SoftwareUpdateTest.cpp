@@ -1,16 +1,21 @@
 // The update launcher in the sandbox, as anna, with stand-in updaters
 // (tests/programs/editorstandin.cpp) of chosen versions: installed in
 // /Applications/Lanternfish and carried in Mendwell.app's Resources. Each records
-// its starts, with its arguments, in a file of its own.
+// its starts, with its arguments, in a file of its own. /Library/Temp plays the
+// shared /tmp (sticky, everyone's), where another user's updater waits at the
+// name the carried copy once had.
 
 #include "system/PropertyList.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestFiles.h"
 
+#include <QDir>
 #include <QFile>
+#include <QRegularExpression>
 
 #include <gtest/gtest.h>
 
+#include <pwd.h>
 #include <sys/stat.h>
 
 namespace {
@@ -18,8 +23,46 @@ namespace {
 const QString kInstalled = QStringLiteral("/Applications/Lanternfish/Lanternfish Software Update.app");
 const QString kEmbedded =
     QStringLiteral("/Applications/Mendwell.app/Contents/Resources/Lanternfish Software Update.app");
-const QString kTemporary = QStringLiteral("/Library/Temp/Lanternfish Software Update.app");
+const QString kOldName = QStringLiteral("/Library/Temp/Lanternfish Software Update.app");
 const QString kDriver = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/app-softwareupdate");
+const QString kRuns = QStringLiteral("/Library/TestRuns");
+// The other local user who plants things in the shared temporary folder.
+const char *const kOtherUser = "bert";
+
+// RUNS rounds as root of the quiet check and the menu command, while anna
+// (tests/support/temp-race.sh) keeps her updater at the old name and tries every
+// run's folder. The updaters record themselves; the menu's are waited for a
+// bounded while.
+const char kRaceDriver[] = R"sh(set -u
+runs=$1 race=$2
+driver=/Applications/Mendwell.app/Contents/MacOS/app-softwareupdate
+out=/Library/TestRuns
+setpriv --reuid=anna --regid=anna --init-groups -- env HOME=/Users/anna sh "$race" /Library/Temp \
+    'Mendwell-*' "$out/hers.sh" "$out/hers.app" "/Library/Temp/Lanternfish Software Update.app" \
+    1000000 300 "$out/stop" "$out/race" &
+racer=$!
+n=0
+while [ $n -lt "$runs" ]; do
+    TMPDIR=/Library/Temp "$driver" check >>"$out/driver.out" 2>&1
+    TMPDIR=/Library/Temp "$driver" launch >>"$out/driver.out" 2>&1
+    n=$((n + 1))
+done
+n=0
+while [ "$(grep -c . "$out/carried.$(id -u anna)" 2>/dev/null)" != "$runs" ] && [ $n -lt 400 ]; do
+    sleep 0.05
+    n=$((n + 1))
+done
+touch "$out/stop"
+wait "$racer"
+)sh";
+
+// An updater's program as a script: it records who ran it, with its arguments,
+// in RECORD.UID (a file of each user's own: the sticky folder lets nobody else
+// append to it), and takes a moment, so a racing user has its folder to try.
+QByteArray updaterScript(const QString &record)
+{
+    return "#!/bin/sh\necho \"uid=$(id -u) $*\" >>" + record.toUtf8() + ".$(id -u)\nsleep 0.2\n";
+}
 
 class SoftwareUpdateTest : public ::testing::Test {
 protected:
@@ -48,6 +91,29 @@ protected:
         return box.runAsUser({kDriver, mode}, {QStringLiteral("TMPDIR=/Library/Temp")});
     }
 
+    // A bundle at PATH of VERSION whose program is SCRIPT.
+    void installScriptUpdater(const QString &path, int version, const QByteArray &script, bool annas)
+    {
+        const QByteArray info = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                                "<key>CFBundleExecutable</key><string>Updater</string>"
+                                "<key>CFBundleVersion</key><string>" +
+                                QByteArray::number(version) + "</string></dict></plist>\n";
+        ASSERT_TRUE(box.writeFile(path + QStringLiteral("/Contents/Info.plist"), info, annas));
+        ASSERT_TRUE(box.writeFile(path + QStringLiteral("/Contents/MacOS/Updater"), script, annas));
+        ASSERT_EQ(
+            ::chmod(
+                QFile::encodeName(box.hostPath(path + QStringLiteral("/Contents/MacOS/Updater"))).constData(),
+                0755),
+            0);
+    }
+
+    // The run folders left in the shared temporary folder.
+    QStringList runFolders() const
+    {
+        return QDir(box.hostPath(QStringLiteral("/Library/Temp")))
+            .entryList({QStringLiteral("Mendwell-*")}, QDir::AllEntries | QDir::System | QDir::Hidden);
+    }
+
     // The updater is started detached: its record may come a little later.
     QStringList record(const QString &name, int lines = 0) const
     {
@@ -63,24 +129,99 @@ TEST_F(SoftwareUpdateTest, WithoutAnyUpdaterTheCheckSaysSo)
     EXPECT_EQ(result.out, QByteArray("Unable to launch Software Update - updater bundle not found.\n"));
 }
 
-TEST_F(SoftwareUpdateTest, TheNewerCarriedUpdaterRunsFromAFreshTemporaryCopy)
+TEST_F(SoftwareUpdateTest, TheNewerCarriedUpdaterRunsFromAPrivateCopyNeverFromAnotherUsersAtTheOldName)
 {
+    if (getpwnam(kOtherUser) == nullptr)
+        GTEST_SKIP() << "the account " << kOtherUser << " does not exist (scripts/setup-tests.sh makes it)";
     installUpdater(kInstalled, 12, QStringLiteral("installed"));
     installUpdater(kEmbedded, 15, QStringLiteral("embedded"));
-    installUpdater(kTemporary, 3, QStringLiteral("stale"), true);  // anna's copy from an earlier run
-    EXPECT_EQ(drive(QStringLiteral("path")).out, kTemporary.toUtf8() + '\n');
-    EXPECT_TRUE(
-        box.readFile(kTemporary + QStringLiteral("/Contents/Info.plist")).contains("<string>15</string>"));
+    // The other user came first to the name the copy used to take.
+    installUpdater(kOldName, 3, QStringLiteral("planted"));
+    ASSERT_EQ(box.runAsRoot({QStringLiteral("chown"), QStringLiteral("-R"),
+                             QStringLiteral("%1:%1").arg(QLatin1String(kOtherUser)), kOldName})
+                  .exitCode,
+              0);
+
+    const QString path = QString::fromUtf8(drive(QStringLiteral("path")).out.trimmed());
+    const QRegularExpressionMatch match =
+        QRegularExpression(QStringLiteral("^/Library/Temp/(Mendwell-update\\.[A-Za-z0-9]{10})/"
+                                          "Lanternfish Software Update\\.app$"))
+            .match(path);
+    EXPECT_TRUE(match.hasMatch()) << path.toStdString();
+    if (match.hasMatch()) {
+        struct stat folder {};
+        ASSERT_EQ(::stat(QFile::encodeName(box.hostPath(QStringLiteral("/Library/Temp/") + match.captured(1)))
+                             .constData(),
+                         &folder),
+                  0);
+        EXPECT_EQ(folder.st_uid, Sandbox::userId());
+        EXPECT_EQ(folder.st_mode & 07777, 0700u);
+        // That copy stays for the updater it was made for; the check's goes when it ends.
+        EXPECT_EQ(runFolders(), QStringList{match.captured(1)});
+    }
+    EXPECT_TRUE(box.readFile(path + QStringLiteral("/Contents/Info.plist")).contains("<string>15</string>"));
 
     drive(QStringLiteral("check"));
     const QString launch = QStringLiteral("launch uid=%1 home=/Users/anna").arg(Sandbox::userId());
     EXPECT_EQ(record(QStringLiteral("embedded"), 1),
               QStringList{launch + QStringLiteral(" open=-checkpath open=/Applications/Mendwell.app")});
+    EXPECT_EQ(runFolders().size(), 1) << runFolders().join(' ').toStdString();
+    drive(QStringLiteral("menu"));
+    EXPECT_EQ(record(QStringLiteral("embedded"), 2).value(1), launch);
+    EXPECT_EQ(runFolders().size(), 2) << runFolders().join(' ').toStdString();
     EXPECT_TRUE(record(QStringLiteral("installed")).isEmpty());
-    EXPECT_TRUE(record(QStringLiteral("stale")).isEmpty());
-    // The installed copy is never replaced.
+    EXPECT_TRUE(record(QStringLiteral("planted")).isEmpty());
+    // The installed copy is never replaced, nor is the other user's touched.
     EXPECT_TRUE(
         box.readFile(kInstalled + QStringLiteral("/Contents/Info.plist")).contains("<string>12</string>"));
+    EXPECT_TRUE(
+        box.readFile(kOldName + QStringLiteral("/Contents/Info.plist")).contains("<string>3</string>"));
+}
+
+// Root's runs: the check runs the updater as root, the menu hands it to anna.
+// Whatever she keeps at the old name or tries on the runs' folders meanwhile,
+// only the carried updater runs.
+TEST_F(SoftwareUpdateTest, AsRootOnlyTheCarriedUpdaterRunsWhileAnotherUserRaces)
+{
+    constexpr int kRounds = 15;
+    ASSERT_TRUE(box.makeFolder(kRuns));
+    ASSERT_EQ(::chmod(QFile::encodeName(box.hostPath(kRuns)).constData(), 01777), 0);
+    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
+    installScriptUpdater(kEmbedded, 15, updaterScript(kRuns + QStringLiteral("/carried")), false);
+    // Hers, version 99, to be planted at the old name, and her program for the folders.
+    installScriptUpdater(kRuns + QStringLiteral("/hers.app"), 99,
+                         updaterScript(kRuns + QStringLiteral("/hers")), true);
+    ASSERT_TRUE(box.writeFile(kRuns + QStringLiteral("/hers.sh"),
+                              updaterScript(kRuns + QStringLiteral("/hers")), true));
+    ASSERT_TRUE(box.writeFile(kRuns + QStringLiteral("/driver.sh"), kRaceDriver));
+
+    const ProcessResult raced =
+        box.runAsRoot({QStringLiteral("sh"), kRuns + QStringLiteral("/driver.sh"), QString::number(kRounds),
+                       QStringLiteral(MENDWELL_SOURCE_DIR "/tests/support/temp-race.sh")});
+    ASSERT_EQ(raced.exitCode, 0) << raced.err.constData();
+
+    const auto lines = [this](const QString &name) {
+        return QString::fromUtf8(box.readFile(kRuns + QLatin1Char('/') + name))
+            .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    };
+    const QString anna = QString::number(Sandbox::userId());
+    EXPECT_EQ(lines(QStringLiteral("carried.0")),
+              QStringList(kRounds, QStringLiteral("uid=0 -checkpath /Applications/Mendwell.app")));
+    EXPECT_EQ(lines(QStringLiteral("carried.") + anna),
+              QStringList(kRounds, QStringLiteral("uid=%1 ").arg(anna)));
+    const QStringList hers = lines(QStringLiteral("hers.0")) + lines(QStringLiteral("hers.") + anna);
+    const QRegularExpressionMatch figures =
+        QRegularExpression(QStringLiteral("attempts=(\\d+) escapes=(\\d+)"))
+            .match(QString::fromUtf8(box.readFile(kRuns + QStringLiteral("/race"))));
+    ASSERT_TRUE(figures.hasMatch()) << box.readFile(kRuns + QStringLiteral("/driver.out")).constData();
+    const int escapes = figures.captured(2).toInt() + static_cast<int>(hers.size());
+    std::printf("[ figures ] %d root checks and %d menu starts; anna's attempts %s, escapes %d\n", kRounds,
+                kRounds, qPrintable(figures.captured(1)), escapes);
+    EXPECT_GT(figures.captured(1).toInt(), 0);
+    EXPECT_EQ(escapes, 0) << hers.join('\n').toStdString();
+    EXPECT_TRUE(box.exists(kOldName + QStringLiteral("/Contents/Info.plist")));
+    // The checks' folders are gone; each menu start's stays for its updater.
+    EXPECT_EQ(runFolders().size(), kRounds) << runFolders().join(' ').toStdString();
 }
 
 TEST_F(SoftwareUpdateTest, AnEqualCarriedUpdaterLeavesTheInstalledOneAndOnlyNoStopsTheStartupCheck)

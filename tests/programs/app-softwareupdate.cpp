@@ -3,6 +3,8 @@
 //   app-softwareupdate check     the quiet check, waited for
 //   app-softwareupdate startup   the start-up decision, then two seconds for its thread
 //   app-softwareupdate menu      the menu command
+//   app-softwareupdate launch    the menu command, not waiting for what it started
+//                                (for a caller that itself outlives it)
 
 #include "app/HXSoftwareUpdate.h"
 #include "diagnostics/HXLog.h"
@@ -29,8 +31,10 @@ int main(int argc, char **argv)
     } else if (mode == u"menu") {
         HXSoftwareUpdate().manualUpdateCheck();
         waitForStartedPrograms();
+    } else if (mode == u"launch") {
+        HXSoftwareUpdate().manualUpdateCheck();
     } else {
-        std::fprintf(stderr, "usage: %s path|check|startup|menu\n", argv[0]);
+        std::fprintf(stderr, "usage: %s path|check|startup|menu|launch\n", argv[0]);
         return 2;
     }
     HXLog::finishWriting();
