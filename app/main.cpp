@@ -22,6 +22,15 @@ int runWindowedApplication(int argc, char **argv)
             stderr);
         return 1;
     }
+    // Its menu commands work in the user's own tree by path (logs gathered, the
+    // settings and statistics written); as root they would follow her links and
+    // leave root's files behind. A repair asks for the rights it needs instead.
+    if (::getuid() == 0 || ::geteuid() == 0) {
+        std::fputs("Mendwell does not run its window as root; start it as yourself, or run it with -repair "
+                   "for the command-line repair.\n",
+                   stderr);
+        return 1;
+    }
     QApplication application(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Mendwell"));
     // The main window's closing ends the program, not the last window's.

@@ -69,6 +69,39 @@ TEST_F(CommandLineTest, UnknownSwitchesAreIgnored)
     EXPECT_TRUE(repair.out.contains("Starting repair...")) << repair.out.constData();
 }
 
+// The window as root (sudo Mendwell) is refused before anything starts, display
+// or not; the command-line repair and the help stay root's to run.
+TEST_F(CommandLineTest, TheWindowIsRefusedToRootWhileTheRepairAndHelpStillRunAsRoot)
+{
+    const QByteArray refusal =
+        "Mendwell does not run its window as root; start it as yourself, or run it with "
+        "-repair for the command-line repair.\n";
+    for (const QStringList &arguments : {QStringList{}, QStringList{QStringLiteral("-trash")},
+                                         QStringList{QStringLiteral("-bogus"), QStringLiteral("-silent")}})
+        for (const QString &session :
+             {QStringLiteral("QT_QPA_PLATFORM=offscreen"), QStringLiteral("DISPLAY=:4242")}) {
+            SCOPED_TRACE((arguments.join(' ') + QLatin1Char(' ') + session).toStdString());
+            const ProcessResult window =
+                box.runAsRoot(QStringList{QStringLiteral("Mendwell")} + arguments, {session});
+            EXPECT_EQ(window.exitCode, 1);
+            EXPECT_EQ(window.err, refusal);
+            EXPECT_TRUE(window.out.isEmpty()) << window.out.constData();
+        }
+    // Nothing started: no log, settings or report folder for root or for anna.
+    EXPECT_FALSE(box.exists(QStringLiteral("/Users/anna/Library")));
+    EXPECT_FALSE(box.exists(QStringLiteral("/root/Library")));
+
+    const QStringList session{QStringLiteral("QT_QPA_PLATFORM=offscreen")};
+    const ProcessResult help = box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-help")}, session);
+    EXPECT_EQ(help.exitCode, 0);
+    EXPECT_TRUE(help.out.startsWith("\nMendwell Help\n")) << help.out.constData();
+    const ProcessResult repair =
+        box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair")}, session);
+    EXPECT_EQ(repair.exitCode, 0);
+    EXPECT_FALSE(repair.err.contains(refusal)) << repair.err.constData();
+    EXPECT_TRUE(repair.out.contains("Starting repair...")) << repair.out.constData();
+}
+
 TEST_F(CommandLineTest, RootRepairWithoutMachineLogFolderSaysItCannotCreateTheLog)
 {
     const ProcessResult result =

@@ -1,8 +1,11 @@
-// The windowed application as a person uses it: Mendwell started on an X display
-// in the sandbox (console user anna, the sample tree), clicked and typed at with
-// xdotool, photographed with ImageMagick. The screenshots are kept in the build
-// folder's window-shots/ for people to look at.
+// The windowed application as a person uses it: Mendwell started by anna on an X
+// display (the window refuses root), clicked and typed at with xdotool,
+// photographed with ImageMagick. Repairs run in the polkit namespace on the
+// sample tree, where the test types the administrator's password into pkttyagent
+// when the repair asks; the rest runs in the sandbox. The screenshots are kept in
+// the build folder's window-shots/ for people to look at.
 
+#include "tests/support/PolkitNamespace.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestDisplay.h"
 
@@ -13,6 +16,8 @@
 #include <QFile>
 #include <QImage>
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -20,10 +25,13 @@ namespace {
 const QString kDriver = QStringLiteral("/Applications/TestPrograms/windowdriver.sh");
 const QString kRuns = QStringLiteral("/Library/TestRuns");
 const QString kShotsKept = QStringLiteral(MENDWELL_BINARY_DIR "/window-shots");
+const QString kLog = QStringLiteral("/Users/anna/Library/Logs/Lanternfish/Mendwell.1.log");
+const QString kSettings = QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.Mendwell.plist");
 
 // windowdriver.sh SCENE SCALE: starts Mendwell and acts out SCENE at QT_SCALE_FACTOR
 // SCALE. Writes SCENE.figures ("name value" lines) and the screenshots SHOT-SCALE.png
-// in /Library/TestRuns. Positions are the main window's layout at scale 1.
+// in /Library/TestRuns. Positions are the main window's layout at scale 1. With
+// AGENT set, pkttyagent answers polkit for Mendwell on the terminal.
 const char kDriverScript[] = R"sh(set -u
 scene=$1
 scale=$2
@@ -59,6 +67,14 @@ menu() {
     count $((before + 1))
     xdotool key "$3"
 }
+# waitlog TEXT: waits up to 30 s until the log holds TEXT.
+waitlog() {
+    n=0
+    until grep -qF "$1" /Users/anna/Library/Logs/Lanternfish/Mendwell.1.log 2>/dev/null || [ $n -ge 3000 ]; do
+        sleep 0.01
+        n=$((n + 1))
+    done
+}
 finish() {  # waits up to 20 s for the end of Mendwell and records its status
     n=0
     while kill -0 "$pid" 2>/dev/null && [ $n -lt 2000 ]; do sleep 0.01; n=$((n + 1)); done
@@ -71,6 +87,18 @@ finish() {  # waits up to 20 s for the end of Mendwell and records its status
 start=$(now)
 /Applications/Mendwell.app/Contents/MacOS/Mendwell >"$runs/$scene-$scale.out" 2>"$runs/$scene-$scale.err" &
 pid=$!
+agent=
+trap '[ -n "$agent" ] && kill "$agent" 2>/dev/null' EXIT
+if [ -n "${AGENT:-}" ]; then
+    # Registered before the window shows, long before the repair asks.
+    fifo=$runs/agent-$scene.fifo
+    rm -f "$fifo"
+    mkfifo "$fifo"
+    pkttyagent --process "$pid" --notify-fd 3 3>"$fifo" &
+    agent=$!
+    cat "$fifo" >/dev/null
+    rm -f "$fifo"
+fi
 case $scene in
 guard)
     # The password is never given: Mendwell must end without showing its window.
@@ -113,7 +141,8 @@ settings)
 quitduring)
     main=$(waitfor '^Mendwell$') || { figure status nowindow; kill "$pid"; exit 0; }
     click "$main" 565 490
-    sleep 0.5
+    # Authorized and well into its steps.
+    waitlog "Terminating processes..."
     press "$main" ctrl+q
     finish
     ;;
@@ -139,8 +168,7 @@ repair | scaled)
         shot sheet
         press "$(ours | grep -vx "$main" | head -1)" Return
         count 1
-        setpriv --reuid=anna --regid=anna --init-groups -- env HOME=/Users/anna trash-list \
-            >"$runs/trashed-$scale.txt"
+        trash-list >"$runs/trashed-$scale.txt"
         # Undo Last Repair: asked, then answered with what came back.
         menu "$main" alt+e u
         sleep 0.3
@@ -152,6 +180,7 @@ repair | scaled)
         shot undone
         press "$(ours | grep -vx "$main" | head -1)" Return
         count 1
+        trash-list >"$runs/listed-$scale.txt"
         menu "$main" alt+m a
         if about=$(waitfor '^About Mendwell$'); then
             shot about
@@ -177,43 +206,31 @@ repair | scaled)
 esac
 )sh";
 
-class MainWindowTest : public ::testing::Test {
+// What both places share: the display, the driver's files, the screenshots.
+class WindowTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite()
+    static void SetUpTestSuite() { display = new TestDisplay(QStringLiteral("2560x1600x24")); }
+    static void TearDownTestSuite()
     {
-        if (Sandbox::unavailableReason().isEmpty())
-            display = new TestDisplay(QStringLiteral("2560x1600x24"));
-    }
-    static void TearDownTestSuite() { delete display; }
-
-    void SetUp() override
-    {
-        SKIP_WITHOUT_SANDBOX();
-        ASSERT_TRUE(display->isRunning());
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
-        ASSERT_TRUE(box.makeFolder(kRuns));
-        ::chmod(QFile::encodeName(box.hostPath(kRuns)).constData(), 01777);
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Applications/TestPrograms")));
-        ASSERT_TRUE(box.writeFile(kDriver, kDriverScript));
-        // Past the first run the statistics question would come up; it is answered.
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/root/Library/Preferences")));
-        ASSERT_TRUE(PropertyList::writeXmlFile(
-            box.hostPath(QStringLiteral("/root/Library/Preferences/com.lanternfish.qc.plist")),
-            QVariantMap{{QStringLiteral("logQC"), false}}));
+        delete display;
+        display = nullptr;
     }
 
-    // Runs SCENE and returns its figures.
-    QMap<QString, QString> act(const QString &scene, int scale, bool asUser = false)
+    virtual QString hostPath(const QString &path) const = 0;
+
+    QByteArray readFile(const QString &path) const
     {
-        const QStringList command{QStringLiteral("sh"), kDriver, scene, QString::number(scale)};
-        const QStringList environment{QStringLiteral("DISPLAY=") + display->display()};
-        const ProcessResult result =
-            asUser ? box.runAsUser(command, environment) : box.runAsRoot(command, environment);
-        EXPECT_EQ(result.exitCode, 0) << result.err.constData();
+        QFile file(hostPath(path));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    // The figures SCENE wrote at SCALE.
+    QMap<QString, QString> figures(const QString &scene, int scale) const
+    {
         QMap<QString, QString> figures;
         const QString file = QStringLiteral("%1/%2-%3.figures").arg(kRuns, scene).arg(scale);
         for (const QString &line :
-             QString::fromUtf8(box.readFile(file)).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+             QString::fromUtf8(readFile(file)).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
             figures.insert(line.section(QLatin1Char(' '), 0, 0), line.section(QLatin1Char(' '), 1));
         return figures;
     }
@@ -223,21 +240,96 @@ protected:
         QDir().mkpath(kShotsKept);
         const QString inside = QStringLiteral("%1/%2.png").arg(kRuns, name);
         QFile::remove(kShotsKept + QLatin1Char('/') + name + QStringLiteral(".png"));
-        QFile::copy(box.hostPath(inside), kShotsKept + QLatin1Char('/') + name + QStringLiteral(".png"));
-        return QImage(box.hostPath(inside));
+        QFile::copy(hostPath(inside), kShotsKept + QLatin1Char('/') + name + QStringLiteral(".png"));
+        return QImage(hostPath(inside));
     }
 
     QByteArray runOutput(const QString &scene, int scale, const char *stream) const
     {
-        return box.readFile(
+        return readFile(
             QStringLiteral("%1/%2-%3.%4").arg(kRuns, scene).arg(scale).arg(QLatin1String(stream)));
     }
 
-    Sandbox box;
     static TestDisplay *display;
 };
 
-TestDisplay *MainWindowTest::display = nullptr;
+TestDisplay *WindowTest::display = nullptr;
+
+// The sandbox, without the rights a repair needs.
+class MainWindowTest : public WindowTest {
+protected:
+    void SetUp() override
+    {
+        SKIP_WITHOUT_SANDBOX();
+        ASSERT_TRUE(display->isRunning());
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
+        ASSERT_TRUE(box.makeFolder(kRuns));
+        ::chmod(QFile::encodeName(box.hostPath(kRuns)).constData(), 01777);
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Applications/TestPrograms")));
+        ASSERT_TRUE(box.writeFile(kDriver, kDriverScript));
+    }
+
+    QString hostPath(const QString &path) const override { return box.hostPath(path); }
+
+    // Runs SCENE as anna (or as root) and returns its figures.
+    QMap<QString, QString> act(const QString &scene, int scale, bool asRoot = false)
+    {
+        const QStringList command{QStringLiteral("sh"), kDriver, scene, QString::number(scale)};
+        const QStringList environment{QStringLiteral("DISPLAY=") + display->display()};
+        const ProcessResult result =
+            asRoot ? box.runAsRoot(command, environment) : box.runAsUser(command, environment);
+        EXPECT_EQ(result.exitCode, 0) << result.err.constData();
+        return figures(scene, scale);
+    }
+
+    Sandbox box;
+};
+
+// The polkit namespace with the sample tree: the repair asks for the password.
+class MainWindowRepairTest : public WindowTest {
+protected:
+    void SetUp() override
+    {
+        SKIP_WITHOUT_POLKIT();
+        ASSERT_TRUE(display->isRunning());
+        const ProcessResult made =
+            runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
+                        hostPath({})});
+        ASSERT_EQ(made.exitCode, 0) << made.err.constData();
+        ASSERT_TRUE(polkit.makeFolder(kRuns, false));
+        ::chmod(QFile::encodeName(hostPath(kRuns)).constData(), 01777);
+        ASSERT_TRUE(polkit.makeFolder(QStringLiteral("/Applications/TestPrograms"), false));
+        ASSERT_TRUE(polkit.writeFile(kDriver, kDriverScript, false));
+        ASSERT_TRUE(polkit.makeFolder(QStringLiteral("/Users/anna/.runtime"), true));
+        ::chmod(QFile::encodeName(hostPath(QStringLiteral("/Users/anna/.runtime"))).constData(), 0700);
+        // Past the first run the statistics question would come up; it is answered.
+        const QString consent = QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.qc.plist");
+        ASSERT_TRUE(
+            PropertyList::writeXmlFile(hostPath(consent), QVariantMap{{QStringLiteral("logQC"), false}}));
+        ASSERT_EQ(::lchown(QFile::encodeName(hostPath(consent)).constData(), Sandbox::userId(),
+                           Sandbox::userGroupId()),
+                  0);
+    }
+
+    QString hostPath(const QString &path) const override { return polkit.hostPath(path); }
+
+    // Runs SCENE as anna, typing the password at the first ANSWERED prompts;
+    // returns its figures and counts the prompts into PROMPTS.
+    QMap<QString, QString> act(const QString &scene, int scale, int answered, int *prompts = nullptr)
+    {
+        const PolkitNamespace::Result result = polkit.runAsUser(
+            {QStringLiteral("env"), QStringLiteral("DISPLAY=") + display->display(),
+             QStringLiteral("XDG_RUNTIME_DIR=/Users/anna/.runtime"), QStringLiteral("AGENT=1"),
+             QStringLiteral("sh"), kDriver, scene, QString::number(scale)},
+            answered, PolkitNamespace::Agent::None);
+        EXPECT_EQ(result.exitCode, 0) << result.output.constData() << result.errors.constData();
+        if (prompts != nullptr)
+            *prompts = result.passwordPrompts;
+        return figures(scene, scale);
+    }
+
+    PolkitNamespace polkit;
+};
 
 // The console's red: the errors of a repair.
 qsizetype redPixels(const QImage &image)
@@ -251,45 +343,49 @@ qsizetype redPixels(const QImage &image)
     return count;
 }
 
-TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithASheet)
+TEST_F(MainWindowRepairTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithASheet)
 {
-    const ProcessResult made =
-        runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
-                    box.hostPath(QString())});
-    ASSERT_EQ(made.exitCode, 0) << made.err.constData();
-
     const QString manager =
         QStringLiteral("/Library/Application Support/Lanternfish/Shared Resources/HXShortcutKeyManager");
-    ASSERT_TRUE(box.writeProgram(manager, "#!/bin/sh\necho \"$*\" >>/Library/TestRuns/manager.record\n"));
+    ASSERT_TRUE(polkit.makeFolder(QStringLiteral("/Library/Application Support/Lanternfish/Shared Resources"),
+                                  false));
+    ASSERT_TRUE(
+        polkit.writeFile(manager, "#!/bin/sh\necho \"$*\" >>/Library/TestRuns/manager.record\n", false));
+    ASSERT_EQ(::chmod(QFile::encodeName(hostPath(manager)).constData(), 0755), 0);
 
-    QMap<QString, QString> figures = act(QStringLiteral("repair"), 1);
+    int prompts = 0;
+    QMap<QString, QString> figures = act(QStringLiteral("repair"), 1, 4, &prompts);
     ASSERT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
         << runOutput("repair", 1, "err").data();
     EXPECT_FALSE(figures.contains(QStringLiteral("missed")))
         << figures.value(QStringLiteral("missed")).toStdString();
-    std::printf("[ figures ] 100%%: window ready %s ms, peak %s kB at ready, %s kB after the repair\n",
+    std::printf("[ figures ] 100%%: window ready %s ms, peak %s kB at ready, %s kB after the repair; %d "
+                "password prompt(s)\n",
                 qPrintable(figures.value(QStringLiteral("ready_ms"))),
                 qPrintable(figures.value(QStringLiteral("ready_hwm_kb"))),
-                qPrintable(figures.value(QStringLiteral("end_hwm_kb"))));
+                qPrintable(figures.value(QStringLiteral("end_hwm_kb"))), prompts);
+    // One password for the whole repair.
+    EXPECT_EQ(prompts, 1);
 
-    // Both clicked boxes took effect, and are remembered.
-    const QVariantMap settings = PropertyList::readDictionary(
-        box.hostPath(QStringLiteral("/root/Library/Preferences/com.lanternfish.Mendwell.plist")));
+    // Both clicked boxes took effect, and are remembered in anna's own settings.
+    const QVariantMap settings = PropertyList::readDictionary(hostPath(kSettings));
     EXPECT_EQ(settings.value(QStringLiteral("shouldTrash")).toLongLong(), 1);
     EXPECT_EQ(settings.value(QStringLiteral("shouldTrashWorkspaces")).toLongLong(), 1);
+    struct stat owner {};
+    ASSERT_EQ(::stat(QFile::encodeName(hostPath(kSettings)).constData(), &owner), 0);
+    EXPECT_EQ(owner.st_uid, Sandbox::userId());
     // Trashed by the repair, and back in place after Undo Last Repair.
-    const QByteArray trashed = box.readFile(kRuns + QStringLiteral("/trashed-1.txt"));
-    const QByteArray listed = box.runAsUser({QStringLiteral("trash-list")}).out;
+    const QByteArray trashed = readFile(kRuns + QStringLiteral("/trashed-1.txt"));
+    const QByteArray listed = readFile(kRuns + QStringLiteral("/listed-1.txt"));
     for (const char *item : {"/Users/anna/Library/Preferences/com.Adobe.Premiere Pro.7.0.plist",
                              "/Users/anna/Documents/Adobe/Premiere Pro/7.0/Layouts/Editing.xml"}) {
         EXPECT_TRUE(trashed.contains(item)) << item << "\n" << trashed.constData();
         EXPECT_FALSE(listed.contains(item)) << item << "\n" << listed.constData();
-        EXPECT_TRUE(box.exists(QLatin1String(item))) << item;
+        EXPECT_TRUE(polkit.exists(QLatin1String(item))) << item;
     }
 
     // Every step reached the console, in order.
-    const QString log =
-        QString::fromUtf8(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/Mendwell.1.log")));
+    const QString log = QString::fromUtf8(readFile(kLog));
     qsizetype at = 0;
     for (const char *line : {"Starting repair...", "Trashing preferences...", "Trashing workspaces...",
                              "Terminating processes...", "Trashing dynamic link caches...",
@@ -311,8 +407,7 @@ TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithAShe
     // The key typed into the shortcut panel is bound for the manager, and it was told.
     const QVariantList watchlist =
         PropertyList::readDictionary(
-            box.hostPath(
-                QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.shortcutkeys.plist")))
+            hostPath(QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.shortcutkeys.plist")))
             .value(QStringLiteral("watchlist"))
             .toList();
     ASSERT_EQ(watchlist.size(), 1);
@@ -323,20 +418,18 @@ TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithAShe
               QStringLiteral("com.lanternfish.Mendwell.repair"));
     EXPECT_EQ(binding.value(QStringLiteral("keycode")).toLongLong(), 27);  // R on the X server's keyboard
     EXPECT_EQ(binding.value(QStringLiteral("modifiers")).toLongLong(), 4096 + 512);
-    EXPECT_EQ(box.readFile(kRuns + QStringLiteral("/manager.record")), "-setup\n");
+    EXPECT_EQ(readFile(kRuns + QStringLiteral("/manager.record")), "-setup\n");
 
     // Twice the size: the same window, its first box clicked off again.
-    figures = act(QStringLiteral("scaled"), 2);
+    figures = act(QStringLiteral("scaled"), 2, 0);
     ASSERT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
         << runOutput("scaled", 2, "err").data();
     std::printf("[ figures ] 200%%: window ready %s ms, peak %s kB at ready\n",
                 qPrintable(figures.value(QStringLiteral("ready_ms"))),
                 qPrintable(figures.value(QStringLiteral("ready_hwm_kb"))));
-    EXPECT_EQ(PropertyList::readDictionary(
-                  box.hostPath(QStringLiteral("/root/Library/Preferences/com.lanternfish.Mendwell.plist")))
-                  .value(QStringLiteral("shouldTrash"))
-                  .toLongLong(),
-              0);
+    EXPECT_EQ(
+        PropertyList::readDictionary(hostPath(kSettings)).value(QStringLiteral("shouldTrash")).toLongLong(),
+        0);
     const QImage scaled = shot(QStringLiteral("rest-2"));
     const QImage normal = shot(QStringLiteral("rest-1"));
     EXPECT_NEAR(scaled.width(), 2 * normal.width(), 4);
@@ -345,17 +438,27 @@ TEST_F(MainWindowTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWithAShe
 
 // Quit does not wait for the repair's thread, which itself waits on the main
 // thread for every console line.
-TEST_F(MainWindowTest, QuittingDuringARepairEndsAtOnce)
+TEST_F(MainWindowRepairTest, QuittingDuringARepairEndsAtOnce)
 {
-    const ProcessResult made =
-        runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
-                    box.hostPath(QString())});
-    ASSERT_EQ(made.exitCode, 0) << made.err.constData();
-    const QMap<QString, QString> figures = act(QStringLiteral("quitduring"), 1);
+    const QMap<QString, QString> figures = act(QStringLiteral("quitduring"), 1, 1);
     EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
         << runOutput("quitduring", 1, "err").data();
-    EXPECT_TRUE(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/Mendwell.1.log"))
-                    .contains("Starting repair..."));
+    const QByteArray log = readFile(kLog);
+    EXPECT_TRUE(log.contains("Terminating processes...")) << log.constData();
+    EXPECT_FALSE(log.contains("Processing complete.")) << log.constData();
+}
+
+// sudo Mendwell on a real display: refused before any window, with the text.
+TEST_F(MainWindowTest, StartedAsRootTheWindowIsRefusedWithItsReason)
+{
+    const QMap<QString, QString> figures = act(QStringLiteral("guard"), 1, true);
+    EXPECT_EQ(figures.value(QStringLiteral("windows")), QStringLiteral("0"));
+    EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("1"));
+    EXPECT_EQ(runOutput("guard", 1, "err"),
+              "Mendwell does not run its window as root; start it as yourself, or run it with -repair for "
+              "the command-line repair.\n");
+    EXPECT_FALSE(box.exists(QStringLiteral("/root/Library")));
+    EXPECT_FALSE(box.exists(QStringLiteral("/Users/anna/Library")));
 }
 
 TEST_F(MainWindowTest, WithoutItsInfrastructureTheProgramSaysSoAndEnds)
@@ -370,7 +473,7 @@ TEST_F(MainWindowTest, WithoutItsInfrastructureTheProgramSaysSoAndEnds)
     const char *critical =
         "Critical error: unable to load application infrastructure. You must reinstall the application.";
     EXPECT_TRUE(runOutput("noinfra", 1, "err").contains(critical)) << runOutput("noinfra", 1, "err").data();
-    EXPECT_TRUE(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/Mendwell.1.log")).contains(critical));
+    EXPECT_TRUE(box.readFile(kLog).contains(critical));
     EXPECT_FALSE(shot(QStringLiteral("panel-1")).isNull());
 }
 
@@ -388,7 +491,7 @@ TEST_F(MainWindowTest, PreferencesAndHelpPagesAsTheUserSeesThem)
                                  "#!/bin/sh\nprintf '%s\\n' \"$*\" >>" + record.toUtf8() + "\n"));
     box.overlay(box.hostPath(QStringLiteral("/Library/Test/xdg-open")), QStringLiteral("/usr/bin/xdg-open"));
 
-    const QMap<QString, QString> figures = act(QStringLiteral("settings"), 1, true);
+    const QMap<QString, QString> figures = act(QStringLiteral("settings"), 1);
     ASSERT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
         << runOutput("settings", 1, "err").data();
     // Switching the requirement on needs no password; off it does, and without
@@ -414,7 +517,7 @@ TEST_F(MainWindowTest, ARequiredPasswordThatIsNotGivenEndsTheProgram)
     ASSERT_TRUE(PropertyList::writeXmlFile(
         box.hostPath(QStringLiteral("/Library/Preferences/com.lanternfish.Mendwell.plist")),
         QVariantMap{{QStringLiteral("requireAdminPassword"), 1}}));
-    const QMap<QString, QString> figures = act(QStringLiteral("guard"), 1, true);
+    const QMap<QString, QString> figures = act(QStringLiteral("guard"), 1);
     EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
         << runOutput("guard", 1, "err").data();
     EXPECT_EQ(figures.value(QStringLiteral("windows")), QStringLiteral("0"));
