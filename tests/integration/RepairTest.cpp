@@ -7,6 +7,7 @@
 // process namespace. This program listens on the bus for the closing signal.
 
 #include "system/HXDistributedNotificationCenter.h"
+#include "system/HXPath.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestCallbackClient.h"
 #include "tests/support/TestDesktop.h"
@@ -489,6 +490,59 @@ TEST_F(RepairTest, ThePrivilegedTrashStepsGoThroughTrashtoolIntoTheConsoleUsersT
     EXPECT_TRUE(log.contains(QStringLiteral(" - Trashing contents of folder ") + folder +
                              QStringLiteral("/Media...\n")))
         << log.toStdString();
+}
+
+// anna keeps ~/Documents in a synced folder and her Adobe support folder on a
+// second disk, each through a link of her own: the repair treats them as hers.
+// A link of hers to a folder that is not hers still leads root nowhere.
+TEST_F(RepairTest, HerOwnLinkedFoldersAreRepairedLikeAnyOtherAndNoneElse)
+{
+    makeSample();
+    const QString home = QStringLiteral("/Users/anna");
+    const QString support = home + QStringLiteral("/Library/Application Support/Adobe");
+    auto moveBehindLink = [&](const QString &path, const QString &elsewhere) {
+        ASSERT_TRUE(box.makeFolder(HXPath::deletingLastComponent(elsewhere), true));
+        ASSERT_EQ(::rename(QFile::encodeName(box.hostPath(path)).constData(),
+                           QFile::encodeName(box.hostPath(elsewhere)).constData()),
+                  0);
+        ASSERT_TRUE(QFile::link(elsewhere, box.hostPath(path)));
+        ASSERT_EQ(::lchown(QFile::encodeName(box.hostPath(path)).constData(), Sandbox::userId(),
+                           Sandbox::userGroupId()),
+                  0);
+    };
+    moveBehindLink(home + QStringLiteral("/Documents"), home + QStringLiteral("/Cloud/Documents"));
+    moveBehindLink(support, home + QStringLiteral("/Disk2/Adobe"));
+
+    const RepairRun first = repair({QStringLiteral("-repair"), QStringLiteral("-trash")});
+    EXPECT_TRUE(first.console.contains(QStringLiteral("Setting correct permissions on 4 files...")))
+        << first.process.err.constData();
+    EXPECT_EQ(trashListing(), kSampleTrash);
+    const RepairRun second = repair({QStringLiteral("-repair")});
+    EXPECT_TRUE(second.console.contains(QStringLiteral("No file permission errors found.")))
+        << second.process.err.constData();
+    EXPECT_EQ(second.console.last(), QStringLiteral("Processing complete. No errors were found."));
+
+    // Now her Adobe folder leads to the machine's: root gives her none of it.
+    const QString machine = QStringLiteral("/Library/Application Support/Adobe");
+    ASSERT_TRUE(box.writeFile(machine + QStringLiteral("/Common/root.db"), "root's"));
+    ::chmod(QFile::encodeName(box.hostPath(machine + QStringLiteral("/Common/root.db"))).constData(), 0600);
+    ASSERT_TRUE(QFile::remove(box.hostPath(support)));
+    ASSERT_TRUE(QFile::link(machine, box.hostPath(support)));
+    ASSERT_EQ(::lchown(QFile::encodeName(box.hostPath(support)).constData(), Sandbox::userId(),
+                       Sandbox::userGroupId()),
+              0);
+    const RepairRun third = repair({QStringLiteral("-repair")});
+    EXPECT_EQ(third.console.last(),
+              QStringLiteral("Processing complete. Errors were found during processing."));
+    struct stat info {};
+    ASSERT_EQ(
+        ::lstat(QFile::encodeName(box.hostPath(machine + QStringLiteral("/Common/root.db"))).constData(),
+                &info),
+        0);
+    EXPECT_EQ(info.st_uid, 0u);
+    EXPECT_EQ(info.st_mode & 0777, 0644u) << "the machine's rule, not hers";
+    ASSERT_EQ(::lstat(QFile::encodeName(box.hostPath(machine)).constData(), &info), 0);
+    EXPECT_EQ(info.st_uid, 0u);
 }
 
 TEST_F(RepairTest, TheWindowedRepairRunsOnItsOwnThreadAndAnswersWithASheet)

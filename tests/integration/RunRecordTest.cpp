@@ -241,3 +241,41 @@ TEST(RunRecordAsUserTest, TheRecordHoldsWhatTheAdministratorsHelperDid)
         }
     }
 }
+
+// As anna, with ~/Documents and her Adobe support folder each a link of her own
+// to another folder of hers: the repair (her own process, the administrator's
+// permissiontool through the runner) trashes what it lists, corrects behind her
+// links, and a second repair finds nothing wrong.
+TEST(RunRecordAsUserTest, HerLinkedFoldersAreRepairedAsHerselfToo)
+{
+    SKIP_WITHOUT_POLKIT();
+    PolkitNamespace env;
+    const ProcessResult made =
+        runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
+                    env.hostPath({})});
+    ASSERT_EQ(made.exitCode, 0) << made.err.constData();
+    const QString home = QStringLiteral("/Users/anna");
+    for (const auto &[path, elsewhere] :
+         {std::pair{home + QStringLiteral("/Documents"), home + QStringLiteral("/Cloud/Documents")},
+          std::pair{home + QStringLiteral("/Library/Application Support/Adobe"),
+                    home + QStringLiteral("/Disk2/Adobe")}}) {
+        ASSERT_TRUE(env.makeFolder(elsewhere.section(QLatin1Char('/'), 0, -2), true));
+        ASSERT_EQ(::rename(QFile::encodeName(env.hostPath(path)).constData(),
+                           QFile::encodeName(env.hostPath(elsewhere)).constData()),
+                  0);
+        ASSERT_TRUE(QFile::link(elsewhere, env.hostPath(path)));
+        ASSERT_EQ(::lchown(QFile::encodeName(env.hostPath(path)).constData(), Sandbox::userId(),
+                           Sandbox::userGroupId()),
+                  0);
+    }
+    const QString mendwell = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/Mendwell");
+    const PolkitNamespace::Result first = env.runAsUser({mendwell, "-repair", "-trash", "-hotkey"});
+    EXPECT_TRUE(first.output.contains("Setting correct permissions on ")) << first.output.constData();
+    for (const char *item : {"/Users/anna/Cloud/Documents/Adobe/Premiere Pro/7.0/Layouts/Editing.xml",
+                             "/Users/anna/Disk2/Adobe/Premiere Pro/7.0/Adobe Premiere Pro Prefs"})
+        EXPECT_FALSE(env.exists(QLatin1String(item))) << item;
+    const PolkitNamespace::Result second = env.runAsUser({mendwell, "-repair", "-hotkey"});
+    EXPECT_TRUE(second.output.contains("No file permission errors found.")) << second.output.constData();
+    EXPECT_TRUE(second.output.contains("Processing complete. No errors were found."))
+        << second.output.constData();
+}
