@@ -11,7 +11,6 @@
 #include "system/HXWorkspace.h"
 
 #include <algorithm>
-#include <unistd.h>
 
 namespace {
 
@@ -45,10 +44,9 @@ HXRepairPreview HXRepairPreview::gather(bool trashPreferences, bool trashWorkspa
     addExisting(preview.trash, HXPremiereFiles::dynamicLinkCachePaths());
     addExisting(preview.trash, HXPremiereFiles::memoryBalancerPaths());
 
-    for (const platform::RunningProcess &process : platform::runningProcesses())
-        if (process.pid != ::getpid() && isAdobeBackgroundProcess(process.executablePath))
-            preview.processes.push_back(
-                {HXPath::lastComponent(process.executablePath), process.pid, process.executablePath});
+    for (const platform::PinnedProcess &process : adobeProcessesToEnd())
+        preview.processes.push_back(
+            {HXPath::lastComponent(process.executablePath()), process.pid(), process.executablePath()});
 
     // The audit's findings and permissiontool's changes (run dry, for the console
     // user) from one walk per audited folder.

@@ -38,9 +38,19 @@ public:
 
     pid_t pid() const { return m_pid; }
     const QString &executablePath() const { return m_executablePath; }
+    // The user its real, effective and saved user ids all named once pinned;
+    // none when they differed.
+    std::optional<uid_t> soleUser() const { return m_soleUser; }
+    // True when the file it runs is the file its path names, reached from "/"
+    // without following a link, and that file and every folder on the way
+    // belong to root and are writable by nobody else. Then only root can have
+    // put it there or can make the path name another file, so this stays true.
+    bool runsRootOnlyProgram() const { return m_rootOnlyProgram; }
 
     // 0 or an errno (ESRCH once it has ended, EPERM when this process may not
-    // signal it).
+    // signal it). As root, a process with a sole user other than root is
+    // signalled with that user's rights alone: one that has since become
+    // someone else's (a set-user-id program it started) is out of reach.
     int terminate() const;
     int kill() const;
     // True once it has exited, also while its parent has not collected it yet.
@@ -59,6 +69,8 @@ private:
     pid_t m_pid;
     QString m_executablePath;
     Descriptor m_handle;
+    std::optional<uid_t> m_soleUser;
+    bool m_rootOnlyProgram = false;
 };
 
 // Waits until every one of PROCESSES has ended, at most LIMIT.

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QFile>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -54,9 +55,10 @@ std::optional<QString> executableOf(pid_t pid)
     return QFile::decodeName(target);
 }
 
-// The effective user of PID from its status ("Uid: real effective saved fs"); the
-// owner of /proc/PID would say root for a process that made itself undumpable.
-std::optional<uid_t> effectiveUserOf(const char *pid)
+// The real, effective and saved users of PID from its status ("Uid: real
+// effective saved fs"); the owner of /proc/PID would say root for a process
+// that made itself undumpable.
+std::optional<std::array<uid_t, 3>> usersOf(const QByteArray &pid)
 {
     QFile status(QStringLiteral("/proc/%1/status").arg(QLatin1String(pid)));
     if (!status.open(QIODevice::ReadOnly))
@@ -65,11 +67,63 @@ std::optional<uid_t> effectiveUserOf(const char *pid)
         if (!line.startsWith("Uid:"))
             continue;
         const QList<QByteArray> ids = line.mid(4).simplified().split(' ');
-        bool ok = false;
-        const uint uid = ids.value(1).toUInt(&ok);
-        return ok ? std::optional<uid_t>(uid) : std::nullopt;
+        std::array<uid_t, 3> users{};
+        for (std::size_t i = 0; i < users.size(); ++i) {
+            bool ok = false;
+            users[i] = ids.value(static_cast<qsizetype>(i)).toUInt(&ok);
+            if (!ok)
+                return std::nullopt;
+        }
+        return users;
     }
     return std::nullopt;
+}
+
+// True when PATH, walked from "/" one component at a time without following a
+// link, reaches the file PROGRAM describes, and that file and each folder on
+// the way (each checked on its own descriptor) belong to root and are writable
+// by neither group nor others. A sticky world-writable folder such as /tmp
+// fails too: anyone may add a name there.
+bool isRootOnlyFile(const QByteArray &path, const struct stat &program)
+{
+    if (!path.startsWith('/'))
+        return false;
+    const QList<QByteArray> names = path.mid(1).split('/');
+    Descriptor current(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    for (qsizetype i = 0;; ++i) {
+        struct stat info {};
+        if (current.get() < 0 || ::fstat(current.get(), &info) != 0 || info.st_uid != 0 ||
+            (info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+            return false;
+        if (i == names.size())
+            return S_ISREG(info.st_mode) && info.st_dev == program.st_dev && info.st_ino == program.st_ino;
+        const QByteArray &name = names[i];
+        if (!S_ISDIR(info.st_mode) || name.isEmpty() || name == "." || name == "..")
+            return false;
+        // A link is opened as itself and fails above: not a folder, not a regular file.
+        current = Descriptor(::openat(current.get(), name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    }
+}
+
+// Sends SIGNALNUMBER through PIDFD from a child that has become USER and so
+// lost root's capabilities: the kernel delivers it only where USER could. This
+// process itself never acts as USER, who could signal it meanwhile.
+int signalAsUser(int pidfd, int signalNumber, uid_t user)
+{
+    const pid_t child = ::fork();
+    if (child < 0)
+        return errno;
+    if (child == 0) {
+        // Between fork and exit only async-signal-safe calls: the bare system call.
+        if (::syscall(SYS_setresuid, user, user, user) != 0)
+            ::_exit(EPERM);
+        ::_exit(pidfdSendSignal(pidfd, signalNumber) == 0 ? 0 : errno);
+    }
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0)
+        if (errno != EINTR)
+            return ECHILD;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : EPERM;
 }
 
 bool endedBehind(int pidfd)
@@ -94,9 +148,9 @@ std::vector<RunningProcess> runningProcesses()
         // Kernel threads have no executable; another user's process refuses
         // to show it unless this one is root.
         std::optional<QString> path = executableOf(static_cast<pid_t>(pid));
-        const std::optional<uid_t> owner = path ? effectiveUserOf(entry->d_name) : std::nullopt;
-        if (owner)
-            processes.push_back({static_cast<pid_t>(pid), *owner, std::move(*path)});
+        const auto users = path ? usersOf(entry->d_name) : std::nullopt;
+        if (users)
+            processes.push_back({static_cast<pid_t>(pid), (*users)[1], std::move(*path)});
     }
     ::closedir(proc);
     return processes;
@@ -108,16 +162,26 @@ std::optional<PinnedProcess> PinnedProcess::pin(pid_t pid, const QString &execut
     if (pidfd < 0)
         return std::nullopt;
     PinnedProcess pinned(pid, executablePath, pidfd);
-    // The pid might have been reused between the listing and pidfd_open: the
-    // handle is trusted only if the pid still runs the same executable while
+    // The pid might have been reused between the listing and pidfd_open: what is
+    // read here is trusted only if the pid still runs the same executable while
     // the handle's process is alive, for then the two are one process.
-    if (executableOf(pid) != executablePath || pinned.hasEnded())
+    const QByteArray number = QByteArray::number(pid);
+    const Descriptor program(::open(("/proc/" + number + "/exe").constData(), O_PATH | O_CLOEXEC));
+    struct stat programInfo {};
+    const bool programRead = program.get() >= 0 && ::fstat(program.get(), &programInfo) == 0;
+    const std::optional<std::array<uid_t, 3>> users = usersOf(number);
+    if (!programRead || !users || executableOf(pid) != executablePath || pinned.hasEnded())
         return std::nullopt;
+    if ((*users)[0] == (*users)[1] && (*users)[1] == (*users)[2])
+        pinned.m_soleUser = (*users)[0];
+    pinned.m_rootOnlyProgram = isRootOnlyFile(QFile::encodeName(executablePath), programInfo);
     return pinned;
 }
 
 int PinnedProcess::sendSignal(int signalNumber) const
 {
+    if (::geteuid() == 0 && m_soleUser && *m_soleUser != 0)
+        return signalAsUser(m_handle.get(), signalNumber, *m_soleUser);
     return pidfdSendSignal(m_handle.get(), signalNumber) == 0 ? 0 : errno;
 }
 

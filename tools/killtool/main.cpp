@@ -1,12 +1,15 @@
 // killtool: run as root by a repair, without arguments, to end the Adobe
 // background processes that keep Premiere Pro's files in use (the table in
-// app/audit/AdobeProcesses.cpp). Each gets SIGTERM and two seconds to quit,
-// then SIGKILL and one more second. Processes are pinned first
-// (platform/Processes.h), so a pid reused meanwhile is never signalled. Run by another user it still tries,
-// and sees and ends only that user's processes. Standard output gets one report
-// line per process ended, with the signal it needed (app/audit/HXToolReport.h).
-// Exit status 0 when every matching process has ended (or none ran), 1 when one
-// still runs (named on standard error), 2 for any argument.
+// app/audit/AdobeProcesses.cpp): those wholly the console user's, and those
+// whose program only root can have placed (docs/ARCHITECTURE.md says why a
+// program's name and place alone are not enough). Each gets SIGTERM and two
+// seconds to quit, then SIGKILL and one more second. Processes are pinned first
+// (platform/Processes.h), so a pid reused meanwhile is never signalled. Run by
+// another user it still tries, and sees and ends only that user's processes.
+// Standard output gets one report line per process ended, with the signal it
+// needed (app/audit/HXToolReport.h). Exit status 0 when every process it chose
+// has ended (or none ran), 1 when one still runs (named on standard error), 2
+// for any argument.
 
 #include "app/audit/AdobeProcesses.h"
 #include "app/audit/HXToolReport.h"
@@ -16,7 +19,6 @@
 #include <QStringList>
 
 #include <cstdio>
-#include <unistd.h>
 
 namespace {
 
@@ -24,18 +26,6 @@ using platform::PinnedProcess;
 
 constexpr std::chrono::seconds kGracePeriod{2};
 constexpr std::chrono::seconds kAfterKill{1};
-
-std::vector<PinnedProcess> matchingProcesses()
-{
-    std::vector<PinnedProcess> matching;
-    for (const platform::RunningProcess &process : platform::runningProcesses()) {
-        if (process.pid == ::getpid() || !isAdobeBackgroundProcess(process.executablePath))
-            continue;
-        if (std::optional<PinnedProcess> pinned = PinnedProcess::pin(process.pid, process.executablePath))
-            matching.push_back(std::move(*pinned));
-    }
-    return matching;
-}
 
 // The processes still running that took the signal; one that refused it (not
 // ours to signal) is not waited for, it will not end.
@@ -57,7 +47,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "usage: %s\n", argv[0]);
         return 2;
     }
-    const std::vector<PinnedProcess> processes = matchingProcesses();
+    const std::vector<PinnedProcess> processes = adobeProcessesToEnd();
     std::vector<bool> reported(processes.size(), false);
     const auto report = [&](const char *signal) {
         for (std::size_t i = 0; i < processes.size(); ++i) {
