@@ -1,22 +1,8 @@
-// killtool's choice of processes, on paths the sandboxed run does not meet, and
-// the facts about a pinned process that choice rests on.
+// killtool's choice of processes, on paths and ids the sandboxed run does not meet.
 
 #include "app/audit/AdobeProcesses.h"
-#include "platform/Processes.h"
 
 #include <gtest/gtest.h>
-
-#include <QFile>
-#include <QTemporaryDir>
-
-#include <chrono>
-#include <csignal>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
-
-extern char **environ;
 
 TEST(KillToolMatch, NameExactlyAndSomeFolderAboveItAdobes)
 {
@@ -54,67 +40,4 @@ TEST(KillToolMatch, OnlyTheConsoleUsersOwnProcessesOrProgramsOnlyRootCanPlace)
                                              std::optional<uid_t>(anna), std::optional<uid_t>()})
         for (const std::optional<uid_t> console : {std::optional<uid_t>(anna), std::optional<uid_t>()})
             EXPECT_TRUE(mayEndAdobeProcess(owner, console, true));
-}
-
-namespace {
-
-// PROGRAM started as a child that sleeps, pinned once it runs PROGRAM (a
-// bounded number of looks), and ended when this goes.
-class SleepingChild {
-public:
-    explicit SleepingChild(const QString &program)
-    {
-        const QByteArray path = QFile::encodeName(program);
-        char *const arguments[] = {const_cast<char *>(path.constData()), const_cast<char *>("60"), nullptr};
-        if (::posix_spawn(&m_pid, path.constData(), nullptr, nullptr, arguments, environ) != 0) {
-            m_pid = 0;
-            return;
-        }
-        for (int look = 0; look < 500 && !pinned; ++look) {
-            pinned = platform::PinnedProcess::pin(m_pid, program);
-            if (!pinned)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    }
-    ~SleepingChild()
-    {
-        if (m_pid <= 0)
-            return;
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
-    }
-    SleepingChild(const SleepingChild &) = delete;
-    SleepingChild &operator=(const SleepingChild &) = delete;
-
-    std::optional<platform::PinnedProcess> pinned;
-
-private:
-    pid_t m_pid = 0;
-};
-
-}  // namespace
-
-TEST(KillToolMatch, APinnedProcessKnowsItsSoleUserAndWhetherOnlyRootCanHavePlacedItsProgram)
-{
-    const QString system = QStringLiteral("/usr/bin/sleep");
-    ASSERT_TRUE(QFile::exists(system));
-    // Root's program in root's folders.
-    {
-        const SleepingChild child(system);
-        ASSERT_TRUE(child.pinned);
-        EXPECT_EQ(child.pinned->soleUser(), ::getuid());
-        EXPECT_TRUE(child.pinned->runsRootOnlyProgram());
-    }
-    // The same program copied into a folder its group may write to.
-    QTemporaryDir folder;
-    ASSERT_TRUE(folder.isValid());
-    ASSERT_TRUE(QFile::setPermissions(folder.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
-                                                         QFile::ReadGroup | QFile::WriteGroup |
-                                                         QFile::ExeGroup));
-    const QString copy = folder.filePath(QStringLiteral("sleep"));
-    ASSERT_TRUE(QFile::copy(system, copy));
-    const SleepingChild child(copy);
-    ASSERT_TRUE(child.pinned);
-    EXPECT_EQ(child.pinned->soleUser(), ::getuid());
-    EXPECT_FALSE(child.pinned->runsRootOnlyProgram());
 }
