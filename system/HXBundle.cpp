@@ -2,13 +2,23 @@
 
 #include "platform/Platform.h"
 #include "system/HXPath.h"
+#include "system/HXUsersTree.h"
 #include "system/PropertyList.h"
 
 #include <QFileInfo>
 
-HXBundle::HXBundle(QString bundlePath)
-    : m_path(std::move(bundlePath)),
-      m_info(PropertyList::readDictionary(m_path + QStringLiteral("/Contents/Info.plist")))
+namespace {
+
+// A bundle in the console user's tree is read with her rights when root looks.
+QVariantMap infoOf(const QString &bundlePath)
+{
+    const HXActingForUser acting(bundlePath);
+    return PropertyList::readDictionary(bundlePath + QStringLiteral("/Contents/Info.plist"));
+}
+
+}  // namespace
+
+HXBundle::HXBundle(QString bundlePath) : m_path(std::move(bundlePath)), m_info(infoOf(m_path))
 {
 }
 

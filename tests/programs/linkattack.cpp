@@ -195,6 +195,13 @@ void attacker(Shared *shared)
 
 Shared *shared = nullptr;
 
+// Removes an attempt's tree as root, never through a link.
+void clean(const QString &path)
+{
+    if (const std::optional<platform::Item> item = platform::Item::open(path))
+        item->folder.removeTree(item->name);
+}
+
 void swapWhile(const QString &path, const QString &target, int mode, const std::function<void()> &operation)
 {
     std::snprintf(shared->swapPath, sizeof shared->swapPath, "%s", encode(path).constData());
@@ -206,13 +213,17 @@ void swapWhile(const QString &path, const QString &target, int mode, const std::
     shared->phase.store(0);
     while (shared->acknowledged.load() == 0)
         ::usleep(10);
-    // Whatever the swapper left half-done is undone before anything is judged.
+    // Whatever the swapper left half-done is undone before anything is judged. A
+    // folder root made in the moment the name was free gives way to the original,
+    // or no later swap could land.
     const QByteArray away = encode(path) + ".away";
     struct stat info {};
     if (::lstat(encode(path).constData(), &info) == 0 && S_ISLNK(info.st_mode))
         ::unlink(encode(path).constData());
-    if (::lstat(away.constData(), &info) == 0)
+    if (::lstat(away.constData(), &info) == 0 && ::rename(away.constData(), encode(path).constData()) != 0) {
+        clean(path);
         ::rename(away.constData(), encode(path).constData());
+    }
 }
 
 // Folders and files of anna's, made fresh for an attempt.
@@ -248,13 +259,6 @@ void unlockEverything(const QString &path)
     while (it.hasNext())
         if (!QFileInfo(it.next()).isSymLink())
             setImmutable(it.filePath(), false);
-}
-
-// Removes an attempt's tree as root, never through a link.
-void clean(const QString &path)
-{
-    if (const std::optional<platform::Item> item = platform::Item::open(path))
-        item->folder.removeTree(item->name);
 }
 
 void cleanTrash()
