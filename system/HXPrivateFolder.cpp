@@ -16,7 +16,8 @@
 
 namespace {
 
-// As many names as mkdtemp tries before it gives up on a crowded folder.
+// Names tried before giving up: among 62^10, repeated clashes mean something
+// other than chance is at work.
 constexpr int kAttempts = 100;
 
 QString randomSuffix()

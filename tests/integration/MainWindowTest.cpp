@@ -314,14 +314,15 @@ protected:
     QString hostPath(const QString &path) const override { return polkit.hostPath(path); }
 
     // Runs SCENE as anna, typing the password at the first ANSWERED prompts;
-    // returns its figures and counts the prompts into PROMPTS.
+    // returns its figures and counts the prompts into PROMPTS. A whole scene may
+    // take well over the namespace's usual minute on a busy or sanitized build.
     QMap<QString, QString> act(const QString &scene, int scale, int answered, int *prompts = nullptr)
     {
         const PolkitNamespace::Result result = polkit.runAsUser(
             {QStringLiteral("env"), QStringLiteral("DISPLAY=") + display->display(),
              QStringLiteral("XDG_RUNTIME_DIR=/Users/anna/.runtime"), QStringLiteral("AGENT=1"),
              QStringLiteral("sh"), kDriver, scene, QString::number(scale)},
-            answered, PolkitNamespace::Agent::None);
+            answered, PolkitNamespace::Agent::None, std::chrono::seconds(300));
         EXPECT_EQ(result.exitCode, 0) << result.output.constData() << result.errors.constData();
         if (prompts != nullptr)
             *prompts = result.passwordPrompts;

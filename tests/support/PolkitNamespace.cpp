@@ -106,8 +106,8 @@ bool PolkitNamespace::installInBundle(const QString &program) const
     return QFile::copy(program, target);
 }
 
-PolkitNamespace::Result PolkitNamespace::runAsUser(const QStringList &command, int answered,
-                                                   Agent agent) const
+PolkitNamespace::Result PolkitNamespace::runAsUser(const QStringList &command, int answered, Agent agent,
+                                                   std::chrono::seconds limit) const
 {
     Result result;
     QStringList arguments{QStringLiteral("unshare"),
@@ -171,7 +171,7 @@ PolkitNamespace::Result PolkitNamespace::runAsUser(const QStringList &command, i
     if (errors[1] >= 0)
         ::close(errors[1]);
 
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     char buffer[4096];
     bool terminalOpen = true;
     while (terminalOpen && std::chrono::steady_clock::now() < deadline) {

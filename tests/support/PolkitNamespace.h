@@ -15,6 +15,8 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <chrono>
+
 class PolkitNamespace {
 public:
     // scripts/setup-polkit-tests.sh makes this account and sets its password.
@@ -47,8 +49,9 @@ public:
         QByteArray polkitLog;
     };
     // Runs COMMAND as anna. The password is typed at the first ANSWERED prompts;
-    // later ones get a wrong password.
-    Result runAsUser(const QStringList &command, int answered = 1, Agent agent = Agent::Terminal) const;
+    // later ones get a wrong password. A command still running after LIMIT is killed.
+    Result runAsUser(const QStringList &command, int answered = 1, Agent agent = Agent::Terminal,
+                     std::chrono::seconds limit = std::chrono::seconds(60)) const;
 
 private:
     QTemporaryDir m_work;
