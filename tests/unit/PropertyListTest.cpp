@@ -3,13 +3,18 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QRandomGenerator>
 #include <QSize>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
+#include <functional>
 #include <limits>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -48,6 +53,83 @@ void expectSameTree(const QVariantMap &read)
     EXPECT_FALSE(nested.value(QStringLiteral("flag")).toBool());
     EXPECT_EQ(nested.value(QStringLiteral("list")).toList().value(1).toString(), QStringLiteral("two"));
 }
+
+QByteArray binaryOf(const QByteArray &xml)
+{
+    plist_t parsed = nullptr;
+    plist_from_xml(xml.constData(), static_cast<uint32_t>(xml.size()), &parsed);
+    char *binary = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(parsed, &binary, &length);
+    plist_free(parsed);
+    const QByteArray bytes(binary, static_cast<qsizetype>(length));
+    plist_to_bin_free(binary);
+    return bytes;
+}
+
+// LEVELS arrays inside one another, the innermost empty; CLOSED or cut short.
+QByteArray deepXml(int levels, bool closed = true)
+{
+    QByteArray xml = "<plist>" + QByteArray("<array>").repeated(levels - 1) + "<array/>";
+    if (closed)
+        xml += QByteArray("</array>").repeated(levels - 1) + "</plist>";
+    return xml;
+}
+
+QByteArray bigEndian(quint64 value, int width)
+{
+    QByteArray bytes(width, '\0');
+    for (int i = width - 1; i >= 0; --i, value >>= 8)
+        bytes[i] = static_cast<char>(value & 0xff);
+    return bytes;
+}
+
+// A binary list of COUNT objects, object 0 at the top; OBJECT(i) encodes object i
+// with 4-byte references.
+QByteArray binaryList(int count, const std::function<QByteArray(int)> &object)
+{
+    QByteArray list("bplist00");
+    QByteArray offsets;
+    for (int i = 0; i < count; ++i) {
+        offsets += bigEndian(static_cast<quint64>(list.size()), 4);
+        list += object(i);
+    }
+    const auto table = static_cast<quint64>(list.size());
+    return list + offsets + QByteArray(6, '\0') + '\x04' + '\x04' + bigEndian(count, 8) + bigEndian(0, 8) +
+           bigEndian(table, 8);
+}
+
+// An array holding REFS (fewer than 15).
+QByteArray arrayOf(std::initializer_list<int> refs)
+{
+    QByteArray array(1, static_cast<char>(0xa0 | refs.size()));
+    for (int ref : refs)
+        array += bigEndian(static_cast<quint64>(ref), 4);
+    return array;
+}
+
+// LEVELS arrays inside one another, the innermost empty.
+QByteArray deepBinary(int levels)
+{
+    return binaryList(levels, [&](int i) { return i + 1 < levels ? arrayOf({i + 1}) : arrayOf({}); });
+}
+
+int levelsOf(QVariant value)
+{
+    int levels = 0;
+    for (; value.typeId() == QMetaType::QVariantList; ++levels)
+        value = value.toList().value(0);
+    return levels;
+}
+
+QString damageOf(const QByteArray &data)
+{
+    QString damage;
+    EXPECT_FALSE(PropertyList::fromData(data, &damage).isValid());
+    return damage;
+}
+
+const QString kTooDeep = QStringLiteral("nested deeper than 128 levels");
 
 }  // namespace
 
@@ -122,4 +204,203 @@ TEST(PropertyList, WriteFailsCleanly)
     EXPECT_FALSE(PropertyList::writeXmlFile(
         path, QVariantMap{{QStringLiteral("bad"), QVariant::fromValue(QSize(1, 2))}}));
     EXPECT_EQ(PropertyList::readDictionary(path).value(QStringLiteral("a")).toLongLong(), 1);
+}
+
+// libplist recurses once a level when it reads a binary list and whenever it frees
+// one (also a malformed XML list it gave up on), so these crashed the reader.
+TEST(PropertyListBounds, NestingIsBoundedInBothForms)
+{
+    using PropertyList::kMaxNesting;
+    EXPECT_EQ(levelsOf(PropertyList::fromData(deepXml(kMaxNesting))), kMaxNesting);
+    EXPECT_EQ(levelsOf(PropertyList::fromData(deepBinary(kMaxNesting))), kMaxNesting);
+    EXPECT_EQ(damageOf(deepXml(kMaxNesting + 1)), kTooDeep);
+    EXPECT_EQ(damageOf(deepBinary(kMaxNesting + 1)), kTooDeep);
+    // A dictionary level counts as an array level does.
+    const QByteArray dictionaries = "<plist>" + QByteArray("<dict><key>k</key>").repeated(kMaxNesting) +
+                                    "<true/>" + QByteArray("</dict>").repeated(kMaxNesting) + "</plist>";
+    EXPECT_EQ(damageOf(dictionaries), kTooDeep);
+
+    constexpr int kDeep = 200000;
+    EXPECT_EQ(damageOf(deepXml(kDeep)), kTooDeep);
+    EXPECT_EQ(damageOf(deepXml(kDeep, false)), kTooDeep) << "cut short";
+    EXPECT_EQ(damageOf(deepXml(kDeep, false) + "junk"), kTooDeep) << "malformed after the levels";
+    EXPECT_EQ(damageOf(deepBinary(kDeep)), kTooDeep);
+}
+
+// The XML check follows libplist's reading step by step: depth that libplist would
+// build behind its quirks is found, depth it would not build is no reason to refuse.
+TEST(PropertyListBounds, XmlLevelsAreCountedAsLibplistReadsThem)
+{
+    const QByteArray levels = QByteArray("<array>").repeated(200000);
+    const QByteArray closes = QByteArray("</array>").repeated(200000);
+    // libplist skips a double-quoted run inside "<?...?>" and "<!DOCTYPE ...>", but
+    // not a single-quoted one; an XML parser would see these levels as text.
+    const QByteArray hidden[] = {
+        "<plist><?x \"?><!-- \"?>" + levels + closes + "<?y \" -->\"?></plist>",
+        "<!DOCTYPE plist SYSTEM '>" + levels + closes + "<!-- '><!-- --><plist><dict/></plist>",
+        "<!DOCTYPE plist [ \"]>\" ]><plist>" + levels + closes + "</plist>",
+        // An empty outermost array still takes what follows it.
+        "<array/>" + levels,
+        // Attributes, with ">" quoted.
+        "<plist version=\"1>\"><array a=\">\">" + levels,
+        // Comments and CDATA inside a value are skipped, and the levels follow.
+        "<plist><array><string>a<!-- </array> --><![CDATA[</array>]]></string>" + levels,
+        // libplist goes on after a second <plist> inside a value.
+        "<plist><array><plist>" + levels,
+    };
+    for (const QByteArray &xml : hidden)
+        EXPECT_EQ(damageOf(xml), kTooDeep) << xml.left(60).constData();
+
+    // Levels libplist never builds: inside a comment, inside a string, after the
+    // outermost value is complete.
+    const QByteArray harmless[] = {
+        "<plist><!-- " + levels + " --><dict/></plist>",
+        "<plist><dict><key>a</key><string><![CDATA[" + levels + "]]></string></dict></plist>",
+        "<plist><dict></dict></plist>" + levels,
+        "<plist><dict><key>a</key><string>b</string></dict></plist><plist>" + levels,
+    };
+    for (const QByteArray &xml : harmless) {
+        QString damage;
+        EXPECT_EQ(PropertyList::fromData(xml, &damage).typeId(), QMetaType::QVariantMap)
+            << xml.left(60).constData() << " " << damage.toStdString();
+    }
+    EXPECT_EQ(PropertyList::fromData(harmless[1]).toMap().value(QStringLiteral("a")).toString().size(),
+              levels.size());
+}
+
+TEST(PropertyListBounds, SizeAndValuesAreBounded)
+{
+    using PropertyList::kMaxSize;
+    using PropertyList::kMaxValues;
+    const QByteArray list = "<plist><dict><key>a</key><integer>1</integer></dict></plist>";
+    QByteArray atLimit = list + QByteArray(kMaxSize - list.size(), ' ');
+    EXPECT_EQ(PropertyList::fromData(atLimit).toMap().value(QStringLiteral("a")).toInt(), 1);
+    EXPECT_EQ(damageOf(atLimit + ' '), QStringLiteral("larger than 16777216 bytes"));
+
+    const auto manyTrue = [](qsizetype count) {
+        return "<plist><array>" + QByteArray("<true/>").repeated(count - 1) + "</array></plist>";
+    };
+    EXPECT_EQ(PropertyList::fromData(manyTrue(kMaxValues)).toList().size(), kMaxValues - 1);
+    EXPECT_EQ(damageOf(manyTrue(kMaxValues + 1)), QStringLiteral("more than 262144 values"));
+
+    // libplist copies a shared object at every reference: 40 levels of two
+    // references each to the next would be 2^40 values from 600 bytes.
+    const QByteArray doubling = binaryList(41, [](int i) {
+        return i < 40 ? arrayOf({i + 1, i + 1}) : QByteArray("\x09");
+    });
+    ASSERT_LT(doubling.size(), 600);
+    EXPECT_EQ(damageOf(doubling), QStringLiteral("more than 262144 values"));
+    // So does one large string: 40 references to 1 MiB are 40 MiB.
+    const QByteArray shared = binaryList(2, [](int i) {
+        if (i == 1)
+            return "\x5f\x12" + bigEndian(1 << 20, 4) + QByteArray(1 << 20, 'x');
+        QByteArray array("\xaf\x10\x28");
+        for (int j = 0; j < 40; ++j)
+            array += bigEndian(1, 4);
+        return array;
+    });
+    EXPECT_EQ(damageOf(shared), QStringLiteral("larger than 16777216 bytes"));
+    // A few shared ones read, each copy in place.
+    const QVariantList twice = PropertyList::fromData(binaryList(2, [](int i) {
+                                   return i == 0 ? arrayOf({1, 1}) : QByteArray("\x51z");
+                               })).toList();
+    EXPECT_EQ(twice, (QVariantList{QStringLiteral("z"), QStringLiteral("z")}));
+}
+
+TEST(PropertyListBounds, BrokenBinaryListsAreDamaged)
+{
+    const QString malformed = QStringLiteral("not a property list");
+    // A value inside itself: directly, and through two more.
+    EXPECT_EQ(damageOf(binaryList(1, [](int) { return arrayOf({0}); })), malformed);
+    EXPECT_EQ(damageOf(binaryList(3, [](int i) { return arrayOf({(i + 1) % 3}); })), malformed);
+    EXPECT_EQ(damageOf(binaryList(200000, [](int i) { return arrayOf({(i + 1) % 200000}); })), kTooDeep);
+    // References and offsets beyond the list.
+    EXPECT_EQ(damageOf(binaryList(1, [](int) { return arrayOf({7}); })), malformed);
+    QByteArray outside = binaryList(1, [](int) { return QByteArray("\x09"); });
+    outside[outside.size() - 1] = '\x7f';
+    EXPECT_EQ(damageOf(outside), malformed);
+
+    // A zero character in a string: libplist keeps it, and then fails an assertion
+    // (aborting the reader) when the string or key is taken out.
+    const QByteArray zero("\x62\x00\x61\x00\x00", 5);
+    EXPECT_EQ(damageOf(binaryList(3,
+                                  [&](int i) {
+                                      return i == 0   ? "\xd1" + bigEndian(1, 4) + bigEndian(2, 4)
+                                             : i == 1 ? zero
+                                                      : QByteArray("\x09");
+                                  })),
+              malformed);
+    EXPECT_EQ(damageOf(binaryList(2, [&](int i) { return i == 0 ? arrayOf({1}) : zero; })), malformed);
+    EXPECT_EQ(damageOf(QByteArray("<plist><array><string>a\0b</string></array></plist>", 50)), malformed);
+
+    // Every shortened form of a real list, and bytes changed at random (the same
+    // ones each run): never a crash, and never more than the bounds allow.
+    const QByteArray whole = binaryOf(PropertyList::toXml(sampleTree()));
+    ASSERT_TRUE(whole.startsWith("bplist00"));
+    expectSameTree(PropertyList::fromData(whole).toMap());
+    for (qsizetype length = 0; length < whole.size(); ++length)
+        EXPECT_FALSE(PropertyList::fromData(whole.left(length)).isValid()) << length;
+    QRandomGenerator random(20240601);
+    for (int round = 0; round < 5000; ++round) {
+        QByteArray changed = whole;
+        for (int flips = 1 + random.bounded(3); flips > 0; --flips)
+            changed[random.bounded(changed.size())] = static_cast<char>(random.bounded(256));
+        PropertyList::fromData(changed);
+    }
+    // libplist ends an XML list after its outermost value, so only what is cut
+    // before that is malformed.
+    const QByteArray xml = PropertyList::toXml(sampleTree());
+    const qsizetype complete = xml.lastIndexOf("</dict>") + 7;
+    for (qsizetype length = 0; length < xml.size(); ++length)
+        EXPECT_EQ(PropertyList::fromData(xml.left(length)).isValid(), length >= complete) << length;
+}
+
+TEST(PropertyListBounds, LargeBinaryArraysReadInOrder)
+{
+    // Reading by index walked a binary list's arrays from the start each time.
+    plist_t array = plist_new_array();
+    for (int i = 0; i < 100000; ++i)
+        plist_array_append_item(array, plist_new_uint(static_cast<uint64_t>(i)));
+    char *binary = nullptr;
+    uint32_t length = 0;
+    plist_to_bin(array, &binary, &length);
+    plist_free(array);
+    QString damage;
+    const QVariantList read = PropertyList::fromData(QByteArray(binary, length), &damage).toList();
+    plist_to_bin_free(binary);
+    ASSERT_EQ(read.size(), 100000) << damage.toStdString();
+    for (int i = 0; i < read.size(); i += 9999)
+        EXPECT_EQ(read[i].toLongLong(), i);
+}
+
+// Only regular files are read, never through a link at their own name, never
+// waiting, and never more than the bound; what is refused reads as missing.
+TEST(PropertyListBounds, OnlyRegularFilesAreRead)
+{
+    QTemporaryDir dir;
+    const QString good = dir.filePath(QStringLiteral("good.plist"));
+    ASSERT_TRUE(PropertyList::writeXmlFile(good, sampleTree()));
+    expectSameTree(PropertyList::readDictionary(good));
+    expectSameTree(PropertyList::readDictionaryInUsersTree(good));
+
+    const QString fifo = dir.filePath(QStringLiteral("fifo.plist"));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0644), 0);
+    const QString link = dir.filePath(QStringLiteral("link.plist"));
+    ASSERT_TRUE(QFile::link(good, link));
+    const QString huge = dir.filePath(QStringLiteral("huge.plist"));
+    {
+        // Sparse: a valid list and then nothing but zero bytes up to one beyond the bound.
+        QFile file(huge);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(PropertyList::toXml(sampleTree()));
+        ASSERT_TRUE(file.resize(PropertyList::kMaxSize + 1));
+    }
+    for (const QString &path :
+         {fifo, link, huge, QStringLiteral("/dev/null"), QStringLiteral("/dev/zero"), dir.path()}) {
+        EXPECT_FALSE(PropertyList::readFile(path).isValid()) << path.toStdString();
+        EXPECT_TRUE(PropertyList::readDictionaryInUsersTree(path).isEmpty()) << path.toStdString();
+    }
+    // The refused files are as they were.
+    EXPECT_TRUE(QFileInfo(fifo).exists() && QFileInfo(link).isSymLink());
+    expectSameTree(PropertyList::readDictionary(good));
 }
