@@ -647,10 +647,15 @@ std::optional<QByteArray> readContents(const QString &path, QString *damage)
 {
     int error = 0;
     const std::optional<platform::Item> item = platform::Item::open(path, &error);
-    const int fd = item ? item->folder.openFileForReading(item->name, &error) : -1;
+    if (!item) {
+        if (error == ELOOP)
+            *damage = QStringLiteral("its folder is reached through a symbolic link");
+        return std::nullopt;
+    }
+    const int fd = item->folder.openFileForReading(item->name, &error);
     if (fd < 0) {
         if (error == ELOOP)
-            *damage = QStringLiteral("reached through a symbolic link");
+            *damage = QStringLiteral("a symbolic link");
         else if (error == EISDIR || error == EINVAL || error == ENXIO || error == ENODEV)
             *damage = QStringLiteral("not a regular file");
         return std::nullopt;
