@@ -21,6 +21,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QProcess>
 #include <QProcessEnvironment>
@@ -62,6 +63,19 @@ Tree makeTree(const QString &parent, const QString &tag, int files)
         tree.files.append(path);
     }
     return tree;
+}
+
+// As root, everything below FOLDER made for the run becomes the user's, as her
+// own files and Trash are: a root repair trashes her files with her rights.
+void handToUser(const QString &folder, const std::optional<platform::Account> &user)
+{
+    if (!user || ::geteuid() != 0)
+        return;
+    ::lchown(QFile::encodeName(folder).constData(), user->uid, user->gid);
+    QDirIterator it(folder, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext())
+        ::lchown(QFile::encodeName(it.next()).constData(), user->uid, user->gid);
 }
 
 int remaining(const Tree &tree)
@@ -198,6 +212,7 @@ int main(int argc, char **argv)
         return inner.waitForStarted() && inner.waitForFinished(-1) ? inner.exitCode() : 1;
     }
     const QString trashRoot = HXPath::deletingLastComponent(trashFiles);
+    const std::optional<platform::Account> user = platform::accountNamed(HXLocalPaths::username());
     const QString dataHome = HXPath::deletingLastComponent(trashRoot);
     const bool trashExisted = QFileInfo::exists(trashRoot);
     const QString run = HXLocalPaths::randomString(8);
@@ -245,9 +260,11 @@ int main(int argc, char **argv)
         }
         QDir().mkpath(trashFiles);
         QDir().mkpath(HXPath::appendingComponent(trashRoot, QStringLiteral("info")));
+        handToUser(dataHome, user);
         // Inside the home, so every tool moves within one file system.
         QTemporaryDir work(HXPath::appendingComponent(home, QStringLiteral(".mendwell-trash-bench-XXXXXX")));
         const Tree tree = work.isValid() ? makeTree(work.path(), contender.tag, files) : Tree{};
+        handToUser(work.path(), user);
         if (tree.files.size() != files) {
             std::fprintf(stderr, "Cannot write the tree for %s.\n", contender.label);
             return 1;

@@ -129,7 +129,7 @@ void tellTrashObserver(const QString &path, const platform::trash::Outcome &outc
 // Root's rights again, where root was acting as the user.
 bool authTrash(const QString &path)
 {
-    const platform::WithRootRights root;
+    const HXWithRootRights root;
     platform::trash::Outcome outcome;
     const bool trashed = HXAuthorization::sharedController().authTrashFile(path, false, &outcome);
     if (outcome.trashed)
@@ -201,17 +201,48 @@ void setTrashObserver(HXTrashObserver observer)
     g_trashObserver = std::move(observer);
 }
 
+namespace {
+
+// Whether the entry of ITEM cannot even be looked at with this thread's rights.
+bool isHidden(const platform::Item &item)
+{
+    struct stat info {};
+    return ::fstatat(item.folder.descriptor(), QFile::encodeName(item.name).constData(), &info,
+                     AT_SYMLINK_NOFOLLOW) != 0 &&
+           errno == EACCES;
+}
+
+// trashFile with the rights this thread has; none when, acting as the user, a
+// folder on the way is closed to her (then the item may exist all the same, and
+// "missing" would be a wrong answer).
+std::optional<bool> trashWithOwnRights(const QString &path, bool shouldAuth)
+{
+    int error = 0;
+    // One walk to the item serves the unlocking and the move.
+    const std::optional<platform::Item> item = platform::Item::open(path, &error);
+    if (platform::actingUser() && (item ? isHidden(*item) : error == EACCES))
+        return std::nullopt;
+    if (item)
+        return trashEntry(item->folder, item->name, platform::absoluteItemPath(path), shouldAuth);
+    unlockFile(path);
+    if (!fileExistsAtPath(path))
+        return true;
+    return shouldAuth && authTrash(path);
+}
+
+}  // namespace
+
 bool trashFile(const QString &path, bool shouldAuth)
 {
     try {
-        const HXActingForUser acting(path);
-        // One walk to the item serves the unlocking and the move.
-        if (const std::optional<platform::Item> item = platform::Item::open(path))
-            return trashEntry(item->folder, item->name, platform::absoluteItemPath(path), shouldAuth);
-        unlockFile(path);
-        if (!fileExistsAtPath(path))
-            return true;
-        return shouldAuth && authTrash(path);
+        {
+            const HXActingForUser acting(path);
+            if (const std::optional<bool> done = trashWithOwnRights(path, shouldAuth))
+                return *done;
+        }
+        // Closed to her: the administrator's fallback, with root's rights and walk.
+        const HXWithRootRights root;
+        return shouldAuth && trashWithOwnRights(path, shouldAuth).value_or(false);
     } catch (const std::exception &e) {
         HXException::logException(e, "+[HXFileManager trashFile:shouldAuth:]");
         return false;

@@ -3,9 +3,13 @@
 #include "platform/Folder.h"
 #include "platform/Platform.h"
 
+#include <chrono>
 #include <mutex>
 
 namespace {
+
+// Set while an HXWithRootRights scope lasts on this thread.
+thread_local bool t_rootRightsLent = false;
 
 struct ConsoleAccount {
     QString name;
@@ -13,14 +17,20 @@ struct ConsoleAccount {
     QString home;
 };
 
-// The console user's account and home, looked up again only when someone else
-// sits at the console: a repair asks for them once per file it touches.
+// The console user's account and home. A repair asks for them once per file it
+// touches, so who sits at the console is asked at most once a second, and the
+// account again only when someone else sits there.
 ConsoleAccount consoleAccountAndHome()
 {
     static std::mutex mutex;
     static ConsoleAccount cached;
-    const QString name = platform::consoleUser().value_or(QString());
+    static std::chrono::steady_clock::time_point asked;
     const std::lock_guard lock(mutex);
+    const auto now = std::chrono::steady_clock::now();
+    if (asked != std::chrono::steady_clock::time_point() && now - asked < std::chrono::seconds(1))
+        return cached;
+    asked = now;
+    const QString name = platform::consoleUser().value_or(QString());
     if (name != cached.name || (!name.isEmpty() && !cached.account)) {
         cached.name = name;
         cached.account = platform::accountNamed(name);
@@ -65,6 +75,8 @@ std::optional<platform::Account> ownerFor(const QString &path)
 
 HXActingForUser::HXActingForUser(const QString &path, const QString &otherPath)
 {
+    if (t_rootRightsLent)
+        return;
     std::optional<platform::Account> owner = HXUsersTree::ownerFor(path);
     if (!owner && !otherPath.isEmpty())
         owner = HXUsersTree::ownerFor(otherPath);
@@ -74,6 +86,16 @@ HXActingForUser::HXActingForUser(const QString &path, const QString &otherPath)
 
 HXActingForUser::HXActingForUser(const std::optional<platform::Account> &account)
 {
-    if (account)
+    if (account && !t_rootRightsLent)
         m_acting.emplace(*account);
+}
+
+HXWithRootRights::HXWithRootRights() : m_previous(t_rootRightsLent)
+{
+    t_rootRightsLent = true;
+}
+
+HXWithRootRights::~HXWithRootRights()
+{
+    t_rootRightsLent = m_previous;
 }

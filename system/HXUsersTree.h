@@ -26,7 +26,8 @@ std::optional<platform::Account> consoleAccount();
 }  // namespace HXUsersTree
 
 // For its lifetime this thread acts as the console user when root works on a
-// path in her home (either path, for a move or a copy); otherwise nothing changes.
+// path in her home (either path, for a move or a copy); otherwise nothing changes,
+// also inside an HXWithRootRights scope.
 class HXActingForUser {
 public:
     explicit HXActingForUser(const QString &path, const QString &otherPath = QString());
@@ -38,4 +39,19 @@ public:
 
 private:
     std::optional<platform::ActingAs> m_acting;
+};
+
+// For its lifetime this thread works with root's own rights again (the
+// administrator's fallback, for what her rights could not do), and nothing
+// called meanwhile acts as the user.
+class HXWithRootRights {
+public:
+    HXWithRootRights();
+    ~HXWithRootRights();
+    HXWithRootRights(const HXWithRootRights &) = delete;
+    HXWithRootRights &operator=(const HXWithRootRights &) = delete;
+
+private:
+    platform::WithRootRights m_rights;
+    bool m_previous;
 };

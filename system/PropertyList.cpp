@@ -3,9 +3,11 @@
 #include "diagnostics/HXLog.h"
 #include "platform/Accounts.h"
 #include "platform/Folder.h"
+#include "platform/Identity.h"
 
 #include <QByteArrayView>
 #include <QDateTime>
+#include <QFile>
 #include <QSaveFile>
 
 #include <plist/plist.h>
@@ -14,6 +16,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <limits>
 #include <memory>
 #include <sys/stat.h>
@@ -641,16 +644,32 @@ Shape binaryShape(const QByteArray &data)
     return totals[top].bytes > static_cast<quint64>(kMaxSize) ? Shape::TooLarge : Shape::Fine;
 }
 
-// The contents of the file at PATH, at most one byte beyond kMaxSize; none when it
-// is missing, unreadable or not a regular file (DAMAGE says so for the last).
-std::optional<QByteArray> readContents(const QString &path, QString *damage)
+// The file at PATH opened for reading, never waiting on a pipe or a device:
+// with root's rights through root's walk and never through a link; otherwise as
+// the system opens it for this thread's user, her links followed. -1 when it is
+// missing, unreadable or not a regular file (DAMAGE says so for the last two kinds).
+int openForReading(const QString &path, QString *damage)
 {
     int error = 0;
+    if (!platform::hasRootRights()) {
+        const int fd =
+            ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        struct stat info {};
+        if (fd >= 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+            ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+            return fd;
+        }
+        if (fd >= 0) {
+            ::close(fd);
+            *damage = QStringLiteral("not a regular file");
+        }
+        return -1;
+    }
     const std::optional<platform::Item> item = platform::Item::open(path, &error);
     if (!item) {
         if (error == ELOOP)
             *damage = QStringLiteral("its folder is reached through a symbolic link");
-        return std::nullopt;
+        return -1;
     }
     const int fd = item->folder.openFileForReading(item->name, &error);
     if (fd < 0) {
@@ -658,8 +677,17 @@ std::optional<QByteArray> readContents(const QString &path, QString *damage)
             *damage = QStringLiteral("a symbolic link");
         else if (error == EISDIR || error == EINVAL || error == ENXIO || error == ENODEV)
             *damage = QStringLiteral("not a regular file");
-        return std::nullopt;
     }
+    return fd;
+}
+
+// The contents of the file at PATH, at most one byte beyond kMaxSize; none when it
+// is missing, unreadable or not a regular file (DAMAGE says so for the last).
+std::optional<QByteArray> readContents(const QString &path, QString *damage)
+{
+    const int fd = openForReading(path, damage);
+    if (fd < 0)
+        return std::nullopt;
     // A size beyond the bound settles it; a smaller one is only a first guess, as
     // the file may grow while it is read.
     struct stat info {};
@@ -802,7 +830,7 @@ bool writeXmlFileInUsersTree(const QString &path, const QVariant &value, std::op
         done += count > 0 ? count : 0;
     }
     written = ::close(fd) == 0 && written;
-    if (written && owner && ::geteuid() == 0)
+    if (written && owner && platform::hasRootRights())
         written = folder->setOwner(temporary, *owner, platform::primaryGroupOf(*owner)) == 0;
     if (!written || folder->rename(temporary, *folder, name, true) != 0) {
         folder->removeEntry(temporary);

@@ -35,10 +35,12 @@ inline constexpr qsizetype kMaxValues = 1 << 18;
 QVariant fromData(const QByteArray &data, QString *damage = nullptr);
 
 // Reads a property-list file; a missing or unreadable file reads as an invalid
-// QVariant, and so does a damaged one (logged). The path is walked as
-// platform::Item walks it, so root follows no link a user could have planted on
-// the way; the file itself is never a link, and is opened without blocking, so a
-// FIFO or a device is refused rather than waited for.
+// QVariant, and so does a damaged one (logged). With root's own rights the path
+// is walked as platform::Item walks it, so root follows no link a user could have
+// planted, and the file itself is never a link; a process acting as itself (or
+// root acting as the user) opens it as the system does, links followed. Either
+// way it is opened without blocking, so a FIFO or a device is refused rather than
+// waited for.
 QVariant readFile(const QString &path);
 
 // Reads a file whose top level is a dictionary; anything else reads as empty.

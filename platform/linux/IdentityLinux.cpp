@@ -12,17 +12,22 @@ namespace {
 
 using Credentials = ActingAs::Credentials;
 
-uid_t fileSystemUser()
+// An invalid id changes nothing and answers the current one.
+uid_t askFileSystemUser()
 {
-    // An invalid id changes nothing and answers the current one.
     return static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1)));
 }
 
-Credentials current()
+gid_t askFileSystemGroup()
+{
+    return static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1)));
+}
+
+Credentials ask()
 {
     Credentials credentials;
-    credentials.user = fileSystemUser();
-    credentials.group = static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1)));
+    credentials.user = askFileSystemUser();
+    credentials.group = askFileSystemGroup();
     const int count = ::getgroups(0, nullptr);
     credentials.groups.resize(count > 0 ? count : 0);
     if (count > 0 && ::getgroups(count, credentials.groups.data()) != count)
@@ -31,18 +36,41 @@ Credentials current()
 }
 
 // The process's own identity, read before any thread could act as anyone.
-const Credentials g_process = current();
+const Credentials g_process = ask();
+
+// This thread's identity as last set here; asked of the kernel once, since a
+// thread inherits whatever its maker had at the time. Switching runs once per
+// file a repair touches, and every system call counts there.
+struct ThreadIdentity {
+    bool known = false;
+    Credentials credentials;
+};
+thread_local ThreadIdentity t_identity;
+
+const Credentials &current()
+{
+    if (!t_identity.known) {
+        t_identity.credentials = ask();
+        t_identity.known = true;
+    }
+    return t_identity.credentials;
+}
 
 // Only this thread: glibc's setgroups would change every thread of the process.
+// Taking a user's identity is checked; going back to root's is not, since a
+// failure there leaves fewer rights, never more.
 void apply(const Credentials &credentials)
 {
     const bool groupsSet =
         ::syscall(SYS_setgroups, credentials.groups.size(), credentials.groups.data()) == 0;
     ::setfsgid(credentials.group);
     ::setfsuid(credentials.user);
-    if (groupsSet && fileSystemUser() == credentials.user &&
-        static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1))) == credentials.group)
+    if (credentials.user == 0 ||
+        (groupsSet && askFileSystemUser() == credentials.user && askFileSystemGroup() == credentials.group)) {
+        t_identity.credentials = credentials;
+        t_identity.known = true;
         return;
+    }
     // Going on with the wrong rights could let root act where she may not.
     std::fputs("Mendwell: unable to change the file-system identity\n", stderr);
     std::abort();
@@ -52,7 +80,7 @@ void apply(const Credentials &credentials)
 
 ActingAs::ActingAs(const Account &account)
 {
-    if (::geteuid() != 0 || account.uid == 0)
+    if (account.uid == 0 || ::geteuid() != 0)
         return;
     m_saved = current();
     apply(Credentials{account.uid, account.gid, account.groups});
@@ -82,21 +110,24 @@ WithRootRights::~WithRootRights()
 
 void useProcessIdentity()
 {
-    if (::geteuid() == 0 && fileSystemUser() != g_process.user)
+    t_identity.known = false;
+    if (::geteuid() == 0 && current().user != g_process.user)
         apply(g_process);
 }
 
 bool hasRootRights()
 {
-    return ::geteuid() == 0 && fileSystemUser() == 0;
+    // The file-system user follows the effective one unless set apart, which
+    // only root's own scopes here do.
+    return current().user == 0;
 }
 
 std::optional<uid_t> actingUser()
 {
-    if (::geteuid() != 0)
+    const uid_t user = current().user;
+    if (user == 0 || ::geteuid() != 0)
         return std::nullopt;
-    const uid_t user = fileSystemUser();
-    return user != 0 ? std::optional<uid_t>(user) : std::nullopt;
+    return user;
 }
 
 }  // namespace platform

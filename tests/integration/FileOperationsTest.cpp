@@ -179,6 +179,18 @@ TEST_F(FileOperationsTest, AsRootTheSameOperationsRunDirectlyAndTrashGoesToTheCo
             << describe(listed).toStdString();
     }
 
+    // In anna's home, behind a folder closed to her: her rights cannot, so only
+    // the administrator's fallback (root's own rights) trashes it.
+    ASSERT_TRUE(box.writeFile(kHome + QStringLiteral("/Closed/root.db"), "c"));
+    ::chmod(QFile::encodeName(box.hostPath(kHome + QStringLiteral("/Closed"))).constData(), 0700);
+    EXPECT_EQ(
+        asRoot({QStringLiteral("trash"), kHome + QStringLiteral("/Closed/root.db"), QStringLiteral("noauth")})
+            .out,
+        QByteArray("NO\n"));
+    EXPECT_EQ(asRoot({QStringLiteral("trash"), kHome + QStringLiteral("/Closed/root.db")}).out,
+              QByteArray("YES\n"));
+    EXPECT_EQ(box.readFile(kTrash + QStringLiteral("/files/root.db")), QByteArray("c"));
+
     // Archives: an existing destination goes to the trash first.
     ASSERT_TRUE(box.writeFile(kHome + QStringLiteral("/Desktop/Logs.zip"), "old", true));
     EXPECT_EQ(asRoot({QStringLiteral("zip"), folder, kHome + QStringLiteral("/Desktop/Logs.zip")}).out,

@@ -13,6 +13,7 @@
 
 #include <QDateTime>
 #include <QFile>
+#include <QJsonDocument>
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
@@ -254,9 +255,9 @@ TEST_F(HostileListsTest, NoReaderOfRootsCrashesWaitsOrRunsOutOfMemory)
             const ProcessResult history =
                 run(hostileClass, hostileRecord, {kCtl, QStringLiteral("history")}, asRoot);
             EXPECT_EQ(statusOf(history), 0);
-            // mendwellctl keeps no log of its own, so the log's notice of the damaged
-            // record comes out here too ("Unable to log the following information"),
-            // written by the log's thread while the program exits.
+            // mendwellctl keeps no log of its own; the log's notice of the damaged
+            // record ("Unable to log the following information") goes to standard
+            // error, so the output stays whole.
             const QStringList listed = QString::fromUtf8(history.out)
                                            .split(QLatin1Char('\n'), Qt::SkipEmptyParts)
                                            .filter(QRegularExpression(QStringLiteral("^\\d{8}-")));
@@ -266,6 +267,7 @@ TEST_F(HostileListsTest, NoReaderOfRootsCrashesWaitsOrRunsOutOfMemory)
                 run(hostileClass, hostileRecord, {kCtl, QStringLiteral("history"), QStringLiteral("--json")},
                     asRoot);
             EXPECT_EQ(statusOf(json), 0);
+            EXPECT_TRUE(QJsonDocument::fromJson(json.out).isArray()) << json.out.constData();
             for (const QStringList &command :
                  {QStringList{QStringLiteral("report")}, QStringList{QStringLiteral("report"), kHostileRun},
                   QStringList{QStringLiteral("restore"), kHostileRun}}) {
@@ -294,10 +296,14 @@ TEST_F(HostileListsTest, NoReaderOfRootsCrashesWaitsOrRunsOutOfMemory)
                          console.contains("Logging is disabled"))
                 << target.toStdString() << "\n"
                 << console.constData();
+            // Her link leads root, acting as her, only where she may read: to a file
+            // closed to her, which is as good as missing. Every other class is damage.
             const QByteArray said = box.readFile(log) + console;
-            EXPECT_TRUE(said.contains("Ignoring damaged property list " + target.toUtf8() + ": "))
-                << target.toStdString() << "\n"
-                << said.constData();
+            if (hostileClass != u"link") {
+                EXPECT_TRUE(said.contains("Ignoring damaged property list " + target.toUtf8() + ": "))
+                    << target.toStdString() << "\n"
+                    << said.constData();
+            }
         }
     }
 

@@ -17,6 +17,7 @@
 #include <QJsonObject>
 
 #include <cstdio>
+#include <unistd.h>
 
 namespace {
 
@@ -48,10 +49,16 @@ const char *const kUsage = "usage: mendwellctl COMMAND [ARGUMENTS] [--json]\n"
                            "Exit status: 0 done, 1 failed (the message says why), 2 bad arguments or an\n"
                            "unknown RUN, 3 nothing to restore, 4 partly restored.\n";
 
+// Our results only: anything the libraries print goes to standard error, so the
+// output (JSON above all) stays whole. Flushed at once, so nothing waits in a
+// buffer that a child process could write out a second time.
+FILE *g_out = stdout;
+
 void print(const QString &text)
 {
-    std::fputs(text.toUtf8().constData(), stdout);
-    std::fputc('\n', stdout);
+    std::fputs(text.toUtf8().constData(), g_out);
+    std::fputc('\n', g_out);
+    std::fflush(g_out);
 }
 
 int fail(int status, const QString &message)
@@ -65,7 +72,8 @@ void printJson(const QVariant &value)
     const QJsonDocument document = value.typeId() == QMetaType::QVariantList
                                        ? QJsonDocument(QJsonArray::fromVariantList(value.toList()))
                                        : QJsonDocument(QJsonObject::fromVariantMap(value.toMap()));
-    std::fputs(document.toJson(QJsonDocument::Indented).constData(), stdout);
+    std::fputs(document.toJson(QJsonDocument::Indented).constData(), g_out);
+    std::fflush(g_out);
 }
 
 QString localTime(const QVariant &date)
@@ -217,12 +225,16 @@ int restore(const QStringList &arguments, bool json)
 
 int main(int argc, char **argv)
 {
+    const int output = ::dup(STDOUT_FILENO);
+    if (output >= 0 && ::dup2(STDERR_FILENO, STDOUT_FILENO) >= 0)
+        if (FILE *stream = ::fdopen(output, "w"))
+            g_out = stream;
     QCoreApplication app(argc, argv);
     QStringList arguments = app.arguments().mid(1);
     const bool json = arguments.removeAll(QStringLiteral("--json")) > 0;
     if (arguments.isEmpty() || arguments.contains(QStringLiteral("--help")) ||
         arguments.contains(QStringLiteral("-h"))) {
-        std::fputs(kUsage, arguments.isEmpty() ? stderr : stdout);
+        std::fputs(kUsage, arguments.isEmpty() ? stderr : g_out);
         return arguments.isEmpty() ? kBadArguments : kDone;
     }
     const QString command = arguments.takeFirst();
