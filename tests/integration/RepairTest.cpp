@@ -7,7 +7,6 @@
 // process namespace. This program listens on the bus for the closing signal.
 
 #include "system/HXDistributedNotificationCenter.h"
-#include "system/HXPath.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestCallbackClient.h"
 #include "tests/support/TestDesktop.h"
@@ -500,18 +499,12 @@ TEST_F(RepairTest, HerOwnLinkedFoldersAreRepairedLikeAnyOtherAndNoneElse)
     makeSample();
     const QString home = QStringLiteral("/Users/anna");
     const QString support = home + QStringLiteral("/Library/Application Support/Adobe");
-    auto moveBehindLink = [&](const QString &path, const QString &elsewhere) {
-        ASSERT_TRUE(box.makeFolder(HXPath::deletingLastComponent(elsewhere), true));
-        ASSERT_EQ(::rename(QFile::encodeName(box.hostPath(path)).constData(),
-                           QFile::encodeName(box.hostPath(elsewhere)).constData()),
-                  0);
-        ASSERT_TRUE(QFile::link(elsewhere, box.hostPath(path)));
-        ASSERT_EQ(::lchown(QFile::encodeName(box.hostPath(path)).constData(), Sandbox::userId(),
-                           Sandbox::userGroupId()),
-                  0);
-    };
-    moveBehindLink(home + QStringLiteral("/Documents"), home + QStringLiteral("/Cloud/Documents"));
-    moveBehindLink(support, home + QStringLiteral("/Disk2/Adobe"));
+    const auto hostPath = [this](const QString &path) { return box.hostPath(path); };
+    ASSERT_TRUE(moveBehindUsersLink(hostPath, home + QStringLiteral("/Documents"),
+                                    home + QStringLiteral("/Cloud/Documents"), Sandbox::userId(),
+                                    Sandbox::userGroupId()));
+    ASSERT_TRUE(moveBehindUsersLink(hostPath, support, home + QStringLiteral("/Disk2/Adobe"),
+                                    Sandbox::userId(), Sandbox::userGroupId()));
 
     const RepairRun first = repair({QStringLiteral("-repair"), QStringLiteral("-trash")});
     EXPECT_TRUE(first.console.contains(QStringLiteral("Setting correct permissions on 4 files...")))

@@ -255,19 +255,13 @@ TEST(RunRecordAsUserTest, HerLinkedFoldersAreRepairedAsHerselfToo)
                     env.hostPath({})});
     ASSERT_EQ(made.exitCode, 0) << made.err.constData();
     const QString home = QStringLiteral("/Users/anna");
-    for (const auto &[path, elsewhere] :
-         {std::pair{home + QStringLiteral("/Documents"), home + QStringLiteral("/Cloud/Documents")},
-          std::pair{home + QStringLiteral("/Library/Application Support/Adobe"),
-                    home + QStringLiteral("/Disk2/Adobe")}}) {
-        ASSERT_TRUE(env.makeFolder(elsewhere.section(QLatin1Char('/'), 0, -2), true));
-        ASSERT_EQ(::rename(QFile::encodeName(env.hostPath(path)).constData(),
-                           QFile::encodeName(env.hostPath(elsewhere)).constData()),
-                  0);
-        ASSERT_TRUE(QFile::link(elsewhere, env.hostPath(path)));
-        ASSERT_EQ(::lchown(QFile::encodeName(env.hostPath(path)).constData(), Sandbox::userId(),
-                           Sandbox::userGroupId()),
-                  0);
-    }
+    const auto hostPath = [&env](const QString &path) { return env.hostPath(path); };
+    ASSERT_TRUE(moveBehindUsersLink(hostPath, home + QStringLiteral("/Documents"),
+                                    home + QStringLiteral("/Cloud/Documents"), Sandbox::userId(),
+                                    Sandbox::userGroupId()));
+    ASSERT_TRUE(moveBehindUsersLink(hostPath, home + QStringLiteral("/Library/Application Support/Adobe"),
+                                    home + QStringLiteral("/Disk2/Adobe"), Sandbox::userId(),
+                                    Sandbox::userGroupId()));
     const QString mendwell = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/Mendwell");
     const PolkitNamespace::Result first = env.runAsUser({mendwell, "-repair", "-trash", "-hotkey"});
     EXPECT_TRUE(first.output.contains("Setting correct permissions on ")) << first.output.constData();
