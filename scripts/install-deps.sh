@@ -1,17 +1,23 @@
 #!/usr/bin/env bash
-# Installs the Debian packages Mendwell builds, runs and tests with. Idempotent.
+# Installs the Debian packages Mendwell needs. Idempotent.
+#   install-deps.sh        what building Mendwell and the sample run need
+#   install-deps.sh tests  that, and what the tests and benchmarks need besides
 set -euo pipefail
 
 packages=(
-  build-essential cmake ninja-build pkg-config clang-format
+  build-essential cmake ninja-build pkg-config
   qt6-base-dev qt6-tools-dev libqt6opengl6-dev libqt6uitools6 libqt6dbus6 libqt6network6
   libplist-dev libssl-dev libarchive-dev libxkbcommon-dev libsystemd-dev
   libpolkit-agent-1-dev libpolkit-gobject-1-dev
-  libgtest-dev libgmock-dev
-  bubblewrap util-linux mount e2fsprogs passwd dbus dbus-x11 xvfb xauth x11-apps imagemagick xdotool
-  dunst libnotify-bin policykit-1 trash-cli unzip zip libglib2.0-bin
-  libspdlog-dev ca-certificates xdg-utils
+  bubblewrap util-linux passwd policykit-1 trash-cli ca-certificates xdg-utils
 )
+if [ "${1:-}" = tests ]; then
+  packages+=(
+    clang-format libgtest-dev libgmock-dev libspdlog-dev
+    mount e2fsprogs dbus dbus-x11 xvfb xauth x11-apps imagemagick xdotool
+    dunst libnotify-bin unzip zip libglib2.0-bin
+  )
+fi
 
 missing=()
 for package in "${packages[@]}"; do

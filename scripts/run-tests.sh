@@ -4,12 +4,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/install-deps.sh
+bash scripts/install-deps.sh tests
 bash scripts/setup-tests.sh
 for setup in scripts/setup-*-tests.sh; do
   [ -e "$setup" ] && bash "$setup"
 done
 
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMENDWELL_BUILD_TESTS=ON
 cmake --build build
 ctest --test-dir build --output-on-failure "$@"
