@@ -49,13 +49,15 @@ HXAppController::~HXAppController()
 std::unique_ptr<HXAppController> HXAppController::initWithoutGUI()
 {
     std::unique_ptr<HXAppController> controller(new HXAppController());
+    writeCrashReportsForUser();
+    // The log comes before the crash check, which logs what it finds: until the log
+    // is named, a line goes to the one named after the executable, the window's.
     HXLog::createNewLog(QStringLiteral("Mendwell.task"));
     // The stamps of the command-line runs live in the user's copy of our settings.
     HXBugReporter::startBugReporter(
         QStringLiteral("Mendwell"),
         HXPath::appendingComponent(HXLocalPaths::prefsDirectory(true),
                                    QStringLiteral("com.lanternfish.Mendwell.plist")));
-    writeCrashReportsForUser();
     controller->m_detectsCrashes = true;
     controller->m_hasGUI = false;
     // Without -hotkey the repair must never show a password dialog: fix the

@@ -9,6 +9,7 @@
 #include "diagnostics/HXException.h"
 #include "diagnostics/HXLog.h"
 #include "platform/Platform.h"
+#include "platform/SignalStack.h"
 #include "system/HXAuthorization.h"
 #include "system/HXDistributedNotificationCenter.h"
 #include "system/HXFormat.h"
@@ -139,6 +140,7 @@ void HXAppController::repair()
     if (m_controls.repairButton)
         m_controls.repairButton->setEnabled(false);
     std::thread([this, parameters] {
+        const platform::ThreadSignalStack signalStack;
         threadedRepair(parameters);
         m_repairing = false;
     }).detach();

@@ -2,6 +2,7 @@
 
 #include "diagnostics/HXLog.h"
 #include "fs/HXFileOperations.h"
+#include "platform/SignalStack.h"
 #include "system/HXBundle.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
@@ -67,7 +68,10 @@ std::optional<HXPrivateFolder> &launchedCopy()
 void HXSoftwareUpdate::startup()
 {
     if (checkAtStartup())
-        std::thread(&HXSoftwareUpdate::automaticallyCheckForUpdates).detach();
+        std::thread([] {
+            const platform::ThreadSignalStack signalStack;
+            automaticallyCheckForUpdates();
+        }).detach();
 }
 
 void HXSoftwareUpdate::manualUpdateCheck()

@@ -15,6 +15,9 @@
 
 #include <QDateTime>
 #include <QFileInfo>
+#include <QRegularExpression>
+
+#include <tuple>
 
 namespace {
 
@@ -57,8 +60,19 @@ void recordDate(const QString &key, const std::optional<QString> &plistPath)
     HXBugReporter::chownPlist(*plistPath);
 }
 
-// The newest report of NAME in FOLDER, if it is newer than LAUNCH: the last name
-// in the listing's own order that starts with NAME and "_", in any case.
+// The date a report's name carries after "NAME_" ("yyyy-MM-dd-HHmmss", which
+// sorts as it counts); empty when there is none.
+QString dateInName(const QString &entry, qsizetype start)
+{
+    static const QRegularExpression date(QStringLiteral("\\d{4}-\\d\\d-\\d\\d-\\d{6}"));
+    const QRegularExpressionMatch match = date.match(entry, start, QRegularExpression::NormalMatch,
+                                                     QRegularExpression::AnchorAtOffsetMatchOption);
+    return match.captured();
+}
+
+// The newest report of NAME in FOLDER, if it is newer than LAUNCH: of the names
+// that start with NAME and "_", in any case, the one with the latest date in it,
+// the last name of those with the same date (a name without one is the oldest).
 std::optional<QString> reportIn(const QString &folderPath, const QString &name, const QDateTime &launch)
 {
     const HXActingForUser acting(folderPath);
@@ -66,19 +80,26 @@ std::optional<QString> reportIn(const QString &folderPath, const QString &name, 
     if (!folder)
         return std::nullopt;
     const QString prefix = name + QLatin1Char('_');
-    QString last;
-    for (const QString &entry : folder->entries())
-        if (entry.startsWith(prefix, Qt::CaseInsensitive))
-            last = entry;
-    if (last.isEmpty())
+    QString newest;
+    QString newestDate;
+    for (const QString &entry : folder->entries()) {
+        if (!entry.startsWith(prefix, Qt::CaseInsensitive))
+            continue;
+        const QString date = dateInName(entry, prefix.size());
+        if (std::tie(date, entry) > std::tie(newestDate, newest)) {
+            newest = entry;
+            newestDate = date;
+        }
+    }
+    if (newest.isEmpty())
         return std::nullopt;
-    const std::optional<struct stat> info = folder->infoOf(last);
+    const std::optional<struct stat> info = folder->infoOf(newest);
     if (!info)
         return std::nullopt;
     const qint64 modified = qint64(info->st_mtim.tv_sec) * 1000 + info->st_mtim.tv_nsec / 1000000;
     if (modified <= launch.toMSecsSinceEpoch())
         return std::nullopt;
-    return HXPath::appendingComponent(folderPath, last);
+    return HXPath::appendingComponent(folderPath, newest);
 }
 
 void openWithBugReporter(const QString &report)

@@ -4,6 +4,7 @@
 #include "platform/Folder.h"
 #include "platform/Identity.h"
 #include "platform/Platform.h"
+#include "platform/SignalStack.h"
 #include "system/HXBundle.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXMainThread.h"
@@ -89,6 +90,8 @@ QString generationPath(const QString &folder, const QString &name, int generatio
     return folder + HXFormat(u"/%@.%li.log", name, generation);
 }
 
+std::terminate_handler previousTerminate = nullptr;
+
 [[noreturn]] void logUncaughtException()
 {
     QString reason = QStringLiteral("Unknown exception");
@@ -102,6 +105,9 @@ QString generationPath(const QString &folder, const QString &name, int generatio
     }
     HXLog::appendLogAndPrint(reason);
     HXLog::finishWriting();
+    // The crash writer's handler, when it came first, still writes its report.
+    if (previousTerminate != nullptr)
+        previousTerminate();
     std::abort();
 }
 
@@ -110,11 +116,12 @@ QString generationPath(const QString &folder, const QString &name, int generatio
 HXLog::HXLog()
 {
     m_writer = std::thread([this] {
+        const platform::ThreadSignalStack signalStack;
         // Made on first use, perhaps while root acts as a user on this thread.
         platform::useProcessIdentity();
         runWriter();
     });
-    std::set_terminate(logUncaughtException);
+    previousTerminate = std::set_terminate(logUncaughtException);
 }
 
 HXLog &HXLog::sharedController()

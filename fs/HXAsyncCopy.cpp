@@ -4,6 +4,7 @@
 #include "fs/HXCopyPreamble.h"
 #include "fs/HXFileAttributes.h"
 #include "platform/Folder.h"
+#include "platform/SignalStack.h"
 #include "system/HXMainThread.h"
 
 #include <QCoreApplication>
@@ -157,6 +158,7 @@ bool copyFileWithProgressOld(const QString &source, const QString &destination,
         }
         auto operation = std::make_shared<HXFileOperation>(std::move(context), delegate);
         std::thread([operation, from = std::move(*from), to = std::move(*to)]() mutable {
+            const platform::ThreadSignalStack signalStack;
             operation->run(std::move(from), std::move(to));
             // Let go of it on the main thread, where its delegate is used and released.
             HXPerformOnMainThread([released = std::move(operation)] {}, false);

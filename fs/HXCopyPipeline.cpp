@@ -1,6 +1,7 @@
 #include "fs/HXCopyPipeline.h"
 
 #include "fs/HXDigests.h"
+#include "platform/SignalStack.h"
 
 #include <openssl/obj_mac.h>
 
@@ -214,6 +215,7 @@ void HXCopyPipeline::release(Slot *slot)
 
 void HXCopyPipeline::readSource()
 {
+    const platform::ThreadSignalStack signalStack;
     std::uint64_t index = 0;
     std::uint64_t offset = 0;
     bool failed = false;
@@ -263,6 +265,7 @@ void HXCopyPipeline::readSource()
 
 void HXCopyPipeline::hashSource()
 {
+    const platform::ThreadSignalStack signalStack;
     while (const std::optional<Slot *> slot = m_sourceHashQueue->pop()) {
         EVP_DigestUpdate(m_sourceContext, (*slot)->data.get(), (*slot)->length);
         release(*slot);
@@ -278,6 +281,7 @@ bool HXCopyPipeline::mayWrite(std::uint64_t offset)
 
 void HXCopyPipeline::writeDestination(std::size_t index)
 {
+    const platform::ThreadSignalStack signalStack;
     Destination &destination = *m_destinations[index];
     while (const std::optional<Slot *> popped = destination.writes.pop()) {
         Slot *slot = *popped;
@@ -302,6 +306,7 @@ void HXCopyPipeline::writeDestination(std::size_t index)
 
 void HXCopyPipeline::readBackDestination(std::size_t index)
 {
+    const platform::ThreadSignalStack signalStack;
     Destination &destination = *m_destinations[index];
     while (const std::optional<Destination::ReadBack> request = destination.readBacks.pop()) {
         const std::optional<char *> buffer = destination.freeBuffers.pop();
@@ -317,6 +322,7 @@ void HXCopyPipeline::readBackDestination(std::size_t index)
 
 void HXCopyPipeline::hashDestination(std::size_t index)
 {
+    const platform::ThreadSignalStack signalStack;
     Destination &destination = *m_destinations[index];
     while (const std::optional<Destination::ReadData> read = destination.readData.pop()) {
         EVP_DigestUpdate(destination.context, read->data, read->length);

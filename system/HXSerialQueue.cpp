@@ -1,9 +1,11 @@
 #include "system/HXSerialQueue.h"
 
 #include "platform/Identity.h"
+#include "platform/SignalStack.h"
 
 HXSerialQueue::HXSerialQueue()
     : m_worker([this] {
+          const platform::ThreadSignalStack signalStack;
           // Made on first use, perhaps while root acts as a user on the making thread.
           platform::useProcessIdentity();
           run();

@@ -2,6 +2,7 @@
 
 #include "diagnostics/HXException.h"
 #include "diagnostics/HXLog.h"
+#include "platform/SignalStack.h"
 
 #include <QFileInfo>
 #include <QStringDecoder>
@@ -315,7 +316,10 @@ void HXTaskEx::startTimer(std::chrono::seconds timeout)
         generation = m_timerGeneration;
     }
     std::shared_ptr<HXTaskEx> self = shared_from_this();
-    std::thread([self, timeout, generation] { self->runTimer(timeout, generation); }).detach();
+    std::thread([self, timeout, generation] {
+        const platform::ThreadSignalStack signalStack;
+        self->runTimer(timeout, generation);
+    }).detach();
     setTheTask({});
 }
 
@@ -422,7 +426,10 @@ void HXTaskEx::asyncDataFromTask(const QString &path, const QStringList &argumen
         m_theTask = task;
     }
     std::shared_ptr<HXTaskEx> self = shared_from_this();
-    std::thread([self] { self->launchAsyncTask(); }).detach();
+    std::thread([self] {
+        const platform::ThreadSignalStack signalStack;
+        self->launchAsyncTask();
+    }).detach();
 }
 
 void HXTaskEx::launchAsyncTask()

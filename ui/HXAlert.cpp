@@ -1,6 +1,7 @@
 #include "ui/HXAlert.h"
 
 #include "platform/Platform.h"
+#include "platform/SignalStack.h"
 #include "system/HXFormat.h"
 #include "system/HXMainThread.h"
 #include "system/HXUserDefaults.h"
@@ -203,7 +204,10 @@ qint64 HXAlert::alertSheetWithMessageText(const Text &messageText, const Text &d
     if (shown->m_timerInterval) {
         const long seconds = static_cast<long>(shown->m_timerInterval->count());
         shown->m_timerInterval.reset();
-        std::thread([timed = shown, seconds] { timed->defaultReturnAfterTimeInterval(seconds); }).detach();
+        std::thread([timed = shown, seconds] {
+            const platform::ThreadSignalStack signalStack;
+            timed->defaultReturnAfterTimeInterval(seconds);
+        }).detach();
     }
 
     if (!block)

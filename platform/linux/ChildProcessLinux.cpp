@@ -1,4 +1,5 @@
 #include "platform/ChildProcess.h"
+#include "platform/SignalStack.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -56,6 +57,7 @@ ChildProcess::~ChildProcess()
     // not linger as a zombie.
     const pid_t pid = m_pid;
     std::thread([pid] {
+        const platform::ThreadSignalStack signalStack;
         while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
         }
     }).detach();

@@ -11,8 +11,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <cstdlib>
 #include <exception>
 #include <typeinfo>
+#include <utility>
+#include <cxxabi.h>
 #include <execinfo.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
@@ -33,11 +36,14 @@ struct CrashWriter {
     uid_t owner = static_cast<uid_t>(-1);
     gid_t group = static_cast<gid_t>(-1);
     std::atomic<bool> writing{false};
-    const char *exceptionType = nullptr;  // set by the terminate handler
+    // Set by the terminate handler.
+    char exceptionType[128] = {};
+    char exceptionReason[256] = {};
 };
 
 CrashWriter writer;
 std::terminate_handler previousTerminate = nullptr;
+bool terminateHandlerInstalled = false;
 constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS};
 
 // A small text buffer filled without allocating.
@@ -155,8 +161,15 @@ void writeReport(int signalNumber, const siginfo_t *info)
     header.text("\n\n");
     header.writeTo(fd);
     Line cause;
-    if (writer.exceptionType != nullptr) {
+    Line reason;
+    if (writer.exceptionType[0] != '\0') {
         cause.text("Exception Type:  uncaught C++ exception (").text(writer.exceptionType).text(")\n");
+        if (writer.exceptionReason[0] != '\0') {
+            // Where the Mac's reports give an uncaught exception's reason.
+            reason.text(
+                "\nApplication Specific Information:\n*** Terminating app due to uncaught exception '");
+            reason.text(writer.exceptionType).text("', reason: '").text(writer.exceptionReason).text("'\n");
+        }
     } else {
         cause.text("Exception Type:  ").text(signalName(signalNumber)).text(" (signal ");
         cause.number(static_cast<unsigned>(signalNumber)).text(")\n");
@@ -171,11 +184,14 @@ void writeReport(int signalNumber, const siginfo_t *info)
         }
         cause.text("\n");
     }
+    cause.writeTo(fd);
+    reason.writeTo(fd);
     // The main thread is thread 0, as on the Mac; any other is named by its id.
     const long thread = ::syscall(SYS_gettid);
-    cause.text("\nThread ").number(thread == ::getpid() ? 0 : static_cast<unsigned long long>(thread));
-    cause.text(" Crashed:\n");
-    cause.writeTo(fd);
+    Line crashed;
+    crashed.text("\nThread ").number(thread == ::getpid() ? 0 : static_cast<unsigned long long>(thread));
+    crashed.text(" Crashed:\n");
+    crashed.writeTo(fd);
     void *frames[64];
     const int count = ::backtrace(frames, 64);
     ::backtrace_symbols_fd(frames, count, fd);
@@ -191,20 +207,27 @@ void onFatalSignal(int signalNumber, siginfo_t *info, void *)
     ::raise(signalNumber);
 }
 
+// Not a signal handler: it may allocate (and does, to demangle the type's name).
 void onTerminate()
 {
-    if (const std::exception_ptr current = std::current_exception()) {
+    if (const std::type_info *type = abi::__cxa_current_exception_type()) {
+        int status = -1;
+        char *readable = abi::__cxa_demangle(type->name(), nullptr, nullptr, &status);
+        std::snprintf(writer.exceptionType, sizeof writer.exceptionType, "%s",
+                      status == 0 && readable != nullptr ? readable : type->name());
+        std::free(readable);
         try {
-            std::rethrow_exception(current);
+            std::rethrow_exception(std::current_exception());
         } catch (const std::exception &exception) {
-            writer.exceptionType = typeid(exception).name();
+            std::snprintf(writer.exceptionReason, sizeof writer.exceptionReason, "%s", exception.what());
         } catch (...) {
-            writer.exceptionType = "unknown";
         }
     } else {
-        writer.exceptionType = "terminate called without an exception";
+        std::snprintf(writer.exceptionType, sizeof writer.exceptionType, "%s",
+                      "terminate called without an exception");
     }
     writeReport(SIGABRT, nullptr);
+    // The log's handler, when it came first, still writes the reason to the log.
     if (previousTerminate != nullptr)
         previousTerminate();
     std::abort();
@@ -258,7 +281,9 @@ bool installCrashReportWriter(const QString &folder, const QString &applicationN
     sigemptyset(&action.sa_mask);
     for (int number : kFatalSignals)
         ::sigaction(number, &action, nullptr);
-    previousTerminate = std::set_terminate(onTerminate);
+    // Once: a second installation would make this handler its own predecessor.
+    if (!std::exchange(terminateHandlerInstalled, true))
+        previousTerminate = std::set_terminate(onTerminate);
     return true;
 }
 

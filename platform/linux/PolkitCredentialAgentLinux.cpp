@@ -1,4 +1,5 @@
 #include "platform/linux/PolkitCredentialAgentLinux.h"
+#include "platform/SignalStack.h"
 
 #define POLKIT_AGENT_I_KNOW_API_IS_SUBJECT_TO_CHANGE
 #include <polkit/polkit.h>
@@ -284,7 +285,10 @@ bool PolkitCredentialAgent::start(QString *error)
     if (d->thread.joinable())
         return d->registered;
     Private *agent = d.get();
-    d->thread = std::thread([agent] { agent->run(); });
+    d->thread = std::thread([agent] {
+        const platform::ThreadSignalStack signalStack;
+        agent->run();
+    });
     std::unique_lock lock(d->mutex);
     d->changed.wait(lock, [agent] { return agent->reported; });
     if (d->registered)

@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <csignal>
 #include <sys/stat.h>
 
 namespace {
@@ -64,6 +66,14 @@ protected:
         const ProcessResult crashed =
             box.runAsRoot({QStringLiteral("sh"), QStringLiteral("/Applications/TestPrograms/crash.sh")});
         EXPECT_EQ(crashed.out.trimmed(), QByteArray("status=139")) << crashed.err.constData();
+        return newReport(before);
+    }
+
+    QStringList reports() const { return QDir(box.hostPath(kReports)).entryList(QDir::Files); }
+
+    // The name of the one report added since BEFORE.
+    QString newReport(const QStringList &before) const
+    {
         QStringList added = reports();
         for (const QString &old : before)
             added.removeAll(old);
@@ -71,7 +81,19 @@ protected:
         return added.value(0);
     }
 
-    QStringList reports() const { return QDir(box.hostPath(kReports)).entryList(QDir::Files); }
+    // Runs ARGUMENTS as root, expecting it to die of SIGNAL; the report the run
+    // left, which is then removed (a second crash in the same second would have
+    // the same name).
+    QString crashReportOf(const QStringList &arguments, int signal)
+    {
+        const QStringList before = reports();
+        const ProcessResult crashed = box.runAsRoot(arguments);
+        EXPECT_EQ(crashed.exitCode, 128 + signal) << crashed.err.constData();
+        const QString path = kReports + QLatin1Char('/') + newReport(before);
+        const QString report = QString::fromUtf8(box.readFile(path));
+        QFile::remove(box.hostPath(path));
+        return report;
+    }
 
     // One repair run to its end; the lines its task log holds.
     QString repairLog()
@@ -141,7 +163,9 @@ TEST_F(CrashReportTest, TheReportIsTheNewestOfTheFirstFolderThatHasOneNewerThanT
     const QString stamps = QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.Mendwell.plist");
     const QString program = box.installTestProgram(QStringLiteral("app-crashcheck"));
     const auto check = [&] {
-        return QString::fromUtf8(box.runAsRoot({program, QStringLiteral("Mendwell"), stamps}).out.trimmed());
+        return QString::fromUtf8(
+            box.runAsRoot({program, QStringLiteral("check"), QStringLiteral("Mendwell"), stamps})
+                .out.trimmed());
     };
     // Whole seconds, as the stamps keep them.
     const QDateTime launch =
@@ -174,6 +198,26 @@ TEST_F(CrashReportTest, TheReportIsTheNewestOfTheFirstFolderThatHasOneNewerThanT
     report(user + QStringLiteral("DiagnosticReports/mendwell_user.crash"), 10);
     EXPECT_EQ(check(), user + QStringLiteral("DiagnosticReports/mendwell_user.crash"));
 
+    // Of the reports named by their date, the newest by that date (a name without
+    // one counts as older), whatever the folder lists last: ext4 lists in a hash
+    // order, tmpfs the last made first. The newest is made first, then last.
+    for (const bool newestFirst : {true, false}) {
+        const QString host = newestFirst ? QStringLiteral("mac") : QStringLiteral("linux");
+        QStringList made;
+        for (const char *date :
+             {"2026-03-10-000000", "2026-03-09-235959", "2026-02-11-093000", "2025-12-31-235959"})
+            made << user + QStringLiteral("DiagnosticReports/Mendwell_%1_%2.crash")
+                               .arg(QLatin1String(date), host);
+        made.first().replace(QStringLiteral("Mendwell_"), QStringLiteral("MENDWELL_"));  // the first name
+        if (!newestFirst)
+            std::reverse(made.begin(), made.end());
+        for (const QString &path : made)
+            report(path, 20);
+        EXPECT_EQ(check(), newestFirst ? made.first() : made.last());
+        for (const QString &path : made)
+            QFile::remove(box.hostPath(path));
+    }
+
     // The windowed start, as anna in her own tree, keeps its stamps in her settings.
     box.runAsRoot({QStringLiteral("chown"), QStringLiteral("-R"), QStringLiteral("anna:"),
                    QStringLiteral("/Users/anna")});
@@ -191,6 +235,34 @@ TEST_F(CrashReportTest, TheReportIsTheNewestOfTheFirstFolderThatHasOneNewerThanT
     EXPECT_GT(own.value(QStringLiteral("launch")).toDateTime(), launch);
     EXPECT_TRUE(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/app-crashcheck.1.log"))
                     .contains(" - Application crashed on last launch\n"));
+}
+
+TEST_F(CrashReportTest, UncaughtExceptionsAndOverflowedWorkerThreadsAreReported)
+{
+    const QString program = box.installTestProgram(QStringLiteral("app-crashcheck"));
+    // The log's terminate handler comes after the crash writer's, or before it when
+    // the log is used first.
+    for (const QString &order : {QStringLiteral("writer-first"), QStringLiteral("log-first")}) {
+        const QString report =
+            crashReportOf({program, QStringLiteral("throw"), order, QStringLiteral("disk on fire")}, SIGABRT);
+        EXPECT_TRUE(report.contains(
+            QStringLiteral("Exception Type:  uncaught C++ exception (std::runtime_error)\n\n"
+                           "Application Specific Information:\n*** Terminating app due to uncaught "
+                           "exception 'std::runtime_error', reason: 'disk on fire'\n\nThread 0 Crashed:\n")))
+            << order.toStdString() << report.toStdString();
+        EXPECT_TRUE(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/app-crashcheck.1.log"))
+                        .endsWith(" - disk on fire\n"))
+            << order.toStdString();
+    }
+
+    const QString overflowed = crashReportOf({program, QStringLiteral("overflow")}, SIGSEGV);
+    EXPECT_TRUE(
+        overflowed.contains(QStringLiteral("Exception Type:  SIGSEGV (signal 11)\nException Codes: code ")))
+        << overflowed.toStdString();
+    // On the queue's thread, named by its id.
+    EXPECT_TRUE(
+        QRegularExpression(QStringLiteral("\nThread [1-9]\\d* Crashed:\n")).match(overflowed).hasMatch())
+        << overflowed.toStdString();
 }
 
 }  // namespace
