@@ -179,7 +179,9 @@ void trashMatching(const platform::Folder &folder, const QString &path,
     open.pop_back();
 }
 
-QStringList trashMatching(const QString &folder, const std::function<bool(const QString &)> &matches)
+// METHOD names the operation in the log when an exception ends the search.
+QStringList trashMatching(const QString &folder, const std::function<bool(const QString &)> &matches,
+                          const char *method)
 {
     QStringList trashed;
     try {
@@ -188,7 +190,7 @@ QStringList trashMatching(const QString &folder, const std::function<bool(const 
         if (const std::optional<platform::Folder> opened = platform::Folder::open(folder))
             trashMatching(*opened, folder, matches, trashed, open);
     } catch (const std::exception &e) {
-        HXException::logException(e, "+[HXFileManager trashFilesInFolder:]");
+        HXException::logException(e, method);
     }
     return trashed;
 }
@@ -272,12 +274,15 @@ QStringList trashFilesOfType(const QString &type, const QString &folder)
 {
     const QString lowered = type.toLower();
     return trashMatching(
-        folder, [&lowered](const QString &name) { return HXPath::extension(name).toLower() == lowered; });
+        folder, [&lowered](const QString &name) { return HXPath::extension(name).toLower() == lowered; },
+        "+[HXFileManager trashFilesOfType:inFolder:]");
 }
 
 QStringList trashFilesNamed(const QString &fileName, const QString &folder)
 {
-    return trashMatching(folder, [&fileName](const QString &name) { return name == fileName; });
+    return trashMatching(
+        folder, [&fileName](const QString &name) { return name == fileName; },
+        "+[HXFileManager trashFilesNamed:inFolder:]");
 }
 
 namespace {

@@ -111,6 +111,29 @@ TEST_F(FileOperationsTest, TrashedByTypeAndNameTheDesktopListsAndRestoresThem)
     EXPECT_FALSE(box.exists(prefs + QStringLiteral("/Sub/Layouts")));
 }
 
+TEST_F(FileOperationsTest, AnExceptionWhileTrashingByTypeOrNameIsLoggedUnderThatOperation)
+{
+    const QString prefs = kHome + QStringLiteral("/Library/Preferences/Adobe");
+    ASSERT_TRUE(box.writeFile(prefs + QStringLiteral("/a.xml"), "a", true));
+    ASSERT_TRUE(box.writeFile(prefs + QStringLiteral("/Sub/Workspace.plist"), "w", true));
+    for (const auto &[command, argument, text] : {
+             std::tuple{
+                 "trashtype", "xml",
+                 "Exception in +[HXFileManager trashFilesOfType:inFolder:]. std::runtime_error - observer "
+                 "failed."},
+             std::tuple{
+                 "trashnamed", "Workspace.plist",
+                 "Exception in +[HXFileManager trashFilesNamed:inFolder:]. std::runtime_error - observer "
+                 "failed."},
+         }) {
+        const ProcessResult result =
+            asUser({QLatin1String(command), QLatin1String(argument), prefs, QStringLiteral("throwing")});
+        EXPECT_EQ(result.out, QByteArray(text) + '\n');
+        EXPECT_TRUE(log().contains(QStringLiteral(" - %1\n").arg(QLatin1String(text))))
+            << log().toStdString();
+    }
+}
+
 TEST_F(FileOperationsTest, AsUserFailuresAreLoggedAndOnlyAuthorizedWhenAllowed)
 {
     const QString locked = QStringLiteral("/Library/Application Support/Adobe/Common/cache.db");
@@ -285,6 +308,15 @@ TEST_F(FileOperationsTest, AsRootAFolderBehindARefusedLinkIsNeitherEmptyNorDone)
     EXPECT_EQ(asRoot({QStringLiteral("trashcontents"), behind}).out, QByteArray("NO\n"));
     EXPECT_EQ(asRoot({QStringLiteral("copycontents"), behind, QStringLiteral("/Library")}).out,
               QByteArray("NO\n"));
+    // A touch is a tool run as administrator: as root that is YES, whatever the
+    // refused walk did (nothing).
+    const QDateTime past = QDateTime::fromSecsSinceEpoch(1000000000);
+    QFile item(box.hostPath(kHome + QStringLiteral("/Target/item.txt")));
+    ASSERT_TRUE(item.open(QIODevice::ReadWrite) && item.setFileTime(past, QFileDevice::FileModificationTime));
+    item.close();
+    EXPECT_EQ(asRoot({QStringLiteral("touch"), behind + QStringLiteral("/item.txt")}).out,
+              QByteArray("YES\n"));
+    EXPECT_EQ(QFileInfo(item.fileName()).lastModified(), past);
     EXPECT_EQ(box.readFile(kHome + QStringLiteral("/Target/item.txt")), QByteArray("hers"));
     EXPECT_FALSE(box.exists(QStringLiteral("/Library/item.txt")));
     // What is missing is empty, as the platform answers.

@@ -7,6 +7,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 
 namespace {
@@ -124,13 +125,23 @@ TEST_F(HXAuthorizationRootTest, RootNeverFollowsAUserLinkOutOfTheGivenFolders)
         sandbox.runAsUser({QStringLiteral("ln"), QStringLiteral("-s"), QStringLiteral("/Library/Guarded"),
                            QStringLiteral("/Users/anna/Links/escape")});
     ASSERT_EQ(link.exitCode, 0) << link.err.toStdString();
+    const QDateTime past = QDateTime::fromSecsSinceEpoch(1000000000);
+    QFile victim(sandbox.hostPath(QStringLiteral("/Library/Guarded/victim")));
+    ASSERT_TRUE(victim.open(QIODevice::ReadWrite) &&
+                victim.setFileTime(past, QFileDevice::FileModificationTime));
+    victim.close();
     const ProcessResult run = sandbox.runAsRoot(operations({
         {"remove", "/Users/anna/Links/escape/victim"},
+        {"exec", "/usr/bin/touch", "-c", "-h", "/Users/anna/Links/escape/victim"},
         {"trashcontents", "/Users/anna/Links/escape"},
         {"mkdir", "/Users/anna/Links/escape/planted"},
         {"copy", kCaches + "/keep.txt", "/Users/anna/Links/escape/copied"},
     }));
-    EXPECT_EQ(run.out.left(9), "remove 0\n") << run.err.toStdString();
+    // As root a tool run answers "done" (remove YES, exec 0), whatever the refused walk left undone.
+    EXPECT_EQ(run.out.left(16), "remove 1\nexec 0\n") << run.err.toStdString();
+    EXPECT_TRUE(run.err.contains("Refusing to touch /Users/anna/Links/escape/victim: "))
+        << run.err.toStdString();
+    EXPECT_EQ(QFileInfo(victim.fileName()).lastModified(), past);
     EXPECT_TRUE(sandbox.exists(QStringLiteral("/Library/Guarded/victim")));
     EXPECT_FALSE(sandbox.exists(QStringLiteral("/Library/Guarded/planted")));
     EXPECT_FALSE(sandbox.exists(QStringLiteral("/Library/Guarded/copied")));

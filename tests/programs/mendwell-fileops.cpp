@@ -5,7 +5,8 @@
 //   move FROM TO [noauth]        copy FROM TO [noauth]
 //   trashtype TYPE FOLDER        trashnamed NAME FOLDER     trashcontents FOLDER
 //   zip FROM TO [noparent]       unzip ZIP FOLDER           trashfolder
-//   isempty FOLDER               copycontents FROM TO
+//   isempty FOLDER               copycontents FROM TO       touch PATH
+// With "throwing", whatever trashes an item meets an exception on the way.
 
 #include "diagnostics/HXLog.h"
 #include "fs/HXFileManager.h"
@@ -14,6 +15,7 @@
 #include <QCoreApplication>
 
 #include <cstdio>
+#include <stdexcept>
 
 namespace {
 
@@ -42,6 +44,10 @@ int main(int argc, char **argv)
     const QString command = args.at(0);
     auto arg = [&](int index) { return index < args.size() ? args.at(index) : QString(); };
     const bool auth = !args.contains(QStringLiteral("noauth"));
+    if (args.contains(QStringLiteral("throwing")))
+        HXFileManager::setTrashObserver([](const QString &, const QString &, const QString &) {
+            throw std::runtime_error("observer failed");
+        });
     int status = 2;
     if (command == QLatin1String("trash"))
         status = report(HXFileManager::trashFile(arg(1), auth));
@@ -67,6 +73,8 @@ int main(int argc, char **argv)
         status = report(HXFileManager::isFolderEmpty(arg(1)));
     else if (command == QLatin1String("copycontents"))
         status = report(HXFileManager::copyContentsOfDirectory(arg(1), arg(2), std::chrono::seconds(5)));
+    else if (command == QLatin1String("touch"))
+        status = report(HXFileManager::touchFile(arg(1)));
     else if (command == QLatin1String("trashfolder"))
         status = report(QStringList{HXLocalPaths::trashDirectory()});
     HXLog::finishWriting();
