@@ -28,6 +28,10 @@
 namespace {
 
 constexpr qsizetype kBufferLimit = 64 * 1024;
+// In a burst the writer waits for this much text, or this long, before it writes:
+// one write and one wake-up for hundreds of lines.
+constexpr qsizetype kBatchBytes = 48 * 1024;
+constexpr auto kGatherTime = std::chrono::milliseconds(1);
 constexpr std::size_t kTerminateWaitLimit = 20;
 
 void printToConsole(const QByteArray &bytes)
@@ -163,14 +167,25 @@ QString HXLog::logFolder()
     return HXLocalPaths::libraryDirectory(true) + QStringLiteral("/Logs/Lanternfish");
 }
 
-QString HXLog::currentLogPath()
+namespace {
+
+// The current log of NAME for the process as it runs now, when its user's log
+// folder is FOLDER.
+QString currentLogPathIn(const QString &folder, const QString &name)
 {
-    const QString name = sharedController().appName();
     // A root process writes the current log in the machine's Library while the
     // generations it rotates stay in the user's folder; kept as it has always been.
     if (platform::isRoot())
         return HXLocalPaths::libraryDirectory(false) + HXFormat(u"/Logs/Lanternfish/%@.1.log", name);
-    return logFolder() + HXFormat(u"/%@.1.log", name);
+    return folder + HXFormat(u"/%@.1.log", name);
+}
+
+}  // namespace
+
+QString HXLog::currentLogPath()
+{
+    const QString name = sharedController().appName();
+    return currentLogPathIn(platform::isRoot() ? QString() : logFolder(), name);
 }
 
 void HXLog::createNewLog(const QString &name)
@@ -208,7 +223,7 @@ bool HXLog::createNewLogLocked(const QString &name)
     }
 
     const QString folder = logFolder();
-    const QString current = currentLogPath();
+    const QString current = currentLogPathIn(folder, m_appName);
     const bool rotate = QFileInfo::exists(current);
     // The generations lie in the user's folder: as root, worked on with her rights.
     const HXActingForUser acting(folder);
@@ -226,9 +241,14 @@ bool HXLog::createNewLogLocked(const QString &name)
         if (generations)
             generations->removeEntry(name(kGenerations));
         for (int generation = kGenerations - 1; generation >= 1; --generation) {
-            if (!generations || !generations->contains(name(generation)))
+            // A folder that cannot be opened moves nothing: that is a failed move
+            // too, or the fresh log would replace generation 1.
+            const bool exists = generations
+                                    ? generations->contains(name(generation))
+                                    : QFileInfo::exists(generationPath(folder, m_appName, generation));
+            if (!exists)
                 continue;
-            if (!moveGeneration(*generations, name(generation), name(generation + 1))) {
+            if (!generations || !moveGeneration(*generations, name(generation), name(generation + 1))) {
                 printToConsole(HXFormat(u"Unable to move file %s to %s.\n",
                                         generationPath(folder, m_appName, generation),
                                         generationPath(folder, m_appName, generation + 1)));
@@ -252,36 +272,45 @@ bool HXLog::createNewLogLocked(const QString &name)
 
 void HXLog::queueHeader()
 {
+    // The machine's facts are read once: the header comes again at every turnover.
+    static const QString osVersion = platform::osVersionString();
+    static const int processors = platform::processorCount();
+    static const double memory =
+        static_cast<double>(platform::physicalMemoryBytes()) / 1024.0 / 1024.0 / 1024.0;
     const HXBundle &bundle = HXBundle::mainBundle();
     fastAppendLog(u"Log started: %@\n", HXCurrentDateDescription());
     const QVariant version = bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion"));
     if (version.isValid())
         fastAppendLog(u"Version: %@\n", version);
     fastAppendLog(u"Path: %@\n", bundle.executablePath());
-    appendLog(u"System: OS X %@, %li CPU(s), %0.2f GB RAM\n", platform::osVersionString(),
-              platform::processorCount(),
-              static_cast<double>(platform::physicalMemoryBytes()) / 1024.0 / 1024.0 / 1024.0);
+    appendLog(u"System: OS X %@, %li CPU(s), %0.2f GB RAM\n", osVersion, processors, memory);
     if constexpr (sizeof(void *) == 8)
         fastAppendLog(u"Running in 64-bit mode\n");
 }
 
 void HXLog::appendTextToLog(const QString &text)
 {
-    QString trimmed = text.trimmed();
+    const QStringView trimmed = QStringView(text).trimmed();
     if (trimmed.isEmpty())
         return;
-    const auto length = static_cast<std::uint64_t>(trimmed.size());
     bool wakeWriter = false;
     {
         std::lock_guard lock(m_queueMutex);
         if (!m_queueOpen)
             return;
+        const auto length = static_cast<std::uint64_t>(trimmed.size());
         m_bytesInQueue += length;
-        m_queue.push_back(std::move(trimmed));
-        m_queueLength.fetch_add(1, std::memory_order_relaxed);
-        // A writer that is awake finds the line when it looks for more; only a
-        // sleeping one needs waking.
-        wakeWriter = !m_writerAwake;
+        QByteArray &bytes = m_pending.text;
+        const qsizetype start = bytes.size();
+        bytes.resize(start + m_queueEncoder.requiredSpace(trimmed.size()));
+        const char *end = m_queueEncoder.appendToBuffer(bytes.data() + start, trimmed);
+        bytes.resize(end - bytes.constData());
+        m_pending.lines.push_back({bytes.size(), length});
+        // A sleeping writer wakes for the first line; a gathering one once it has
+        // a batch's worth.
+        if (!m_writerWoken && (m_writerState == WriterState::Sleeping ||
+                               (m_writerState == WriterState::Gathering && bytes.size() >= kBatchBytes)))
+            wakeWriter = m_writerWoken = true;
     }
     if (wakeWriter)
         m_queueChanged.notify_one();
@@ -314,7 +343,21 @@ void HXLog::appendAndPrintFormatted(const QString &text)
 
 std::size_t HXLog::pendingOperations() const
 {
-    return m_queue.size() + (m_writing ? 1 : 0);
+    return m_pending.lines.size() + (m_writing ? 1 : 0);
+}
+
+void HXLog::waitUntilWritten(std::unique_lock<std::mutex> &lock)
+{
+    if (pendingOperations() == 0)
+        return;
+    // Someone waits: the writer stops gathering and writes what there is.
+    ++m_waiters;
+    if (m_writerState != WriterState::Writing && !m_writerWoken) {
+        m_writerWoken = true;
+        m_queueChanged.notify_one();
+    }
+    m_queueDrained.wait(lock, [&] { return pendingOperations() == 0; });
+    --m_waiters;
 }
 
 void HXLog::finishWriting()
@@ -323,7 +366,7 @@ void HXLog::finishWriting()
     if (log.isWriterThread())
         return;  // the writer would wait for itself
     std::unique_lock lock(log.m_queueMutex);
-    log.m_queueDrained.wait(lock, [&] { return log.pendingOperations() == 0; });
+    log.waitUntilWritten(lock);
 }
 
 QStringList HXLog::availableLogs()
@@ -347,10 +390,9 @@ void HXLog::willTerminate()
         if (!log.m_queueOpen)
             return;
         if (log.pendingOperations() < kTerminateWaitLimit && !log.isWriterThread())
-            log.m_queueDrained.wait(lock, [&] { return log.pendingOperations() == 0; });
+            log.waitUntilWritten(lock);
         else
-            log.m_queue.clear();
-        log.m_queueLength.store(0, std::memory_order_relaxed);
+            log.m_pending.clear();
         log.m_queueOpen = false;
     }
     log.m_queueChanged.notify_all();
@@ -364,59 +406,74 @@ void HXLog::willTerminate()
 
 void HXLog::runWriter()
 {
-    std::deque<QString> batch;
+    Pending batch;
+    std::unique_lock lock(m_queueMutex);
+    // Lines come in bursts. Within one the writer gathers lines for a while before
+    // it writes, so that the callers do not wake it line by line; a line after a
+    // pause is written at once.
+    bool inBurst = false;
+    const auto gather = [&] {
+        m_writerState = WriterState::Gathering;
+        m_queueChanged.wait_for(lock, kGatherTime, [&] {
+            return m_waiters > 0 || !m_queueOpen || m_pending.text.size() >= kBatchBytes;
+        });
+    };
     for (;;) {
-        {
-            std::lock_guard lock(m_queueMutex);
+        if (m_pending.lines.empty()) {
             m_writing = false;
-            if (m_queue.empty())
-                m_queueDrained.notify_all();
-        }
-        waitBrieflyForLines();
-        {
-            std::unique_lock lock(m_queueMutex);
-            if (m_queue.empty() && m_queueOpen) {
-                m_writerAwake = false;
-                m_queueChanged.wait(lock, [&] { return !m_queue.empty() || !m_queueOpen; });
-                m_writerAwake = true;
-            }
+            m_queueDrained.notify_all();
             if (!m_queueOpen)
                 return;
-            batch.swap(m_queue);
-            m_queueLength.store(0, std::memory_order_relaxed);
-            m_writing = true;
+            if (inBurst) {
+                gather();
+            } else {
+                m_writerState = WriterState::Sleeping;
+                m_queueChanged.wait(lock, [&] { return !m_pending.lines.empty() || !m_queueOpen; });
+            }
+            inBurst = false;
+        } else if (inBurst && m_waiters == 0 && m_queueOpen && m_pending.text.size() < kBatchBytes) {
+            gather();
         }
+        m_writerState = WriterState::Writing;
+        m_writerWoken = false;
+        if (m_pending.lines.empty())
+            continue;
         // Lines queued while this batch is written (the header after a turnover)
-        // wait in the queue behind it, in the order they were queued.
-        for (const QString &text : batch)
-            appendLogOnThread(text);
+        // wait behind it, in the order they were queued.
+        std::swap(batch, m_pending);
+        m_writing = true;
+        lock.unlock();
+        writeBatch(batch);
         batch.clear();
-        std::lock_guard fileLock(m_fileMutex);
-        flushBuffer();
+        lock.lock();
+        inBurst = true;
     }
 }
 
-void HXLog::waitBrieflyForLines() const
+void HXLog::writeBatch(const Pending &batch)
 {
-    // Lines come in bursts. Looking again for a few microseconds before sleeping
-    // spares every caller in a burst the cost of waking the writer.
-    constexpr auto kSpin = std::chrono::microseconds(50);
-    const auto until = std::chrono::steady_clock::now() + kSpin;
-    for (int round = 0; m_queueLength.load(std::memory_order_relaxed) == 0; ++round) {
-        if (round % 64 == 63 && std::chrono::steady_clock::now() >= until)
-            return;
+    std::lock_guard fileLock(m_fileMutex);
+    std::uint64_t written = 0;
+    qsizetype start = 0;
+    for (const Pending::Line &line : batch.lines) {
+        const QByteArrayView text(batch.text.constData() + start, line.end - start);
+        start = line.end;
+        written += appendLogOnThread(text) ? line.length : 0;
     }
+    flushBuffer();
+    m_bytesInQueue -= written;
 }
 
-void HXLog::appendLogOnThread(const QString &text)
+// Returns whether the line counts as written for bytesInQueue.
+bool HXLog::appendLogOnThread(QByteArrayView text)
 {
     if (m_loggingDisabled)
-        return;  // deliberately leaves bytesInQueue as it is
+        return false;  // deliberately leaves bytesInQueue as it is
     try {
-        std::lock_guard lock(m_fileMutex);
         if (m_fd < 0 && !openCurrentLogForAppend()) {
             if (!m_loggingDisabled) {
-                printToConsole(HXFormat(u"Unable to log the following information: %s\n", text));
+                printToConsole(HXFormat(u"Unable to log the following information: %s\n",
+                                        QString::fromUtf8(text.data(), text.size())));
                 printToConsole(QByteArray("Unable to open log for output\n"));
             }
         } else {
@@ -428,10 +485,11 @@ void HXLog::appendLogOnThread(const QString &text)
                 appendLog(u"Log truncated at 500KB");
             }
         }
-        m_bytesInQueue -= static_cast<std::uint64_t>(text.size());
+        return true;
     } catch (const std::exception &e) {
         if (!m_loggingDisabled)
             printToConsole(HXFormat(u"Exception writing to log: %s\n", e.what()));
+        return false;  // deliberately not counted as written
     }
 }
 
@@ -445,24 +503,22 @@ bool HXLog::openCurrentLogForAppend()
     return true;
 }
 
-std::uint64_t HXLog::appendLine(const QString &text)
+std::uint64_t HXLog::appendLine(QByteArrayView text)
 {
-    // "<date> - <text>\n", encoded straight into the write buffer.
+    // "<date> - <text>\n" into the write buffer.
     const QByteArray &date = HXCurrentDateDescriptionUtf8();
-    const qsizetype start = m_buffer.size();
     if (m_buffer.capacity() < kBufferLimit)
         m_buffer.reserve(2 * kBufferLimit);
-    m_buffer.resize(start + date.size() + 3 + m_encoder.requiredSpace(text.size()) + 1);
+    const qsizetype length = date.size() + 3 + text.size() + 1;
+    const qsizetype start = m_buffer.size();
+    m_buffer.resize(start + length);
     char *out = m_buffer.data() + start;
     std::memcpy(out, date.constData(), static_cast<std::size_t>(date.size()));
     out += date.size();
-    *out++ = ' ';
-    *out++ = '-';
-    *out++ = ' ';
-    out = m_encoder.appendToBuffer(out, text);
-    *out++ = '\n';
-    const qsizetype length = out - (m_buffer.data() + start);
-    m_buffer.resize(start + length);
+    std::memcpy(out, " - ", 3);
+    out += 3;
+    std::memcpy(out, text.data(), static_cast<std::size_t>(text.size()));
+    out[text.size()] = '\n';
     if (m_buffer.size() >= kBufferLimit)
         flushBuffer();
     return static_cast<std::uint64_t>(length);

@@ -6,6 +6,8 @@
 
 #include "system/HXFormat.h"
 
+#include <QByteArray>
+#include <QByteArrayView>
 #include <QString>
 #include <QStringConverter>
 #include <QStringList>
@@ -13,9 +15,9 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 class HXLog {
 public:
@@ -86,27 +88,46 @@ private:
     static void appendFormatted(const QString &text);
     static void appendAndPrintFormatted(const QString &text);
 
+    // Lines handed to the writer: their trimmed texts in UTF-8, back to back.
+    struct Pending {
+        struct Line {
+            qsizetype end;         // where its bytes end in text
+            std::uint64_t length;  // its length in characters, for bytesInQueue
+        };
+        QByteArray text;
+        std::vector<Line> lines;
+        void clear()
+        {
+            text.resize(0);  // both keep their capacity for the next lines
+            lines.clear();
+        }
+    };
+    enum class WriterState { Writing, Gathering, Sleeping };
+
     void observeApplicationEnd();
     void runWriter();
-    void waitBrieflyForLines() const;
-    void appendLogOnThread(const QString &text);
+    void writeBatch(const Pending &batch);
+    bool appendLogOnThread(QByteArrayView text);
     bool createNewLogLocked(const QString &name);
     static void queueHeader();
     bool openCurrentLogForAppend();
-    std::uint64_t appendLine(const QString &text);
+    std::uint64_t appendLine(QByteArrayView text);
     void flushBuffer();
     void closeFile();
     bool isWriterThread() const { return std::this_thread::get_id() == m_writer.get_id(); }
     std::size_t pendingOperations() const;
+    void waitUntilWritten(std::unique_lock<std::mutex> &lock);
 
     // Queue state, guarded by m_queueMutex.
     mutable std::mutex m_queueMutex;
     std::condition_variable m_queueChanged;
     std::condition_variable m_queueDrained;
-    std::deque<QString> m_queue;
+    Pending m_pending;
+    QStringEncoder m_queueEncoder{QStringEncoder::Utf8, QStringConverter::Flag::Stateless};
+    WriterState m_writerState = WriterState::Writing;
+    bool m_writerWoken = false;
     bool m_writing = false;
-    bool m_writerAwake = true;
-    std::atomic<std::size_t> m_queueLength{0};
+    int m_waiters = 0;
     bool m_queueOpen = true;
     std::thread m_writer;
 
@@ -114,12 +135,12 @@ private:
     mutable std::recursive_mutex m_fileMutex;
     int m_fd = -1;
     QByteArray m_buffer;
-    QStringEncoder m_encoder{QStringEncoder::Utf8};
     QString m_appName;
     bool m_appNameSet = false;
 
-    std::atomic<std::uint64_t> m_bytesWritten{0};
-    std::atomic<std::uint64_t> m_bytesInQueue{0};
+    // Apart: the callers change one on every line, the writer the other.
+    alignas(64) std::atomic<std::uint64_t> m_bytesWritten{0};
+    alignas(64) std::atomic<std::uint64_t> m_bytesInQueue{0};
     std::atomic<bool> m_loggingDisabled{false};
     std::atomic<bool> m_observingApplicationEnd{false};
 };

@@ -70,6 +70,24 @@ TEST_F(LogTest, NewLogShiftsFiveGenerationsAndWritesHeader)
     EXPECT_FALSE(box.exists(generation(QStringLiteral("Rot"), 6)));
 }
 
+TEST_F(LogTest, UnmovableGenerationStopsTheRotationAndKeepsGenerationOne)
+{
+    // A folder of hers with something in it holds the name of generation 5.
+    ASSERT_TRUE(
+        box.writeFile(generation(QStringLiteral("Stuck"), 5) + QStringLiteral("/kept"), "kept", true));
+    for (int i = 1; i <= 4; ++i)
+        ASSERT_TRUE(box.writeFile(generation(QStringLiteral("Stuck"), i),
+                                  QByteArray("gen ") + QByteArray::number(i), true));
+    const ProcessResult result = drive({QStringLiteral("create"), QStringLiteral("Stuck")});
+    EXPECT_EQ(result.out,
+              QByteArray("Unable to move file /Users/anna/Library/Logs/Lanternfish/Stuck.4.log to "
+                         "/Users/anna/Library/Logs/Lanternfish/Stuck.5.log.\n"));
+    for (int i = 1; i <= 4; ++i)
+        EXPECT_EQ(box.readFile(generation(QStringLiteral("Stuck"), i)),
+                  QByteArray("gen ") + QByteArray::number(i));
+    EXPECT_TRUE(box.exists(generation(QStringLiteral("Stuck"), 5) + QStringLiteral("/kept")));
+}
+
 TEST_F(LogTest, NothingRotatesWithoutAGenerationOne)
 {
     ASSERT_TRUE(box.writeFile(generation(QStringLiteral("Gap"), 2), "second", true));
