@@ -5,6 +5,8 @@
 #include "fs/HXCopyPreamble.h"
 #include "platform/CopyFiles.h"
 
+#include <QFile>
+
 #include <algorithm>
 #include <limits>
 #include <memory>
@@ -50,6 +52,25 @@ void reportWriteErrors(const HXCopyPipeline::Chunk &chunk, const QStringList &de
             if (block >= chunk.written[static_cast<std::size_t>(i)] / kBlockSize)
                 // The stream's error indicator, as the stream would have set it.
                 copyConsole(u"Error writing file %@: %i", destinations[i], 1);
+}
+
+// DESTINATIONS without those that are the source itself (its device and inode:
+// the same name, a hard link, a link to it). Opening one would empty the source
+// before a byte of it is read; each is refused with its message.
+QStringList destinationsApartFromSource(const QString &source, const struct stat &sourceInfo,
+                                        const QStringList &destinations)
+{
+    QStringList kept;
+    for (const QString &destination : destinations) {
+        struct stat info {};
+        if (::stat(QFile::encodeName(destination).constData(), &info) == 0 &&
+            info.st_dev == sourceInfo.st_dev && info.st_ino == sourceInfo.st_ino)
+            copyConsole(u"Error: Destination file %@ is the source file %@ itself. Skipping it...",
+                        destination, source);
+        else
+            kept.append(destination);
+    }
+    return kept;
 }
 
 bool missingParentsMade(const QString &source, const QStringList &destinations)
@@ -122,13 +143,13 @@ void carryAttributes(int source, const QString &sourcePath,
 
 }  // namespace
 
-bool copyFileWithProgress(const QString &source, const QStringList &destinations, int verificationType,
+bool copyFileWithProgress(const QString &source, const QStringList &requested, int verificationType,
                           HXFileCopyDelegate *delegate, const QVariant &object, const QVariant &object2)
 {
     try {
         if (!copySourceExists(source))
             return false;
-        if (destinations.isEmpty()) {
+        if (requested.isEmpty()) {
             copyConsole(u"Error: You must have at least one destination. Aborting copy process...");
             return false;
         }
@@ -137,11 +158,8 @@ bool copyFileWithProgress(const QString &source, const QStringList &destinations
             copyConsole(u"Error: Unknown verification type %i. Aborting copy process...", verificationType);
             return false;
         }
-        if (!missingParentsMade(source, destinations))
+        if (!missingParentsMade(source, requested))
             return false;
-        QVariantMap settings =
-            copySettings({{QStringLiteral("source"), source}, {QStringLiteral("destinations"), destinations}},
-                         delegate != nullptr ? QVariant::fromValue(delegate) : QVariant(), object, object2);
 
         platform::Descriptor sourceFile(platform::openFileForCopying(source));
         struct stat sourceInfo {};
@@ -149,6 +167,13 @@ bool copyFileWithProgress(const QString &source, const QStringList &destinations
             copyConsole(u"Error: Unable to read source file %@. Aborting copy process...", source);
             return false;
         }
+        // Checked before any destination is opened, since opening empties it.
+        const QStringList destinations = destinationsApartFromSource(source, sourceInfo, requested);
+        if (destinations.isEmpty())
+            return false;
+        QVariantMap settings =
+            copySettings({{QStringLiteral("source"), source}, {QStringLiteral("destinations"), destinations}},
+                         delegate != nullptr ? QVariant::fromValue(delegate) : QVariant(), object, object2);
         std::vector<platform::CopyDestination> files;
         for (const QString &destination : destinations) {
             std::optional<platform::CopyDestination> file =
@@ -197,7 +222,7 @@ bool copyFileWithProgress(const QString &source, const QStringList &destinations
         files.clear();
         if (delegate != nullptr && delegate->fileCopyFinished)
             delegate->fileCopyFinished(settings);
-        return true;
+        return destinations.size() == requested.size();
     } catch (const std::exception &e) {
         HXException::logException(
             e, "+[HXFileManager copyFileWithProgress:destinations:verificationType:delegate:object:object:]");

@@ -40,8 +40,11 @@ struct HXFileCopyDelegate {
 // Copies SOURCE to every path of DESTINATIONS (created or emptied; missing parent
 // folders are made first). With a VERIFICATIONTYPE every destination is read back
 // from the storage and its digest compared with the source's; a difference is
-// reported to the delegate and does not change the result. False when the copy
-// could not be made or the delegate stopped it (the partial copies stay).
+// reported to the delegate and does not change the result. A destination that
+// is the source itself (a hard link or a link to it included) is refused and
+// left alone; the others are still copied and the settings list only them.
+// False when the copy could not be made, a destination was refused, or the
+// delegate stopped it (the partial copies stay).
 bool copyFileWithProgress(const QString &source, const QStringList &destinations, int verificationType,
                           HXFileCopyDelegate *delegate, const QVariant &object = {},
                           const QVariant &object2 = {});

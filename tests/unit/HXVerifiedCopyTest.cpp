@@ -246,6 +246,10 @@ TEST(HXVerifiedCopyTest, RefusesWhatItCannotCopyWithItsMessages)
     ASSERT_TRUE(QDir().mkpath(dir.filePath("folder.mov")));
     const QString missing = dir.filePath("gone.mov");
     const QString underFile = dir.filePath("plain file/sub/clip.mov");
+    const QString hardLink = dir.filePath("clip link.mov");
+    ASSERT_EQ(::link(QFile::encodeName(source).constData(), QFile::encodeName(hardLink).constData()), 0);
+    const QString itself =
+        "Error: Destination file " + source + " is the source file " + source + " itself. Skipping it...";
     struct Case {
         QString source;
         QStringList destinations;
@@ -273,6 +277,11 @@ TEST(HXVerifiedCopyTest, RefusesWhatItCannotCopyWithItsMessages)
          1,
          "Error: Unable to open destination file " + dir.filePath("folder.mov") +
              ". Aborting copy process..."},
+        {source, {source}, 0, itself},
+        {source,
+         {hardLink},
+         2,
+         "Error: Destination file " + hardLink + " is the source file " + source + " itself. Skipping it..."},
     };
     for (const Case &c : cases) {
         Recorder recorder;
@@ -283,6 +292,18 @@ TEST(HXVerifiedCopyTest, RefusesWhatItCannotCopyWithItsMessages)
         EXPECT_TRUE(recorder.reports.empty());
     }
     EXPECT_FALSE(QFileInfo::exists(dir.filePath("a.mov")));
+
+    // Among other destinations the source itself is left out; the rest are copied.
+    Recorder recorder;
+    StderrCapture console;
+    EXPECT_FALSE(
+        copyFileWithProgress(source, {source, dir.filePath("c.mov"), hardLink}, 1, &recorder.delegate));
+    EXPECT_EQ(readFile(source), "frames");
+    EXPECT_EQ(QFileInfo(source).size(), 6);
+    EXPECT_TRUE(consoleMessages(console.text()).contains(itself)) << console.text().toStdString();
+    EXPECT_EQ(readFile(dir.filePath("c.mov")), "frames");
+    ASSERT_TRUE(recorder.finished);
+    EXPECT_EQ(recorder.finished->value("destinations").toStringList(), QStringList{dir.filePath("c.mov")});
 }
 
 // The storage returns one destination's first byte changed. Only that copy is
