@@ -11,8 +11,10 @@
 #include "platform/Platform.h"
 #include "system/HXAuthorization.h"
 #include "system/HXBundle.h"
+#include "system/HXFormat.h"
 #include "system/HXUserDefaults.h"
 #include "system/PropertyList.h"
+#include "ui/HXAlert.h"
 #include "ui/HXInterfaceFile.h"
 
 #include <QAction>
@@ -32,7 +34,7 @@ namespace {
 
 const QString kShouldTrash = QStringLiteral("shouldTrash");
 const QString kShouldTrashWorkspaces = QStringLiteral("shouldTrashWorkspaces");
-const QString kRequireAdminPassword = QStringLiteral("requireAdminPassword");
+const QString kRequireAdminPassword = QString::fromLatin1(HXUserDefaults::kRequireAdminPassword);
 
 template <typename Widget> Widget *outlet(const QWidget *root, const char *name)
 {
@@ -261,17 +263,34 @@ void HXAppController::prefsToggleAdminPass(QAbstractButton *sender)
     try {
         if (sender == nullptr || !sender->isCheckable())
             return;
+        const bool required = sender->isChecked();
+        HXAuthorization &authorization = HXAuthorization::sharedController();
         // Removing the requirement takes an administrator; adding it does not.
-        if (!sender->isChecked() && !HXAuthorization::sharedController().authStart()) {
+        if (!required && !authorization.authStart()) {
             sender->setChecked(true);
             return;
         }
-        const qint64 state = sender->isChecked() ? 1 : 0;
-        if (!HXUserDefaults::setValueForAnyUser(state, kRequireAdminPassword)) {
-            // Only administrators may change a setting of every user.
-            HXLog::appendLog(u"Unable to save the administrator password setting to %@",
-                             HXUserDefaults::anyUserPath());
-            sender->setChecked(state == 0);
+        // A setting of every user: the administrators' group may write it as
+        // itself; with the right, the administrator's runner writes it.
+        const QString path = HXUserDefaults::anyUserPath();
+        bool saved = !authorization.isAuthorized() &&
+                     HXUserDefaults::setValueForAnyUser(qint64{required ? 1 : 0}, kRequireAdminPassword);
+        if (!saved) {
+            if (!authorization.isAuthorized())
+                HXLog::appendLog(u"Unable to save the administrator password setting to %@. Authorizing...",
+                                 path);
+            saved = authorization.authSetRequireAdminPassword(required);
+            HXUserDefaults::standardUserDefaults().synchronize();
+        }
+        if (!saved) {
+            HXLog::appendLog(u"Unable to save the administrator password setting to %@", path);
+            sender->setChecked(!required);
+            HXAlert::alertSheetWithMessageText(
+                QStringLiteral("Unable to save the administrator password setting."),
+                HXFormat(u"%@ could not be written. Changing this setting for every user of this computer "
+                         u"takes an administrator's password.",
+                         path),
+                sender->window());
         }
     } catch (const std::exception &exception) {
         HXException::logException(exception, "-[HXAppController prefsToggleAdminPass:]");

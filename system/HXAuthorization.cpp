@@ -391,3 +391,11 @@ bool HXAuthorization::authCreateDir(const QString &path)
     ::usleep(500);
     return true;
 }
+
+bool HXAuthorization::authSetRequireAdminPassword(bool required)
+{
+    HXPrivilegedRequest request;
+    request.operation = HXPrivilegedOperation::RequireAdminPassword;
+    request.arguments = QStringList{required ? QStringLiteral("1") : QStringLiteral("0")};
+    return perform(request) == kStatusSuccess;
+}

@@ -74,6 +74,9 @@ public:
     bool authMoveFile(const QString &source, const QString &destination);
     bool authCopyFile(const QString &source, const QString &destination);
     bool authCreateDir(const QString &path);
+    // Stores the machine's requireAdminPassword (1 when REQUIRED, else 0) with the
+    // right. True when it was written.
+    bool authSetRequireAdminPassword(bool required);
 
     // Where the privileged runner lies: beside the main executable in the bundle.
     static QString runnerPath();

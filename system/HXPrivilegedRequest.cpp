@@ -8,6 +8,8 @@
 #include "system/HXFormat.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
+#include "system/HXUserDefaults.h"
+#include "system/PropertyList.h"
 
 #include <QStringDecoder>
 #include <QFileInfo>
@@ -70,6 +72,8 @@ bool HXPrivilegedRequest::isWellFormed() const
             if (argument.contains(QChar(u'\0')))
                 return false;
         return true;
+    case HXPrivilegedOperation::RequireAdminPassword:
+        return a.size() == 1 && (a[0] == QLatin1String("1") || a[0] == QLatin1String("0"));
     }
     return false;
 }
@@ -156,7 +160,7 @@ std::optional<HXPrivilegedRequest> HXPrivilegedRequest::decoded(const QByteArray
     const std::optional<quint32> flags = reader.number();
     std::optional<quint32> count = reader.number();
     if (!count || *magic != kRequestMagic ||
-        *operation > static_cast<quint32>(HXPrivilegedOperation::RunHelper) ||
+        *operation > static_cast<quint32>(HXPrivilegedOperation::RequireAdminPassword) ||
         (*flags & ~(kWaitFlag | kCaptureFlag)) != 0)
         return std::nullopt;
     HXPrivilegedRequest request;
@@ -393,6 +397,17 @@ int perform(const HXPrivilegedRequest &request, const HXPrivilegedContext &conte
     }
     case HXPrivilegedOperation::RunHelper:
         return runHelper(request, context.helperFolder, &reply.output);
+    case HXPrivilegedOperation::RequireAdminPassword: {
+        // The file is the runner's own choice; the other settings in it stay.
+        const QString path = HXUserDefaults::anyUserPath();
+        QVariantMap settings = PropertyList::readDictionary(path);
+        settings.insert(QString::fromLatin1(HXUserDefaults::kRequireAdminPassword),
+                        qint64{paths[0] == QLatin1String("1") ? 1 : 0});
+        errno = 0;
+        if (!PropertyList::writeXmlFileInUsersTree(path, settings, std::nullopt))
+            return refuse(QStringLiteral("write"), path, errno != 0 ? errno : EIO);
+        return 0;
+    }
     }
     return kHXPrivilegedToolFailure;
 }

@@ -1,9 +1,10 @@
 #pragma once
 
 // What the privileged side of HXAuthorization may be asked to do, and how it does
-// it. Requests are typed: the file operations, touching an item, and running one
-// of the bundle's own helper tools. Nothing else, in particular no executable
-// named by the client. Every request is checked where it is carried out (the
+// it. Requests are typed: the file operations, touching an item, running one of
+// the bundle's own helper tools, and the machine's password requirement at
+// start. Nothing else, in particular no executable or settings file named by
+// the client. Every request is checked where it is carried out (the
 // runner trusts no client): its shape, the protected-folder rule under any
 // spelling of a folder, and every path is opened through platform/Folder.h, so
 // no symbolic link a user planted leads root out of the folders it was given.
@@ -27,6 +28,9 @@ enum class HXPrivilegedOperation : int {
     Trash,       // SOURCE NAME: into the user's trash as NAME, with its record
     Touch,       // PATH: times set to now if it exists ("touch -c -h")
     RunHelper,   // NAME ARGUMENTS...: one of the bundle's helper tools
+    // "1" or "0": the machine's requireAdminPassword, in the file the runner
+    // knows itself (the client names no path).
+    RequireAdminPassword,
 };
 
 struct HXPrivilegedRequest {

@@ -46,6 +46,9 @@ public:
     // The program's setting KEY for any user of this machine; false when the
     // machine's file could not be written (the caller is no administrator).
     static bool setValueForAnyUser(const QVariant &value, const QString &key);
+    // The machine-wide switch of the password guard at start (1 or 0), the one
+    // key the administrator's runner writes for a client.
+    static constexpr const char *kRequireAdminPassword = "requireAdminPassword";
     static QString anyUserPath();
 
     // Fallback values for keys the file does not hold; never written to the file.

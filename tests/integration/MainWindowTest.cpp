@@ -119,22 +119,42 @@ noinfra)
     finish
     ;;
 settings)
-    # As a user: the two preference boxes, then Help > Report a Bug.
+    # As a user: the two preference boxes, then Help > Report a Bug. Nobody can
+    # give the password here, so the machine's setting is refused with a sheet.
     main=$(waitfor '^Mendwell$') || { figure status nowindow; kill "$pid"; exit 0; }
     press "$main" ctrl+comma
     prefs=$(waitfor '^Mendwell Preferences$') || { figure status noprefs; kill "$pid"; exit 0; }
-    machine=/Library/Preferences/com.lanternfish.Mendwell.plist
     click "$prefs" 120 68
-    sleep 0.3
-    cp "$machine" "$runs/admin-on.plist"
-    click "$prefs" 120 68
-    sleep 0.3
-    cp "$machine" "$runs/admin-off.plist"
+    count 3
+    figure windows "$(ours | wc -l)"
+    shot refused
+    press "$(ours | grep -vx "$main" | grep -vx "$prefs" | head -1)" Return
+    count 2
+    [ -e /Library/Preferences/com.lanternfish.Mendwell.plist ] && figure stored 1
     click "$prefs" 120 136
     shot general
     press "$prefs" Escape
     menu "$main" alt+h b
     sleep 0.5
+    press "$main" ctrl+q
+    finish
+    ;;
+adminpass)
+    # The password requirement on, then off: the machine's file and its owner after each.
+    main=$(waitfor '^Mendwell$') || { figure status nowindow; kill "$pid"; exit 0; }
+    press "$main" ctrl+comma
+    prefs=$(waitfor '^Mendwell Preferences$') || { figure status noprefs; kill "$pid"; exit 0; }
+    machine=/Library/Preferences/com.lanternfish.Mendwell.plist
+    for state in 1 0; do
+        click "$prefs" 120 68
+        n=0
+        until grep -q "<integer>$state</integer>" "$machine" 2>/dev/null || [ $n -ge 3000 ]; do
+            sleep 0.01
+            n=$((n + 1))
+        done
+        cp "$machine" "$runs/admin-$state.plist"
+        figure owner_$state "$(stat -c %U "$machine")"
+    done
     press "$main" ctrl+q
     finish
     ;;
@@ -437,6 +457,31 @@ TEST_F(MainWindowRepairTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWi
     EXPECT_FALSE(shot(QStringLiteral("prefs-2")).isNull());
 }
 
+// On a fresh install the requirement goes on and off again, for a plain user and
+// for a member of the administrators' group the install step gives the machine's
+// Preferences: she switches it on as herself, and what takes the password is
+// written by the administrator's runner. One password each.
+TEST_F(MainWindowRepairTest, ThePasswordRequirementSwitchesBothWaysForUsersAndAdministrators)
+{
+    const QString machine = QStringLiteral("/Library/Preferences/com.lanternfish.Mendwell.plist");
+    for (const bool administrator : {false, true}) {
+        SCOPED_TRACE(administrator ? "administrator" : "plain user");
+        polkit.setUserGroup(administrator ? QStringLiteral("sudo") : QString());
+        QFile::remove(hostPath(machine));
+        int prompts = 0;
+        const QMap<QString, QString> figures = act(QStringLiteral("adminpass"), 1, 1, &prompts);
+        EXPECT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
+            << runOutput("adminpass", 1, "err").data();
+        EXPECT_EQ(prompts, 1);
+        for (const int state : {1, 0})
+            EXPECT_EQ(
+                PropertyList::readDictionary(hostPath(kRuns + QStringLiteral("/admin-%1.plist").arg(state))),
+                (QVariantMap{{QStringLiteral("requireAdminPassword"), state}}));
+        EXPECT_EQ(figures.value(QStringLiteral("owner_1")), administrator ? "anna" : "root");
+        EXPECT_EQ(figures.value(QStringLiteral("owner_0")), QStringLiteral("root"));
+    }
+}
+
 // Quit does not wait for the repair's thread, which itself waits on the main
 // thread for every console line.
 TEST_F(MainWindowRepairTest, QuittingDuringARepairEndsAtOnce)
@@ -480,9 +525,6 @@ TEST_F(MainWindowTest, WithoutItsInfrastructureTheProgramSaysSoAndEnds)
 
 TEST_F(MainWindowTest, PreferencesAndHelpPagesAsTheUserSeesThem)
 {
-    // anna stands for an administrator: she may write the machine's settings but
-    // has no agent to give her password to.
-    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Preferences"), true));
     const QString info = box.hostPath(QStringLiteral("/Applications/Mendwell.app/Contents/Info.plist"));
     QVariantMap bundleInfo = PropertyList::readDictionary(info);
     ASSERT_EQ(bundleInfo.remove(QStringLiteral("HXShortName")), 1);
@@ -495,13 +537,12 @@ TEST_F(MainWindowTest, PreferencesAndHelpPagesAsTheUserSeesThem)
     const QMap<QString, QString> figures = act(QStringLiteral("settings"), 1);
     ASSERT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
         << runOutput("settings", 1, "err").data();
-    // Switching the requirement on needs no password; off it does, and without
-    // one nothing is stored (and the box stays on, see general-1.png).
-    const QVariantMap required{{QStringLiteral("requireAdminPassword"), 1}};
-    EXPECT_EQ(PropertyList::readDictionary(box.hostPath(kRuns + QStringLiteral("/admin-on.plist"))),
-              required);
-    EXPECT_EQ(PropertyList::readDictionary(box.hostPath(kRuns + QStringLiteral("/admin-off.plist"))),
-              required);
+    // Without the install step's folder and without anyone to give the password,
+    // the requirement is not stored: a sheet says so (refused-1.png), the box stays off.
+    EXPECT_EQ(figures.value(QStringLiteral("windows")), QStringLiteral("3"));
+    EXPECT_FALSE(figures.contains(QStringLiteral("stored")));
+    EXPECT_TRUE(box.readFile(kLog).contains("Unable to save the administrator password setting to "
+                                            "/Library/Preferences/com.lanternfish.Mendwell.plist\n"));
     // The statistics box started off without a file and made one with its key alone.
     EXPECT_EQ(PropertyList::readDictionary(
                   box.hostPath(QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.qc.plist"))),
@@ -509,6 +550,7 @@ TEST_F(MainWindowTest, PreferencesAndHelpPagesAsTheUserSeesThem)
     EXPECT_EQ(box.readFile(record),
               "https://support.lanternfish.example/kestrelkit/bugreport?app=kestrelkit&version=1.0.0\n");
     EXPECT_FALSE(shot(QStringLiteral("general-1")).isNull());
+    EXPECT_FALSE(shot(QStringLiteral("refused-1")).isNull());
 }
 
 TEST_F(MainWindowTest, ARequiredPasswordThatIsNotGivenEndsTheProgram)

@@ -124,7 +124,8 @@ PolkitNamespace::Result PolkitNamespace::runAsUser(const QStringList &command, i
                           QStringLiteral("setpriv"),
                           QStringLiteral("--reuid=anna"),
                           QStringLiteral("--regid=anna"),
-                          QStringLiteral("--init-groups"),
+                          m_userGroup.isEmpty() ? QStringLiteral("--init-groups")
+                                                : QStringLiteral("--groups=anna,") + m_userGroup,
                           QStringLiteral("--"),
                           QStringLiteral("env"),
                           QStringLiteral("-i"),

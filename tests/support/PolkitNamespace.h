@@ -35,6 +35,9 @@ public:
     bool exists(const QString &path) const;
     // Copies PROGRAM into the installed bundle's Contents/MacOS.
     bool installInBundle(const QString &program) const;
+    // Later commands run with GROUP among anna's groups (the administrators'
+    // group, say); an empty GROUP gives her her own again.
+    void setUserGroup(const QString &group) { m_userGroup = group; }
 
     // Who answers polkit for the command: pkttyagent on the terminal, or no
     // agent at all (the command registers its own). Either way a prompt that
@@ -55,6 +58,7 @@ public:
 
 private:
     QTemporaryDir m_work;
+    QString m_userGroup;
 };
 
 #define SKIP_WITHOUT_POLKIT()                                                                                \

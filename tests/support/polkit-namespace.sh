@@ -41,7 +41,7 @@ mkdir -p "$root/run/dbus"
 mount -t tmpfs -o mode=755 tmpfs "$root/run/dbus"
 cp -a /usr/share/polkit-1/actions/. "$work/actions/"
 # Installed the way a machine gets it, naming the bundle at /Applications.
-POLICY="$policy" bash "$(dirname "$0")/../../scripts/install-policy.sh" /Applications/Mendwell.app "$work/actions"
+POLICY="$policy" bash "$(dirname "$0")/../../scripts/install-policy.sh" /Applications/Mendwell.app "$work/actions" "$work"
 mount --bind "$work/actions" "$root/usr/share/polkit-1/actions"
 cat >"$work/rules/10-mendwell-test.rules" <<RULES
 polkit.addAdminRule(function(action, subject) {

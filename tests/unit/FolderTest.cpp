@@ -166,6 +166,11 @@ TEST(PrivilegedRequestTest, OnlyWellFormedRequestsOfTheKnownKindsDecode)
     EXPECT_TRUE(refused(HXPrivilegedOperation::RunHelper, {QStringLiteral("/bin/sh"), QStringLiteral("-c")}));
     EXPECT_TRUE(refused(HXPrivilegedOperation::RunHelper, {QStringLiteral("../../bin/sh")}));
     EXPECT_FALSE(refused(HXPrivilegedOperation::RunHelper, {QStringLiteral("killtool")}));
+    // The machine's password requirement: a boolean alone, never a file to write.
+    EXPECT_FALSE(refused(HXPrivilegedOperation::RequireAdminPassword, {QStringLiteral("0")}));
+    EXPECT_TRUE(refused(HXPrivilegedOperation::RequireAdminPassword, {QStringLiteral("/etc/shadow")}));
+    EXPECT_TRUE(
+        refused(HXPrivilegedOperation::RequireAdminPassword, {QStringLiteral("1"), QStringLiteral("/a")}));
 
     EXPECT_FALSE(HXPrivilegedRequest::decoded("not a request"));
     QByteArray truncated = request.encoded();
