@@ -2,7 +2,9 @@
 
 // The user's current keyboard layout: which characters a key types. Key codes are
 // the system's hardware key codes (on Linux X11 key codes, the kernel's code + 8,
-// as a key event's native scan code gives them).
+// as a key event's native scan code gives them). On Linux the current layout is
+// the display's, in the group in use; a process without a display gets the
+// system's default layout.
 
 #include <QString>
 #include <QtCore/qnamespace.h>

@@ -2,6 +2,12 @@
 
 #include <QFile>
 
+#include <xcb/xcb.h>
+// xcb's XKB header names a field "explicit", which C++ reserves.
+#define explicit explicit_
+#include <xcb/xkb.h>
+#undef explicit
+#include <xkbcommon/xkbcommon-x11.h>
 #include <xkbcommon/xkbcommon.h>
 
 #include <array>
@@ -24,8 +30,9 @@ struct LayoutNames {
     bool operator==(const LayoutNames &) const = default;
 };
 
-// The layout the desktop session would set up. XKB_DEFAULT_* (as every xkbcommon
-// client honours them) win over the system's keyboard configuration, as a whole:
+// The layout a new session starts with, for a process without a display.
+// XKB_DEFAULT_* (as every xkbcommon client honours them) win over the system's
+// keyboard configuration, as a whole:
 // a variant of one layout must never be mixed with another layout. Empty names
 // leave xkbcommon's own defaults (evdev rules, pc105, us).
 LayoutNames currentLayoutNames()
@@ -89,15 +96,18 @@ struct StateDeleter {
 using Keymap = std::unique_ptr<xkb_keymap, KeymapDeleter>;
 using State = std::unique_ptr<xkb_state, StateDeleter>;
 
-// The keymap of the current layout, compiled again only when the layout's names
-// change. Guarded by the caller's lock.
-xkb_keymap *currentKeymap()
+xkb_context *sharedContext()
 {
-    static xkb_context *context = xkb_context_new(XKB_CONTEXT_NO_ENVIRONMENT_NAMES);  // never freed
+    static xkb_context *const context = xkb_context_new(XKB_CONTEXT_NO_ENVIRONMENT_NAMES);  // never freed
+    return context;
+}
+
+// The keymap of the default layout, compiled again only when the layout's names
+// change. Guarded by the caller's lock.
+xkb_keymap *defaultKeymap(xkb_context *context)
+{
     static LayoutNames cachedNames;
     static Keymap cached;
-    if (context == nullptr)
-        return nullptr;
     const LayoutNames names = currentLayoutNames();
     if (cached && names == cachedNames)
         return cached.get();
@@ -107,6 +117,96 @@ xkb_keymap *currentKeymap()
     cachedNames = names;
     return cached.get();
 }
+
+struct LiveLayout {
+    xkb_keymap *keymap;
+    xkb_layout_index_t group;
+};
+
+// The display's keyboard as the X server has it now: the session's own layout,
+// which the desktop or setxkbmap may have set to anything. The keymap is fetched
+// again when the server reports a new one; the group in use is asked each time.
+// Guarded by the caller's lock.
+class DisplayKeyboard {
+public:
+    // None without a display that speaks XKB.
+    std::optional<LiveLayout> current(xkb_context *context)
+    {
+        const char *display = std::getenv("DISPLAY");
+        if (display == nullptr || *display == '\0') {
+            disconnect();
+            return std::nullopt;
+        }
+        if (m_connection != nullptr && (xcb_connection_has_error(m_connection) != 0 || m_display != display))
+            disconnect();
+        if (m_connection == nullptr && !connect(context, display))
+            return std::nullopt;
+        State state(xkb_x11_state_new_from_device(m_keymap.get(), m_connection, m_device));
+        // Its answer came after every event the server sent before it, so a change
+        // of layout made before this call is seen here. Only keymap changes are
+        // selected.
+        bool changed = false;
+        while (xcb_generic_event_t *event = xcb_poll_for_queued_event(m_connection)) {
+            changed = true;
+            std::free(event);
+        }
+        if (changed || !state) {
+            m_keymap.reset(
+                xkb_x11_keymap_new_from_device(context, m_connection, m_device, XKB_KEYMAP_COMPILE_NO_FLAGS));
+            if (m_keymap)
+                state.reset(xkb_x11_state_new_from_device(m_keymap.get(), m_connection, m_device));
+        }
+        if (!m_keymap || !state) {
+            disconnect();
+            return std::nullopt;
+        }
+        return LiveLayout{m_keymap.get(),
+                          xkb_state_serialize_layout(state.get(), XKB_STATE_LAYOUT_EFFECTIVE)};
+    }
+
+private:
+    bool connect(xkb_context *context, const char *display)
+    {
+        m_connection = xcb_connect(display, nullptr);
+        if (xcb_connection_has_error(m_connection) == 0 &&
+            xkb_x11_setup_xkb_extension(m_connection, XKB_X11_MIN_MAJOR_XKB_VERSION,
+                                        XKB_X11_MIN_MINOR_XKB_VERSION, XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS,
+                                        nullptr, nullptr, nullptr, nullptr) != 0) {
+            m_device = xkb_x11_get_core_keyboard_device_id(m_connection);
+            if (m_device != -1) {
+                // Before the keymap is fetched, so that no change slips between.
+                constexpr std::uint16_t kChanges =
+                    XCB_XKB_EVENT_TYPE_NEW_KEYBOARD_NOTIFY | XCB_XKB_EVENT_TYPE_MAP_NOTIFY;
+                constexpr std::uint16_t kAllMapParts = 0xFF;
+                const xcb_xkb_select_events_details_t details{};
+                xcb_xkb_select_events_aux(m_connection, static_cast<xcb_xkb_device_spec_t>(m_device),
+                                          kChanges, 0, kChanges, kAllMapParts, kAllMapParts, &details);
+                m_keymap.reset(xkb_x11_keymap_new_from_device(context, m_connection, m_device,
+                                                              XKB_KEYMAP_COMPILE_NO_FLAGS));
+            }
+        }
+        if (!m_keymap) {
+            disconnect();
+            return false;
+        }
+        m_display = display;
+        return true;
+    }
+
+    void disconnect()
+    {
+        m_keymap.reset();
+        if (m_connection != nullptr)
+            xcb_disconnect(m_connection);
+        m_connection = nullptr;
+        m_display.clear();
+    }
+
+    xcb_connection_t *m_connection = nullptr;
+    std::string m_display;
+    std::int32_t m_device = -1;
+    Keymap m_keymap;
+};
 
 // Shift and Control as they are. Option types a key's third-level characters, as
 // AltGr does, which xkeyboard-config puts on Mod5. Command chooses no characters
@@ -163,7 +263,17 @@ std::optional<KeyTranslation> translateKeyCode(std::uint16_t keyCode, std::uint3
 {
     static std::mutex mutex;
     std::lock_guard lock(mutex);
-    xkb_keymap *keymap = currentKeymap();
+    xkb_context *context = sharedContext();
+    if (context == nullptr)
+        return std::nullopt;
+    // The display's layout, in the group in use; without a display the default one.
+    static auto *const display = new DisplayKeyboard();  // never freed
+    LiveLayout layout{nullptr, 0};
+    if (const std::optional<LiveLayout> live = display->current(context))
+        layout = *live;
+    else
+        layout.keymap = defaultKeymap(context);
+    xkb_keymap *keymap = layout.keymap;
     if (keymap == nullptr)
         return std::nullopt;
     KeyTranslation translation;
@@ -176,7 +286,7 @@ std::optional<KeyTranslation> translateKeyCode(std::uint16_t keyCode, std::uint3
     const State state(xkb_state_new(keymap));
     if (!state)
         return std::nullopt;
-    xkb_state_update_mask(state.get(), modifierMask(keymap, modifiers), 0, 0, 0, 0, 0);
+    xkb_state_update_mask(state.get(), modifierMask(keymap, modifiers), 0, 0, 0, 0, layout.group);
     if (const auto character = characterOfKey(xkb_state_key_get_one_sym(state.get(), keyCode))) {
         translation.characters = QString(QChar(*character));
         return translation;

@@ -1,10 +1,12 @@
 // Shortcut keys in process: what the capture field records, the names keys get
-// on a pinned layout, the table's delete keys, and a panel whose interface file
-// is missing (this program lies in no bundle). The panel on a real bundle, the
-// bindings file and the manager are tested in the sandbox (ShortcutKeysTest).
+// on a pinned layout and on a display's as it is switched, the table's delete
+// keys, and a panel whose interface file is missing (this program lies in no
+// bundle). The panel on a real bundle, the bindings file and the manager are
+// tested in the sandbox (ShortcutKeysTest).
 
 #include "system/HXNotificationCenter.h"
 #include "tests/support/StderrCapture.h"
+#include "tests/support/TestDisplay.h"
 #include "ui/HXShortcutKeyContainerView.h"
 #include "ui/HXShortcutKeyFieldEditor.h"
 #include "ui/HXShortcutKeyItemDelegate.h"
@@ -14,7 +16,16 @@
 #include <QApplication>
 #include <QKeyEvent>
 #include <QLineEdit>
+#include <QProcess>
 #include <QTest>
+
+#include <xcb/xcb.h>
+// xcb's XKB header names a field "explicit", which C++ reserves.
+#define explicit explicit_
+#include <xcb/xkb.h>
+#undef explicit
+
+#include <cstdlib>
 
 namespace {
 
@@ -57,11 +68,11 @@ class HXShortcutKeysQtTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    // The layout is pinned, whatever the machine's keyboard.
+    // The layout is pinned, whatever the machine's keyboard: no display, the default "us".
     void initTestCase()
     {
-        for (const char *name :
-             {"XKB_DEFAULT_RULES", "XKB_DEFAULT_MODEL", "XKB_DEFAULT_VARIANT", "XKB_DEFAULT_OPTIONS"})
+        for (const char *name : {"DISPLAY", "XKB_DEFAULT_RULES", "XKB_DEFAULT_MODEL", "XKB_DEFAULT_VARIANT",
+                                 "XKB_DEFAULT_OPTIONS"})
             qunsetenv(name);
         qputenv("XKB_DEFAULT_LAYOUT", "us");
     }
@@ -118,6 +129,30 @@ private Q_SLOTS:
         const QString shown = HXShortcutKeyTableDelegate::nameForKeyCode(keyCode, 0);
         qputenv("XKB_DEFAULT_LAYOUT", "us");
         QCOMPARE(shown, name);
+    }
+
+    // With a display, the layout it has now counts, over the default one.
+    void keysAreNamedOnTheDisplaysLayoutAsItIsSwitched()
+    {
+        TestDisplay display;
+        QVERIFY(display.isRunning());
+        qputenv("DISPLAY", display.display().toLatin1());
+        QStringList names;
+        for (const char *layout : {"de", "us", "de", "us,de"}) {
+            QCOMPARE(QProcess::execute(QStringLiteral("setxkbmap"), {QString::fromLatin1(layout)}), 0);
+            names << HXShortcutKeyTableDelegate::nameForKeyCode(29, 0);
+        }
+        // The second layout of two locked, as a layout switcher does.
+        xcb_connection_t *connection = xcb_connect(nullptr, nullptr);
+        std::free(xcb_xkb_use_extension_reply(connection, xcb_xkb_use_extension(connection, 1, 0), nullptr));
+        std::free(xcb_request_check(connection,
+                                    xcb_xkb_latch_lock_state_checked(connection, XCB_XKB_ID_USE_CORE_KBD, 0,
+                                                                     0, true, 1, 0, false, 0)));
+        xcb_disconnect(connection);
+        names << HXShortcutKeyTableDelegate::nameForKeyCode(29, 0);
+        qunsetenv("DISPLAY");
+        names << HXShortcutKeyTableDelegate::nameForKeyCode(29, 0);
+        QCOMPARE(names, (QStringList{"Z", "Y", "Z", "Y", "Z", "Y"}));
     }
 
     void anUntranslatableKeyIsLoggedAndNamedNull()
