@@ -3,8 +3,6 @@
 #include "platform/Platform.h"
 #include "system/HXFormat.h"
 
-#include <QStringList>
-
 namespace {
 
 HXSystemVersion runningVersion()
@@ -63,15 +61,19 @@ QString HXOSDetect::osxVersion()
 
 void HXOSDetect::getSystemVersion(long *major, long *minor, long *bugFix)
 {
-    // The system's release is always available here, so the old packed form and
-    // its fallback to 10.5.0 never come into play.
-    const QStringList parts = platform::osVersionString().split(QLatin1Char('.'));
+    // The system's own version is never in the old packed form. When it cannot be
+    // had, the oldest system this program runs on is assumed.
+    platform::OSVersion version = platform::osVersion();
+    if (version.error != 0) {
+        platform::systemLog(HXFormat(u"Unable to obtain system version: %ld", version.error));
+        version = {10, 5, 0, 0};
+    }
     if (major != nullptr)
-        *major = parts.value(0).toLong();
+        *major = version.major;
     if (minor != nullptr)
-        *minor = parts.value(1).toLong();
+        *minor = version.minor;
     if (bugFix != nullptr)
-        *bugFix = parts.value(2).toLong();
+        *bugFix = version.patch;
 }
 
 HXSystemVersion HXOSDetect::decodeSystemVersionBCD(unsigned value)

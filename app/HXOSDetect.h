@@ -25,7 +25,8 @@ public:
     static bool isOSVersionHigherThan(long major, long minor, long bugFix);
     // "major.minor.bugfix"
     static QString osxVersion();
-    // Fills the outputs that are given.
+    // Fills the outputs that are given; 10.5.0, with a line in the system log, when
+    // the version cannot be had.
     static void getSystemVersion(long *major, long *minor, long *bugFix);
 
     // The old packed form of a version before 10.4: binary-coded decimal digits

@@ -31,7 +31,19 @@ bool isRoot();
 // platform prefixes such lines.
 void systemLog(const QString &line);
 
-// Version of the running system as major.minor.patch, e.g. "6.1.0".
+struct OSVersion {
+    long major = 0;
+    long minor = 0;
+    long patch = 0;
+    // 0, or the system's error code when the version cannot be had (all parts 0).
+    long error = 0;
+};
+
+// Version of the running system (on Linux the kernel's release: "6.1.0-13-amd64"
+// is 6.1.0).
+OSVersion osVersion();
+
+// The same as major.minor.patch, e.g. "6.1.0"; "0.0.0" when it cannot be had.
 QString osVersionString();
 
 int processorCount();

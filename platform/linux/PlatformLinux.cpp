@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <pwd.h>
@@ -109,15 +110,20 @@ void systemLog(const QString &line)
     syslog(LOG_NOTICE, "%s", text.constData());
 }
 
-QString osVersionString()
+OSVersion osVersion()
 {
     utsname names{};
     if (uname(&names) != 0)
-        return QStringLiteral("0.0.0");
-    // "6.1.0-13-amd64" -> "6.1.0"
-    int parts[3] = {0, 0, 0};
-    std::sscanf(names.release, "%d.%d.%d", &parts[0], &parts[1], &parts[2]);
-    return QStringLiteral("%1.%2.%3").arg(parts[0]).arg(parts[1]).arg(parts[2]);
+        return {0, 0, 0, errno};
+    OSVersion version;
+    std::sscanf(names.release, "%ld.%ld.%ld", &version.major, &version.minor, &version.patch);
+    return version;
+}
+
+QString osVersionString()
+{
+    const OSVersion version = osVersion();
+    return QStringLiteral("%1.%2.%3").arg(version.major).arg(version.minor).arg(version.patch);
 }
 
 int processorCount()

@@ -3,6 +3,17 @@
 
 #include <gtest/gtest.h>
 
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+
 namespace {
 
 TEST(HXOSDetect, OldPackedVersionsDecodeDigitByDigit)
@@ -32,6 +43,27 @@ TEST(HXOSDetect, HigherThanMeansAtLeastAndTheBugFixCountsOnlyWithinTheSameMinor)
     HXOSDetect::getSystemVersion(&major, &minor, nullptr);
     EXPECT_TRUE(HXOSDetect::isOSVersionHigherThan(major, minor, 0));
     EXPECT_EQ(HXOSDetect::osxVersion(), platform::osVersionString());
+}
+
+// The system refuses to tell its version (uname fails with EPERM in a child).
+TEST(HXOSDetect, AVersionThatCannotBeHadIsLoggedAndTakenFor10_5_0)
+{
+    const auto refused = [] {
+        sock_filter filter[] = {
+            BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+            BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_uname, 0, 1),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EPERM),
+            BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+        };
+        const sock_fprog program{static_cast<unsigned short>(std::size(filter)), filter};
+        if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+            std::exit(2);
+        std::fprintf(stderr, "version %s\n", qPrintable(HXOSDetect::osxVersion()));
+        std::exit(0);
+    };
+    EXPECT_EXIT(refused(), ::testing::ExitedWithCode(0),
+                "\\[[0-9]+\\] Unable to obtain system version: 1\nversion 10\\.5\\.0\n");
 }
 
 }  // namespace
