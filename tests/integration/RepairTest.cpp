@@ -13,6 +13,7 @@
 #include "tests/support/TestFiles.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QRegularExpression>
@@ -185,11 +186,11 @@ protected:
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Application Support/Adobe")));
     }
 
-    // The clean-up step driver, inside Mendwell.app so that it finds the bundle's tools.
-    QString installStepDriver() const
+    // Test program NAME inside Mendwell.app, so that it finds the bundle's tools.
+    QString installInBundle(const QString &name) const
     {
-        const QString inside = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/app-cleanupstep");
-        QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-cleanupstep"), box.hostPath(inside));
+        const QString inside = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/") + name;
+        QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/") + name, box.hostPath(inside));
         ::chmod(QFile::encodeName(box.hostPath(inside)).constData(), 0755);
         return inside;
     }
@@ -235,9 +236,20 @@ protected:
         return paths;
     }
 
-    QStringList editorRecord() const
+    // Its launches and quit requests; with LOOKS, each opening of its Info.plist too.
+    QStringList editorRecord(bool looks = false) const
     {
-        return QString::fromUtf8(box.readFile(kRecord)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QStringList lines =
+            QString::fromUtf8(box.readFile(kRecord)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        if (!looks)
+            lines.removeAll(QStringLiteral("look"));
+        return lines;
+    }
+
+    qsizetype looksAfterTheQuitRequest() const
+    {
+        const QStringList lines = editorRecord(true);
+        return lines.mid(lines.indexOf(QStringLiteral("term"))).count(QStringLiteral("look"));
     }
 
     static TestDesktop *desktop;
@@ -256,7 +268,7 @@ TEST_F(RepairTest, RepairsTheSampleWhileTheEditorQuitsAndStartsTheEditorAgain)
     makeSample();
     installEditor();
     const RepairRun first =
-        repair({QStringLiteral("-repair"), QStringLiteral("-trash")}, QStringLiteral("quit-after 3"));
+        repair({QStringLiteral("-repair"), QStringLiteral("-trash")}, QStringLiteral("quit-after 5"));
     const QStringList expected = {
         QStringLiteral("Starting repair..."),
         QStringLiteral("Waiting for Premiere Pro to exit..."),
@@ -278,7 +290,9 @@ TEST_F(RepairTest, RepairsTheSampleWhileTheEditorQuitsAndStartsTheEditorAgain)
               first.console.join(QStringLiteral("\n\n")));
     EXPECT_EQ(first.notices, kNotices);
     EXPECT_EQ(trashListing(), kSampleTrash);
-    // Asked to quit, it took three seconds; then the repair started it again, as anna.
+    // Asked to quit, it took five seconds: seen running two seconds apart, twice, and
+    // gone at the third look. Then the repair started it again, as anna.
+    EXPECT_EQ(looksAfterTheQuitRequest(), 2);
     const QString launch = QStringLiteral("launch uid=%1 home=/Users/anna").arg(Sandbox::userId());
     EXPECT_EQ(editorRecord(), (QStringList{launch, QStringLiteral("term"), launch}));
     // What the user keeps: projects and a plug-in's settings.
@@ -317,9 +331,11 @@ TEST_F(RepairTest, AnEditorThatRefusesToQuitHoldsTheRepairAboutFortyTwoSeconds)
                                                   QStringLiteral("Terminating processes...")}));
     EXPECT_EQ(run.console.value(run.console.size() - 1),
               QStringLiteral("Processing complete. No errors were found."));
-    // Still running, and started a second time all the same.
+    // Still running, and started a second time all the same: 21 looks while the
+    // repair waited, then one to find it and one to start it.
     const QString launch = QStringLiteral("launch uid=%1 home=/Users/anna").arg(Sandbox::userId());
     EXPECT_EQ(editorRecord(), (QStringList{launch, QStringLiteral("term"), launch}));
+    EXPECT_EQ(looksAfterTheQuitRequest(), 21 + 2);
 }
 
 TEST_F(RepairTest, WithoutAuthorizationNothingHappensAndTheSignalSaysSo)
@@ -368,14 +384,17 @@ TEST_F(RepairTest, SilentRunsSayNothingButTheThirtyTwoBitWarningAndStillSignalTh
     makeSample();
     installEditor();
     const RepairRun quiet =
-        repair({QStringLiteral("-repair"), QStringLiteral("-silent"), QStringLiteral("-trash")});
+        repair({QStringLiteral("-repair"), QStringLiteral("-silent"), QStringLiteral("-trashPrefs")});
     EXPECT_TRUE(quiet.console.isEmpty()) << quiet.process.err.constData();
     EXPECT_TRUE(quiet.process.out.isEmpty()) << quiet.process.out.constData();
     EXPECT_TRUE(quiet.notices.isEmpty()) << quiet.notices.join(QLatin1Char('\n')).toStdString();
     ASSERT_TRUE(quiet.finished.has_value());
     EXPECT_FALSE(quiet.finished->contains(QStringLiteral("output")));
-    // It did the work all the same, and the log says which items were wrong.
-    EXPECT_EQ(trashListing(), kSampleTrash);
+    // It did the work all the same (the window layouts stay), and the log says which
+    // items were wrong.
+    QStringList layoutsKept = kSampleTrash;
+    layoutsKept.removeIf([](const QString &path) { return path.contains(QStringLiteral("/Layouts/")); });
+    EXPECT_EQ(trashListing(), layoutsKept);
     const QString log =
         QString::fromUtf8(box.readFile(QStringLiteral("/Library/Logs/Lanternfish/Mendwell.task.1.log")));
     EXPECT_TRUE(log.contains(QStringLiteral(" - Incorrect file permissions on: (\n    \"")))
@@ -390,9 +409,11 @@ TEST_F(RepairTest, SilentRunsSayNothingButTheThirtyTwoBitWarningAndStillSignalTh
         QStringLiteral("Adobe Premiere Pro is set to run in 32-bit mode. This may cause problems. To fix "
                        "this, ctrl-click the "
                        "application, click Get Info and deselect \"Open in 32-bit mode\".");
-    // The flag alone makes the verdict.
-    const RepairRun flagged = repair({QStringLiteral("-repair")});
-    EXPECT_EQ(flagged.console.mid(5),
+    // The flag alone makes the verdict; the layouts go now.
+    const RepairRun flagged = repair({QStringLiteral("-repair"), QStringLiteral("-trashworkspace")});
+    EXPECT_EQ(trashListing(), kSampleTrash);
+    EXPECT_EQ(flagged.console.value(1), QStringLiteral("Trashing workspaces..."));
+    EXPECT_EQ(flagged.console.mid(6),
               (QStringList{
                   QStringLiteral("No file permission errors found."),
                   QStringLiteral("Checking 32-bit flag..."),
@@ -435,18 +456,19 @@ TEST_F(RepairTest, LongListsShowTwentyPathsAndACount)
         addWrongFiles(c.count);
         const RepairRun run = repair({QStringLiteral("-repair")});
         ASSERT_GE(run.console.size(), 7);
-        const QStringList listing = run.console[5].split(QLatin1Char('\n'));
-        EXPECT_EQ(listing.first(), QStringLiteral("The following files have incorrect permissions:"));
-        EXPECT_EQ(listing.size(), 1 + std::min(c.count, 20) + (c.listed.isEmpty() ? 0 : 1));
-        EXPECT_EQ(c.listed.isEmpty() ? QString() : listing.last(), c.listed);
-        EXPECT_TRUE(listing.at(1).startsWith(folder + QStringLiteral("/item")));
+        // The first 20 in the audit's order, the file system's: only the new ones,
+        // since each run corrected what it found.
+        QStringList listing;
+        for (const QString &name : QDir(box.hostPath(folder)).entryList(QDir::Files, QDir::Unsorted))
+            if (name.mid(4).toInt() >= made - c.count && listing.size() < 20)
+                listing.append(folder + QLatin1Char('/') + name);
+        if (!c.listed.isEmpty())
+            listing.append(c.listed);
+        EXPECT_EQ(run.console[5], kWrongHeading + listing.join(QLatin1Char('\n')));
         EXPECT_EQ(run.console[6], c.setting);
         EXPECT_EQ(run.console.last(),
                   QStringLiteral("Processing complete. Errors were found during processing."));
     }
-    // Each run corrected what it found.
-    EXPECT_EQ(repair({QStringLiteral("-repair")}).console.value(5),
-              QStringLiteral("No file permission errors found."));
 }
 
 TEST_F(RepairTest, AQuitRequestWithNothingToQuitIsLoggedAndToldToTheClient)
@@ -454,7 +476,7 @@ TEST_F(RepairTest, AQuitRequestWithNothingToQuitIsLoggedAndToldToTheClient)
     TestCallbackClient client(QStringLiteral("com.lanternfish.HXMarlinClientCallback"),
                               QStringLiteral("postErrorString"));
     ASSERT_TRUE(client.isReady());
-    const QString program = installStepDriver();
+    const QString program = installInBundle(QStringLiteral("app-cleanupstep"));
     const ProcessResult result =
         box.runAsRoot({program, QStringLiteral("quit"), QStringLiteral("Adobe Premiere Pro")},
                       {desktop->bus.environmentEntry()});
@@ -475,7 +497,7 @@ TEST_F(RepairTest, ThePrivilegedTrashStepsGoThroughTrashtoolIntoTheConsoleUsersT
     const QString folder = QStringLiteral("/Users/anna/Library/Caches/Adobe");
     for (const char *name : {"/single.dat", "/Media/one.cfa", "/Media/two.pek"})
         ASSERT_TRUE(box.writeFile(folder + QLatin1String(name), "cache", true));
-    const QString program = installStepDriver();
+    const QString program = installInBundle(QStringLiteral("app-cleanupstep"));
     for (const QStringList &step :
          {QStringList{QStringLiteral("trashfile"), folder + QStringLiteral("/single.dat")},
           QStringList{QStringLiteral("trashcontents"), folder + QStringLiteral("/Media")}})
@@ -542,14 +564,21 @@ TEST_F(RepairTest, TheWindowedRepairRunsOnItsOwnThreadAndAnswersWithASheet)
 {
     makeSample();
     const std::size_t signalsBefore = finished.size();
-    const QString program = box.installTestProgram(QStringLiteral("app-windowedrepair"));
-    const ProcessResult result =
-        box.runAsRoot({program, QStringLiteral("trashprefs")},
-                      {desktop->bus.environmentEntry(), QStringLiteral("QT_QPA_PLATFORM=offscreen")});
-    ASSERT_EQ(result.exitCode, 0) << result.err.constData();
-    const QStringList out = QString::fromUtf8(result.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    ASSERT_EQ(out.size(), 5) << result.out.constData();
-    EXPECT_EQ(out[0], QStringLiteral("running: button=disabled spinner=busy"));
+    const QString program = installInBundle(QStringLiteral("app-windowedrepair"));
+    const auto windowed = [&](bool asRoot, const QStringList &boxes) {
+        const QStringList command = QStringList{program} + boxes;
+        const QStringList environment{desktop->bus.environmentEntry(),
+                                      QStringLiteral("QT_QPA_PLATFORM=offscreen")};
+        const ProcessResult result =
+            asRoot ? box.runAsRoot(command, environment) : box.runAsUser(command, environment);
+        EXPECT_EQ(result.exitCode, 0) << result.err.constData();
+        return QString::fromUtf8(result.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    };
+    const QStringList out = windowed(true, {QStringLiteral("trashprefs")});
+    ASSERT_EQ(out.size(), 5) << out.join(u'\n').toStdString();
+    const QString running = QStringLiteral("running: button=disabled spinner=busy");
+    const QString after = QStringLiteral("after: button=enabled spinner=idle");
+    EXPECT_EQ(out[0], running);
     EXPECT_EQ(out[1], QStringLiteral("alert: Processing complete | Errors were found during processing.\\n\\n"
                                      "Scroll up to see the relevant error messages."));
     EXPECT_TRUE(
@@ -557,15 +586,24 @@ TEST_F(RepairTest, TheWindowedRepairRunsOnItsOwnThreadAndAnswersWithASheet)
                                          "Terminating processes...")))
         << out[2].toStdString();
     EXPECT_TRUE(out[2].endsWith(QStringLiteral("Processing complete. Errors were found during processing.")));
-    EXPECT_EQ(out[3], QStringLiteral("after: button=enabled spinner=idle"));
+    EXPECT_EQ(out[3], after);
     // The layout command announces preferences, as it always has.
-    EXPECT_EQ(out[4], QStringLiteral("alert: Premiere Pro preferences successfully trashed | "
-                                     "Please relaunch Premiere Pro."));
+    const QString layouts = QStringLiteral(
+        "alert: Premiere Pro preferences successfully trashed | Please relaunch Premiere Pro.");
+    EXPECT_EQ(out[4], layouts);
     // The repair trashed the preferences only; the menu command then the layouts.
     const QStringList trashed = trashListing();
     EXPECT_TRUE(trashed.contains(QStringLiteral("/Users/anna/Library/Preferences/com.adobe.CSXS.4.plist")));
     EXPECT_TRUE(
         trashed.contains(QStringLiteral("/Users/anna/Documents/Adobe/Premiere Pro/7.0/Layouts/Effects.xml")));
+    // Nothing left to correct: the sheet says so, without the hint.
+    EXPECT_EQ(windowed(true, {}).value(1),
+              QStringLiteral("alert: Processing complete | No errors were found."));
+    // anna cannot authorize: the window says nothing at all, and the button comes back.
+    QStringList refused = windowed(false, {});
+    refused.removeAll(running);  // gone before a look, maybe
+    EXPECT_EQ(refused, (QStringList{QStringLiteral("console: "), after, layouts}));
+
     // In the window nothing is signalled.
     QElapsedTimer waited;
     waited.start();

@@ -2,7 +2,7 @@
 // console, the repair button, the spinner and the two option boxes, the repair
 // button's action, and then the window-layout menu command. Every alert is
 // answered with its default button. Prints what a person would have seen:
-//   running: button=disabled spinner=busy   (while the repair ran)
+//   running: button=disabled spinner=busy   (while the repair ran, if seen)
 //   alert: MESSAGE | INFORMATIVE            (newlines as "\n")
 //   console: ...                            (the console's text after the repair)
 //   after: button=enabled spinner=idle
@@ -21,6 +21,7 @@
 #include <QVBoxLayout>
 
 #include <cstdio>
+#include <functional>
 
 namespace {
 
@@ -41,6 +42,19 @@ QString controlsState(const QPushButton &button, const QProgressBar &spinner)
         .arg(button.isEnabled() ? QStringLiteral("enabled") : QStringLiteral("disabled"),
              spinner.maximum() == 0 ? QStringLiteral("busy") : QStringLiteral("idle"));
 }
+
+// Calls CHANGED after the watched widget was switched on or off, once what
+// switched it is done: a refused repair ends between two looks.
+class SwitchWatch : public QObject {
+public:
+    std::function<void()> changed;
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        if (event->type() == QEvent::EnabledChange)
+            QTimer::singleShot(0, this, changed);
+        return false;
+    }
+};
 
 }  // namespace
 
@@ -71,8 +85,19 @@ int main(int argc, char **argv)
     controller.setErrorText(console);
     controller.setRepairControls({&window, button, spinner, trashPrefs, layouts});
 
+    // The repair's end: the button switched on again.
+    SwitchWatch switches;
+    switches.changed = [&] {
+        if (!button->isEnabled())
+            return;
+        print(QStringLiteral("console: ") + oneLine(console->toPlainText()));
+        print(QStringLiteral("after: ") + controlsState(*button, *spinner));
+        // The menu command runs on the main thread and waits for its alert.
+        controller.menuTrashWindowLayout();
+        QApplication::exit(0);
+    };
+    button->installEventFilter(&switches);
     bool sawRunning = false;
-    bool repairDone = false;
     QTimer watcher;
     QObject::connect(&watcher, &QTimer::timeout, [&] {
         for (QWidget *widget : QApplication::topLevelWidgets()) {
@@ -84,19 +109,9 @@ int main(int argc, char **argv)
                   oneLine(alert->informativeText()));
             QTimer::singleShot(0, alert, [alert] { alert->defaultButton()->click(); });
         }
-        if (!button->isEnabled() && !sawRunning) {
+        if (spinner->maximum() == 0 && !sawRunning) {
             sawRunning = true;
             print(QStringLiteral("running: ") + controlsState(*button, *spinner));
-        }
-        if (sawRunning && button->isEnabled() && !repairDone) {
-            repairDone = true;
-            print(QStringLiteral("console: ") + oneLine(console->toPlainText()));
-            print(QStringLiteral("after: ") + controlsState(*button, *spinner));
-            // The menu command runs on the main thread and waits for its alert.
-            QTimer::singleShot(0, [&controller] {
-                controller.menuTrashWindowLayout();
-                QApplication::exit(0);
-            });
         }
     });
     watcher.start(20);
