@@ -176,6 +176,16 @@ TEST_F(FileOperationsTest, AsRootTheSameOperationsRunDirectlyAndTrashGoesToTheCo
     ASSERT_TRUE(box.writeFile(folder + QStringLiteral("/remove.db"), "r"));
     ASSERT_TRUE(box.writeFile(folder + QStringLiteral("/move.db"), "m"));
     ASSERT_TRUE(box.writeFile(folder + QStringLiteral("/trash.db"), "t"));
+    const QString kept = QStringLiteral("/Library/Application Support/Adobe/kept.db");
+    ASSERT_TRUE(box.writeFile(kept, "k"));
+    // Locked items: each operation unlocks what it removes, trashes or moves onto.
+    const auto attributes = [&](QStringList command, const QString &path) {
+        return runProcess(command << box.hostPath(path)).out.left(5);
+    };
+    for (const QString &path :
+         {folder + QStringLiteral("/remove.db"), folder + QStringLiteral("/trash.db"), kept})
+        attributes({QStringLiteral("chattr"), QStringLiteral("+i")}, path);
+    ASSERT_EQ(attributes({QStringLiteral("lsattr")}, kept), "----i");
 
     EXPECT_EQ(
         asRoot({QStringLiteral("remove"), folder + QStringLiteral("/remove.db"), QStringLiteral("noauth")})
@@ -187,6 +197,11 @@ TEST_F(FileOperationsTest, AsRootTheSameOperationsRunDirectlyAndTrashGoesToTheCo
                   .out,
               QByteArray("YES\n"));
     EXPECT_EQ(box.readFile(folder + QStringLiteral("/moved.db")), QByteArray("m"));
+    EXPECT_EQ(
+        asRoot({QStringLiteral("move"), folder + QStringLiteral("/moved.db"), kept, QStringLiteral("noauth")})
+            .out,
+        QByteArray("NO\n"));
+    EXPECT_EQ(attributes({QStringLiteral("lsattr")}, kept), "-----") << "unlocked, though not replaced";
 
     const ProcessResult trashed =
         asRoot({QStringLiteral("trash"), folder + QStringLiteral("/trash.db"), QStringLiteral("noauth")});
@@ -201,6 +216,9 @@ TEST_F(FileOperationsTest, AsRootTheSameOperationsRunDirectlyAndTrashGoesToTheCo
         EXPECT_TRUE(listed.out.contains(" " + (folder + QStringLiteral("/trash.db")).toUtf8()))
             << describe(listed).toStdString();
     }
+    // Nothing left locked for the sandbox's removal, whatever failed above.
+    attributes({QStringLiteral("chattr"), QStringLiteral("-R"), QStringLiteral("-i")},
+               QStringLiteral("/Library"));
 
     // In anna's home, behind a folder closed to her: her rights cannot, so only
     // the administrator's fallback (root's own rights) trashes it.
