@@ -21,20 +21,61 @@ bool copyTree(const QString &from, const QString &to)
     return QFile::copy(from, to);
 }
 
+namespace disk {
+
+QByteArray read(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+bool write(const QString &path, const QByteArray &contents, int mode)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(contents) != contents.size())
+        return false;
+    file.close();
+    return mode < 0 || chmod(path, static_cast<mode_t>(mode));
+}
+
+struct stat info(const QString &path)
+{
+    struct stat info {};
+    ::lstat(QFile::encodeName(path).constData(), &info);
+    return info;
+}
+
+bool chmod(const QString &path, mode_t mode)
+{
+    return ::chmod(QFile::encodeName(path).constData(), mode) == 0;
+}
+
+bool chown(const QString &path, uid_t owner, gid_t group)
+{
+    return ::lchown(QFile::encodeName(path).constData(), owner, group) == 0;
+}
+
+bool makePath(const QString &path, uid_t owner, gid_t group)
+{
+    QStringList made;
+    for (QString probe = path; !QFileInfo::exists(probe); probe = QFileInfo(probe).path())
+        made.prepend(probe);
+    if (!QDir().mkpath(path))
+        return false;
+    for (const QString &folder : made)
+        if (!chown(folder, owner, group))
+            return false;
+    return true;
+}
+
+}  // namespace disk
+
 bool moveBehindUsersLink(const std::function<QString(const QString &)> &hostPath, const QString &path,
                          const QString &elsewhere, uid_t owner, gid_t group)
 {
-    QStringList made;
-    for (QString probe = QFileInfo(hostPath(elsewhere)).path(); !QFileInfo::exists(probe);
-         probe = QFileInfo(probe).path())
-        made.prepend(probe);
-    if (!QDir().mkpath(QFileInfo(hostPath(elsewhere)).path()))
-        return false;
-    for (const QString &folder : made)
-        if (::lchown(QFile::encodeName(folder).constData(), owner, group) != 0)
-            return false;
-    return std::rename(QFile::encodeName(hostPath(path)).constData(),
+    return disk::makePath(QFileInfo(hostPath(elsewhere)).path(), owner, group) &&
+           std::rename(QFile::encodeName(hostPath(path)).constData(),
                        QFile::encodeName(hostPath(elsewhere)).constData()) == 0 &&
-           QFile::link(elsewhere, hostPath(path)) &&
-           ::lchown(QFile::encodeName(hostPath(path)).constData(), owner, group) == 0;
+           QFile::link(elsewhere, hostPath(path)) && disk::chown(hostPath(path), owner, group);
 }

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <ostream>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 // Copies a file or a whole folder (links copied as their targets' contents).
@@ -16,6 +17,21 @@ bool copyTree(const QString &from, const QString &to);
 // sandbox names them; HOSTPATH gives each one's place on the host.
 bool moveBehindUsersLink(const std::function<QString(const QString &)> &hostPath, const QString &path,
                          const QString &elsewhere, uid_t owner, gid_t group);
+
+// Plain file-system steps of the tests' set-ups, by QString path.
+namespace disk {
+// PATH's contents; empty when it cannot be read.
+QByteArray read(const QString &path);
+// Writes CONTENTS to PATH (its missing folders made), then gives it MODE (-1: as made).
+bool write(const QString &path, const QByteArray &contents = {}, int mode = -1);
+// lstat of PATH; all zero when there is nothing there.
+struct stat info(const QString &path);
+bool chmod(const QString &path, mode_t mode);
+// lchown: a link itself, never what it names.
+bool chown(const QString &path, uid_t owner, gid_t group);
+// Makes PATH with its missing parents, each folder made given to OWNER.
+bool makePath(const QString &path, uid_t owner, gid_t group);
+}  // namespace disk
 
 // Readable failure messages for Qt strings in GoogleTest expectations.
 inline void PrintTo(const QString &text, std::ostream *out)
