@@ -1,6 +1,7 @@
 #include "fs/HXArchive.h"
 
 #include "tests/support/Process.h"
+#include "tests/support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -18,6 +19,8 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
@@ -55,26 +58,16 @@ protected:
     {
         ASSERT_TRUE(m_dir.isValid());
         root = m_dir.path();
-        folder = root + QStringLiteral("/Adobe Logs");
-        write(QStringLiteral("Adobe Logs/Premiere 1.log"), "first log\n");
-        write(QStringLiteral("Adobe Logs/Crash/report.txt"), QByteArray(100000, 'x'));
-        QDir().mkpath(folder + QStringLiteral("/Empty"));
-        ASSERT_TRUE(QFile::link(QStringLiteral("Premiere 1.log"), folder + QStringLiteral("/latest.log")));
+        folder = root + u"/Adobe Logs"_s;
+        write(u"Adobe Logs/Premiere 1.log"_s, "first log\n");
+        write(u"Adobe Logs/Crash/report.txt"_s, QByteArray(100000, 'x'));
+        QDir().mkpath(folder + u"/Empty"_s);
+        ASSERT_TRUE(QFile::link(u"Premiere 1.log"_s, folder + u"/latest.log"_s));
     }
 
     void write(const QString &relative, const QByteArray &contents) const
     {
-        const QString path = root + QLatin1Char('/') + relative;
-        QDir().mkpath(QFileInfo(path).path());
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(contents);
-    }
-
-    static QByteArray read(const QString &path)
-    {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        ASSERT_TRUE(disk::write(root + u'/' + relative, contents));
     }
 
     // A zip holding ENTRIES in this order, as any archiver could have made it.
@@ -102,19 +95,14 @@ protected:
         archive_write_free(writer);
     }
 
-    static struct stat lookAt(const QString &path)
-    {
-        struct stat info {};
-        EXPECT_EQ(::lstat(QFile::encodeName(path).constData(), &info), 0) << qPrintable(path);
-        return info;
-    }
+    static mode_t modeOf(const QString &path) { return disk::info(path).st_mode & 07777; }
 
     // The entry names unzip reports, sorted.
     static QStringList unzipListing(const QString &zip)
     {
-        const ProcessResult result = runProcess({QStringLiteral("unzip"), QStringLiteral("-Z1"), zip});
+        const ProcessResult result = runProcess({u"unzip"_s, u"-Z1"_s, zip});
         EXPECT_EQ(result.exitCode, 0) << result.err.constData();
-        QStringList names = QString::fromUtf8(result.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QStringList names = QString::fromUtf8(result.out).split(u'\n', Qt::SkipEmptyParts);
         names.sort();
         return names;
     }
@@ -125,10 +113,10 @@ protected:
 
 TEST_F(ArchiveTest, EntriesStartWithTheFolderOnlyWhenKeepingTheParent)
 {
-    if (QStandardPaths::findExecutable(QStringLiteral("unzip")).isEmpty())
+    if (QStandardPaths::findExecutable(u"unzip"_s).isEmpty())
         GTEST_SKIP() << "unzip is not installed";
-    const QString withParent = root + QStringLiteral("/with.zip");
-    const QString without = root + QStringLiteral("/without.zip");
+    const QString withParent = root + u"/with.zip"_s;
+    const QString without = root + u"/without.zip"_s;
     ASSERT_TRUE(HXArchive::compress(folder, withParent, true));
     ASSERT_TRUE(HXArchive::compress(folder, without, false));
 
@@ -139,132 +127,98 @@ TEST_F(ArchiveTest, EntriesStartWithTheFolderOnlyWhenKeepingTheParent)
               (QStringList{"Crash/", "Crash/report.txt", "Empty/", "Premiere 1.log", "latest.log"}));
 
     // unzip's own check of every entry, and its size column for the big one.
-    const ProcessResult tested = runProcess({QStringLiteral("unzip"), QStringLiteral("-t"), withParent});
+    const ProcessResult tested = runProcess({u"unzip"_s, u"-t"_s, withParent});
     EXPECT_EQ(tested.exitCode, 0) << tested.out.constData();
-    const ProcessResult listed = runProcess({QStringLiteral("unzip"), QStringLiteral("-l"), without});
+    const ProcessResult listed = runProcess({u"unzip"_s, u"-l"_s, without});
     EXPECT_TRUE(listed.out.contains("   100000  ")) << listed.out.constData();
 
     // A single file is stored under its own name either way.
-    const QString single = root + QStringLiteral("/single.zip");
-    ASSERT_TRUE(HXArchive::compress(folder + QStringLiteral("/Premiere 1.log"), single, false));
+    const QString single = root + u"/single.zip"_s;
+    ASSERT_TRUE(HXArchive::compress(folder + u"/Premiere 1.log"_s, single, false));
     EXPECT_EQ(unzipListing(single), QStringList{"Premiere 1.log"});
 }
 
+// A read-only folder still gets its contents.
 TEST_F(ArchiveTest, UnpacksWhatItPacked)
 {
-    const QString zip = root + QStringLiteral("/logs.zip");
+    ASSERT_TRUE(disk::chmod(folder + u"/Crash"_s, 0555));
+    const QString zip = root + u"/logs.zip"_s;
     ASSERT_TRUE(HXArchive::compress(folder, zip, true));
-    const QString target = root + QStringLiteral("/out/unpacked");
+    const QString target = root + u"/out/unpacked"_s;
     ASSERT_TRUE(HXArchive::decompress(zip, target));
-    const QString unpacked = target + QStringLiteral("/Adobe Logs");
-    EXPECT_EQ(read(unpacked + QStringLiteral("/Premiere 1.log")), QByteArray("first log\n"));
-    EXPECT_EQ(read(unpacked + QStringLiteral("/Crash/report.txt")), QByteArray(100000, 'x'));
-    EXPECT_TRUE(QFileInfo(unpacked + QStringLiteral("/Empty")).isDir());
-    EXPECT_EQ(QFileInfo(unpacked + QStringLiteral("/latest.log")).symLinkTarget(),
-              unpacked + QStringLiteral("/Premiere 1.log"));
+    const QString unpacked = target + u"/Adobe Logs"_s;
+    EXPECT_EQ(disk::read(unpacked + u"/Premiere 1.log"_s), QByteArray("first log\n"));
+    EXPECT_EQ(disk::read(unpacked + u"/Crash/report.txt"_s), QByteArray(100000, 'x'));
+    EXPECT_EQ(modeOf(unpacked + u"/Crash"_s), 0555u);
+    disk::chmod(unpacked + u"/Crash"_s, 0755);
+    disk::chmod(folder + u"/Crash"_s, 0755);
+    EXPECT_TRUE(QFileInfo(unpacked + u"/Empty"_s).isDir());
+    EXPECT_EQ(QFileInfo(unpacked + u"/latest.log"_s).symLinkTarget(), unpacked + u"/Premiere 1.log"_s);
 
-    EXPECT_FALSE(
-        HXArchive::decompress(root + QStringLiteral("/missing.zip"), root + QStringLiteral("/none")));
-    EXPECT_FALSE(
-        HXArchive::compress(root + QStringLiteral("/missing"), root + QStringLiteral("/missing.zip"), true));
-    EXPECT_FALSE(QFileInfo::exists(root + QStringLiteral("/missing.zip")));
+    EXPECT_FALSE(HXArchive::decompress(root + u"/missing.zip"_s, root + u"/none"_s));
+    EXPECT_FALSE(HXArchive::compress(root + u"/missing"_s, root + u"/missing.zip"_s, true));
+    EXPECT_FALSE(QFileInfo::exists(root + u"/missing.zip"_s));
 }
 
-TEST_F(ArchiveTest, EntriesEscapingTheDestinationAreRefused)
+TEST_F(ArchiveTest, EntriesEscapingTheDestinationOrGoingThroughItsLinksAreRefused)
 {
-    const QString zip = root + QStringLiteral("/evil.zip");
-    archive *writer = archive_write_new();
-    archive_write_set_format_zip(writer);
-    ASSERT_EQ(archive_write_open_filename(writer, QFile::encodeName(zip).constData()), ARCHIVE_OK);
-    auto add = [&](const char *name, const char *symlink) {
-        archive_entry *entry = archive_entry_new();
-        archive_entry_set_pathname(entry, name);
-        archive_entry_set_perm(entry, 0644);
-        if (symlink) {
-            archive_entry_set_filetype(entry, AE_IFLNK);
-            archive_entry_set_symlink(entry, symlink);
-            archive_write_header(writer, entry);
-        } else {
-            archive_entry_set_filetype(entry, AE_IFREG);
-            archive_entry_set_size(entry, 4);
-            archive_write_header(writer, entry);
-            archive_write_data(writer, "evil", 4);
-        }
-        archive_entry_free(entry);
-    };
-    add("../outside.txt", nullptr);
-    add("/tmp/absolute-mendwell.txt", nullptr);
-    add("up", "..");
-    add("up/through-link.txt", nullptr);
-    add("fine.txt", nullptr);
-    archive_write_close(writer);
-    archive_write_free(writer);
+    const QString zip = root + u"/evil.zip"_s;
+    writeZip(zip, {{"../outside.txt", AE_IFREG, 0644, "evil"},
+                   {"/tmp/absolute-mendwell.txt", AE_IFREG, 0644, "evil"},
+                   {"up", AE_IFLNK, 0644, ".."},
+                   {"up/through-link.txt", AE_IFREG, 0644, "evil"},
+                   {"fine.txt", AE_IFREG, 0644, "evil"}});
 
-    const QString target = root + QStringLiteral("/target");
+    const QString target = root + u"/target"_s;
     EXPECT_FALSE(HXArchive::decompress(zip, target));
-    EXPECT_FALSE(QFileInfo::exists(root + QStringLiteral("/outside.txt")));
-    EXPECT_FALSE(QFileInfo::exists(root + QStringLiteral("/through-link.txt")));
-    EXPECT_FALSE(QFileInfo::exists(QStringLiteral("/tmp/absolute-mendwell.txt")));
-    EXPECT_EQ(read(target + QStringLiteral("/fine.txt")), QByteArray("evil"));
+    EXPECT_FALSE(QFileInfo::exists(root + u"/outside.txt"_s));
+    EXPECT_FALSE(QFileInfo::exists(root + u"/through-link.txt"_s));
+    EXPECT_FALSE(QFileInfo::exists(u"/tmp/absolute-mendwell.txt"_s));
+    EXPECT_EQ(disk::read(target + u"/fine.txt"_s), QByteArray("evil"));
+
+    // Nor through a link the archive itself holds.
+    const QString elsewhere = root + u"/elsewhere"_s;
+    ASSERT_TRUE(QDir().mkpath(elsewhere));
+    ASSERT_TRUE(disk::chmod(elsewhere, 0755));
+    const QByteArray away = QFile::encodeName(elsewhere);
+    const QString links = root + u"/links.zip"_s;
+    writeZip(links, {{"dir", AE_IFLNK, 0777, away.constData()},
+                     {"dir/x", AE_IFREG, 0644, "evil"},
+                     {"dir/deeper/y", AE_IFREG, 0644, "evil"},
+                     {"dir/", AE_IFDIR, 0777},
+                     {"fine.txt", AE_IFREG, 0644, "fine"}});
+
+    const QString linked = root + u"/linked"_s;
+    EXPECT_FALSE(HXArchive::decompress(links, linked));
+    EXPECT_TRUE(QDir(elsewhere).isEmpty());
+    EXPECT_EQ(modeOf(elsewhere), 0755u);
+    EXPECT_EQ(QFileInfo(linked + u"/dir"_s).symLinkTarget(), elsewhere);
+    EXPECT_EQ(disk::read(linked + u"/fine.txt"_s), QByteArray("fine"));
 }
 
 TEST_F(ArchiveTest, NeitherDirectionWritesThroughALinkInTheWay)
 {
     // A link planted where the archive goes is not written through.
-    write(QStringLiteral("victim.txt"), "keep me");
-    ASSERT_TRUE(QFile::link(root + QStringLiteral("/victim.txt"), root + QStringLiteral("/planted.zip")));
-    EXPECT_FALSE(HXArchive::compress(folder, root + QStringLiteral("/planted.zip"), true));
-    EXPECT_EQ(read(root + QStringLiteral("/victim.txt")), QByteArray("keep me"));
-    EXPECT_TRUE(QFileInfo(root + QStringLiteral("/planted.zip")).isSymLink());
+    write(u"victim.txt"_s, "keep me");
+    ASSERT_TRUE(QFile::link(root + u"/victim.txt"_s, root + u"/planted.zip"_s));
+    EXPECT_FALSE(HXArchive::compress(folder, root + u"/planted.zip"_s, true));
+    EXPECT_EQ(disk::read(root + u"/victim.txt"_s), QByteArray("keep me"));
+    EXPECT_TRUE(QFileInfo(root + u"/planted.zip"_s).isSymLink());
 
     // A folder the destination holds as a link is not entered when unpacking.
-    const QString zip = root + QStringLiteral("/logs.zip");
+    const QString zip = root + u"/logs.zip"_s;
     ASSERT_TRUE(HXArchive::compress(folder, zip, true));
-    const QString target = root + QStringLiteral("/target");
-    QDir().mkpath(root + QStringLiteral("/elsewhere"));
+    const QString target = root + u"/target"_s;
+    QDir().mkpath(root + u"/elsewhere"_s);
     QDir().mkpath(target);
-    ASSERT_TRUE(QFile::link(root + QStringLiteral("/elsewhere"), target + QStringLiteral("/Adobe Logs")));
+    ASSERT_TRUE(QFile::link(root + u"/elsewhere"_s, target + u"/Adobe Logs"_s));
     EXPECT_FALSE(HXArchive::decompress(zip, target));
-    EXPECT_TRUE(QDir(root + QStringLiteral("/elsewhere")).isEmpty());
-}
-
-TEST_F(ArchiveTest, AReadOnlyFolderStillGetsItsContents)
-{
-    ASSERT_EQ(::chmod(QFile::encodeName(folder + QStringLiteral("/Crash")).constData(), 0555), 0);
-    const QString zip = root + QStringLiteral("/logs.zip");
-    ASSERT_TRUE(HXArchive::compress(folder, zip, false));
-    const QString target = root + QStringLiteral("/out");
-    ASSERT_TRUE(HXArchive::decompress(zip, target));
-    EXPECT_EQ(read(target + QStringLiteral("/Crash/report.txt")), QByteArray(100000, 'x'));
-    EXPECT_EQ(QFileInfo(target + QStringLiteral("/Crash")).permissions() & QFileDevice::WriteOwner, 0);
-    ::chmod(QFile::encodeName(target + QStringLiteral("/Crash")).constData(), 0755);
-    ::chmod(QFile::encodeName(folder + QStringLiteral("/Crash")).constData(), 0755);
-}
-
-TEST_F(ArchiveTest, NoEntryGoesThroughALinkTheArchiveItselfHolds)
-{
-    const QString elsewhere = root + QStringLiteral("/elsewhere");
-    ASSERT_TRUE(QDir().mkpath(elsewhere));
-    ASSERT_EQ(::chmod(QFile::encodeName(elsewhere).constData(), 0755), 0);
-    const QByteArray away = QFile::encodeName(elsewhere);
-    const QString zip = root + QStringLiteral("/links.zip");
-    writeZip(zip, {{"dir", AE_IFLNK, 0777, away.constData()},
-                   {"dir/x", AE_IFREG, 0644, "evil"},
-                   {"dir/deeper/y", AE_IFREG, 0644, "evil"},
-                   {"dir/", AE_IFDIR, 0777},
-                   {"fine.txt", AE_IFREG, 0644, "fine"}});
-
-    const QString target = root + QStringLiteral("/target");
-    EXPECT_FALSE(HXArchive::decompress(zip, target));
-    EXPECT_TRUE(QDir(elsewhere).isEmpty());
-    EXPECT_EQ(lookAt(elsewhere).st_mode & 07777, 0755u);
-    EXPECT_EQ(QFileInfo(target + QStringLiteral("/dir")).symLinkTarget(), elsewhere);
-    EXPECT_EQ(read(target + QStringLiteral("/fine.txt")), QByteArray("fine"));
+    EXPECT_TRUE(QDir(root + u"/elsewhere"_s).isEmpty());
 }
 
 TEST_F(ArchiveTest, ModesAndTimesComeAfterTheContentsAndSetIdBitsNever)
 {
-    const QString zip = root + QStringLiteral("/modes.zip");
+    const QString zip = root + u"/modes.zip"_s;
     writeZip(zip, {{"locked/", AE_IFDIR, 0555},
                    {"locked/inner/", AE_IFDIR, 0555},
                    {"locked/inner/log.txt", AE_IFREG, 0644, "log"},
@@ -276,34 +230,34 @@ TEST_F(ArchiveTest, ModesAndTimesComeAfterTheContentsAndSetIdBitsNever)
                    {"tool", AE_IFREG, 06755, "#!/bin/sh\n"}});
 
     // A plain user's unpacking, where a folder locked too early keeps its contents out.
-    ASSERT_EQ(::chmod(QFile::encodeName(root).constData(), 0755), 0);
-    const QString plain = root + QStringLiteral("/plain");
+    ASSERT_TRUE(disk::chmod(root, 0755));
+    const QString plain = root + u"/plain"_s;
     ASSERT_TRUE(QDir().mkpath(plain));
     if (::geteuid() == 0) {
-        ASSERT_EQ(::chown(QFile::encodeName(plain).constData(), kPlainUser, kPlainUser), 0);
+        ASSERT_TRUE(disk::chown(plain, kPlainUser, kPlainUser));
     }
-    const QString target = plain + QStringLiteral("/out");
+    const QString target = plain + u"/out"_s;
     EXPECT_TRUE(asPlainUser([&] { return HXArchive::decompress(zip, target); }));
-    EXPECT_EQ(read(target + QStringLiteral("/locked/inner/log.txt")), QByteArray("log"));
-    EXPECT_EQ(lookAt(target + QStringLiteral("/locked")).st_mode & 07777, 0555u);
-    EXPECT_EQ(lookAt(target + QStringLiteral("/locked")).st_mtime, kArchived);
+    EXPECT_EQ(disk::read(target + u"/locked/inner/log.txt"_s), QByteArray("log"));
+    EXPECT_EQ(modeOf(target + u"/locked"_s), 0555u);
+    EXPECT_EQ(disk::info(target + u"/locked"_s).st_mtime, kArchived);
     for (const char *folder : {"/early", "/late"}) {
         const QString outer = target + QLatin1String(folder);
-        EXPECT_EQ(lookAt(outer).st_mode & 07777, 0600u);
-        ::chmod(QFile::encodeName(outer).constData(), 0755);  // to look inside as a plain user too
-        EXPECT_EQ(lookAt(outer + QStringLiteral("/sub")).st_mode & 07777, 0500u);
+        EXPECT_EQ(modeOf(outer), 0600u);
+        disk::chmod(outer, 0755);  // to look inside as a plain user too
+        EXPECT_EQ(modeOf(outer + u"/sub"_s), 0500u);
     }
-    EXPECT_EQ(lookAt(target + QStringLiteral("/tool")).st_mode & 07777, 0755u);
+    EXPECT_EQ(modeOf(target + u"/tool"_s), 0755u);
     for (const char *folder : {"/locked", "/locked/inner", "/early", "/early/sub", "/late", "/late/sub"})
-        ::chmod(QFile::encodeName(target + QLatin1String(folder)).constData(), 0755);
+        disk::chmod(target + QLatin1String(folder), 0755);
 
     // Root's own unpacking: a set-id bit on a file root made would be root's identity.
-    const QString asRoot = root + QStringLiteral("/root-out");
+    const QString asRoot = root + u"/root-out"_s;
     EXPECT_TRUE(HXArchive::decompress(zip, asRoot));
-    EXPECT_EQ(lookAt(asRoot + QStringLiteral("/tool")).st_mode & 07777, 0755u);
-    EXPECT_EQ(lookAt(asRoot + QStringLiteral("/locked")).st_mtime, kArchived);
+    EXPECT_EQ(modeOf(asRoot + u"/tool"_s), 0755u);
+    EXPECT_EQ(disk::info(asRoot + u"/locked"_s).st_mtime, kArchived);
     for (const char *folder : {"/locked", "/locked/inner", "/early", "/early/sub", "/late", "/late/sub"})
-        ::chmod(QFile::encodeName(asRoot + QLatin1String(folder)).constData(), 0755);
+        disk::chmod(asRoot + QLatin1String(folder), 0755);
 }
 
 }  // namespace
