@@ -18,9 +18,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace {
 
-const QString kPrefix = QStringLiteral("Mendwell-test");
+const QString kPrefix = u"Mendwell-test"_s;
 
 // TMPDIR for one test, put back afterwards.
 class PrivateFolderTest : public ::testing::Test {
@@ -43,17 +45,9 @@ protected:
 
     QString folder(const QString &name, mode_t mode) const
     {
-        const QString path = root + QLatin1Char('/') + name;
-        EXPECT_TRUE(QDir().mkpath(path));
-        EXPECT_EQ(::chmod(QFile::encodeName(path).constData(), mode), 0);
+        const QString path = root + u'/' + name;
+        EXPECT_TRUE(QDir().mkpath(path) && disk::chmod(path, mode));
         return path;
-    }
-
-    static struct stat infoOf(const QString &path)
-    {
-        struct stat info {};
-        EXPECT_EQ(::lstat(QFile::encodeName(path).constData(), &info), 0) << path.toStdString();
-        return info;
     }
 
     QTemporaryDir base;
@@ -64,10 +58,8 @@ protected:
 
 TEST_F(PrivateFolderTest, MadeAloneUnderARandomNameAndRemovedWithItsContentsButNotWhatItsLinksName)
 {
-    QFile outside(root + QStringLiteral("/outside.txt"));
-    ASSERT_TRUE(outside.open(QIODevice::WriteOnly));
-    outside.write("kept");
-    outside.close();
+    const QString outside = root + u"/outside.txt"_s;
+    ASSERT_TRUE(disk::write(outside, "kept"));
     QString first;
     QString second;
     {
@@ -77,21 +69,18 @@ TEST_F(PrivateFolderTest, MadeAloneUnderARandomNameAndRemovedWithItsContentsButN
         first = made->path();
         second = other->path();
         EXPECT_NE(first, second);
-        const QRegularExpression name(QStringLiteral("^") + QRegularExpression::escape(root) +
-                                      QStringLiteral("/Mendwell-test\\.[A-Za-z0-9]{10}$"));
+        const QRegularExpression name(u"^"_s + QRegularExpression::escape(root) +
+                                      u"/Mendwell-test\\.[A-Za-z0-9]{10}$"_s);
         EXPECT_TRUE(name.match(first).hasMatch()) << first.toStdString();
-        const struct stat info = infoOf(first);
+        const struct stat info = disk::info(first);
         EXPECT_TRUE(S_ISDIR(info.st_mode));
         EXPECT_EQ(info.st_mode & 07777, 0700u);
         EXPECT_EQ(info.st_uid, ::geteuid());
-        EXPECT_EQ(made->pathOf(QStringLiteral("Name.app")), first + QStringLiteral("/Name.app"));
+        EXPECT_EQ(made->pathOf(u"Name.app"_s), first + u"/Name.app"_s);
 
-        ASSERT_TRUE(QDir().mkpath(made->pathOf(QStringLiteral("inner/deeper"))));
-        QFile inner(made->pathOf(QStringLiteral("inner/deeper/file")));
-        ASSERT_TRUE(inner.open(QIODevice::WriteOnly));
-        inner.close();
-        ASSERT_TRUE(QFile::link(outside.fileName(), made->pathOf(QStringLiteral("to-file"))));
-        ASSERT_TRUE(QFile::link(root, made->pathOf(QStringLiteral("inner/to-parent"))));
+        ASSERT_TRUE(disk::write(made->pathOf(u"inner/deeper/file"_s)));
+        ASSERT_TRUE(QFile::link(outside, made->pathOf(u"to-file"_s)));
+        ASSERT_TRUE(QFile::link(root, made->pathOf(u"inner/to-parent"_s)));
 
         // A moved-from folder removes nothing; the one it moved into removes once.
         HXPrivateFolder moved = std::move(*made);
@@ -104,10 +93,9 @@ TEST_F(PrivateFolderTest, MadeAloneUnderARandomNameAndRemovedWithItsContentsButN
     }
     EXPECT_FALSE(QFileInfo::exists(first));
     EXPECT_FALSE(QFileInfo::exists(second));
-    ASSERT_TRUE(outside.open(QIODevice::ReadOnly));
-    EXPECT_EQ(outside.readAll(), QByteArray("kept"));
+    EXPECT_EQ(disk::read(outside), QByteArray("kept"));
     EXPECT_EQ(QDir(root).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
-              QStringList{QStringLiteral("outside.txt")});
+              QStringList{u"outside.txt"_s});
 }
 
 TEST_F(PrivateFolderTest, ModeIsExactlyPrivateWhateverTheUmaskAndSharingOpensItToOneGroupForReading)
@@ -116,11 +104,11 @@ TEST_F(PrivateFolderTest, ModeIsExactlyPrivateWhateverTheUmaskAndSharingOpensItT
     std::optional<HXPrivateFolder> made = HXPrivateFolder::make(kPrefix);
     ::umask(previous);
     ASSERT_TRUE(made);
-    EXPECT_EQ(infoOf(made->path()).st_mode & 07777, 0700u);
+    EXPECT_EQ(disk::info(made->path()).st_mode & 07777, 0700u);
     if (::geteuid() != 0)
         return;
     EXPECT_TRUE(made->shareWithGroup(4242));
-    const struct stat shared = infoOf(made->path());
+    const struct stat shared = disk::info(made->path());
     EXPECT_EQ(shared.st_mode & 07777, 0750u);
     EXPECT_EQ(shared.st_gid, 4242u);
     EXPECT_EQ(shared.st_uid, 0u);
@@ -128,32 +116,24 @@ TEST_F(PrivateFolderTest, ModeIsExactlyPrivateWhateverTheUmaskAndSharingOpensItT
 
 TEST_F(PrivateFolderTest, OnlyAWayNobodyElseCanChangeIsSafe)
 {
-    const QString sticky = folder(QStringLiteral("sticky"), 01777);
-    const QString open = folder(QStringLiteral("open"), 0777);
-    const QString inner = folder(QStringLiteral("open/inner"), 0700);
-    const QString group = folder(QStringLiteral("group"), 0770);
-    ASSERT_TRUE(QFile::link(sticky, root + QStringLiteral("/to-sticky")));
-    ASSERT_TRUE(QFile::link(open, root + QStringLiteral("/to-open")));
-    QFile file(root + QStringLiteral("/file"));
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.close();
+    const QString sticky = folder(u"sticky"_s, 01777);
+    const QString open = folder(u"open"_s, 0777);
+    const QString inner = folder(u"open/inner"_s, 0700);
+    const QString group = folder(u"group"_s, 0770);
+    ASSERT_TRUE(QFile::link(sticky, root + u"/to-sticky"_s));
+    ASSERT_TRUE(QFile::link(open, root + u"/to-open"_s));
+    ASSERT_TRUE(disk::write(root + u"/file"_s));
 
-    EXPECT_TRUE(HXPrivateFolder::isSafeParent(QStringLiteral("/")));
-    EXPECT_TRUE(HXPrivateFolder::isSafeParent(root));
-    EXPECT_TRUE(HXPrivateFolder::isSafeParent(sticky));
-    EXPECT_TRUE(HXPrivateFolder::isSafeParent(root + QStringLiteral("/to-sticky")));
-    EXPECT_FALSE(HXPrivateFolder::isSafeParent(open));
-    EXPECT_FALSE(HXPrivateFolder::isSafeParent(inner));
-    EXPECT_FALSE(HXPrivateFolder::isSafeParent(group));
-    EXPECT_FALSE(HXPrivateFolder::isSafeParent(root + QStringLiteral("/to-open")));
-    EXPECT_FALSE(HXPrivateFolder::isSafeParent(root + QStringLiteral("/missing")));
-    EXPECT_FALSE(HXPrivateFolder::isSafeParent(file.fileName()));
-    EXPECT_FALSE(HXPrivateFolder::isSafeParent(QString()));
+    for (const QString &safe : {u"/"_s, root, sticky, root + u"/to-sticky"_s})
+        EXPECT_TRUE(HXPrivateFolder::isSafeParent(safe)) << safe.toStdString();
+    for (const QString &unsafe :
+         {open, inner, group, root + u"/to-open"_s, root + u"/missing"_s, root + u"/file"_s, QString()})
+        EXPECT_FALSE(HXPrivateFolder::isSafeParent(unsafe)) << unsafe.toStdString();
     if (::geteuid() == 0) {
         // Another user's folder, however closed, and everything below it.
-        const QString theirs = folder(QStringLiteral("theirs"), 0700);
-        const QString below = folder(QStringLiteral("theirs/below"), 0700);
-        ASSERT_EQ(::chown(QFile::encodeName(theirs).constData(), 4242, 4242), 0);
+        const QString theirs = folder(u"theirs"_s, 0700);
+        const QString below = folder(u"theirs/below"_s, 0700);
+        ASSERT_TRUE(disk::chown(theirs, 4242, 4242));
         EXPECT_FALSE(HXPrivateFolder::isSafeParent(theirs));
         EXPECT_FALSE(HXPrivateFolder::isSafeParent(below));
     }
@@ -161,19 +141,18 @@ TEST_F(PrivateFolderTest, OnlyAWayNobodyElseCanChangeIsSafe)
 
 TEST_F(PrivateFolderTest, AnUnsafeTemporaryFolderGivesWayToTmpAndAnUnsafeParentToNothing)
 {
-    const QString open = folder(QStringLiteral("open"), 0777);
+    const QString open = folder(u"open"_s, 0777);
     int error = 0;
     EXPECT_FALSE(HXPrivateFolder::makeIn(open, kPrefix, &error));
     EXPECT_EQ(error, EACCES);
     error = 0;
-    EXPECT_FALSE(HXPrivateFolder::makeIn(root + QStringLiteral("/missing"), kPrefix, &error));
+    EXPECT_FALSE(HXPrivateFolder::makeIn(root + u"/missing"_s, kPrefix, &error));
     EXPECT_NE(error, 0);
 
     qputenv("TMPDIR", QFile::encodeName(open));
     std::optional<HXPrivateFolder> made = HXPrivateFolder::make(kPrefix, &error);
     ASSERT_TRUE(made) << error;
-    EXPECT_TRUE(made->path().startsWith(QFileInfo(QStringLiteral("/tmp")).canonicalFilePath() +
-                                        QStringLiteral("/Mendwell-test.")))
+    EXPECT_TRUE(made->path().startsWith(QFileInfo(u"/tmp"_s).canonicalFilePath() + u"/Mendwell-test."_s))
         << made->path().toStdString();
     EXPECT_TRUE(QDir(open).isEmpty());
 }
