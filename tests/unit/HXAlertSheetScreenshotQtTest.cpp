@@ -1,9 +1,10 @@
 // An alert sheet on a real X server: the test starts its own Xvfb, shows a window
 // with a console and an alert sheet on it, checks that the sheet is on screen over
-// the window and takes the window's input, and saves a screenshot (by default
-// /tmp/mendwell-alert-sheet.png, or $MENDWELL_SCREENSHOT_PATH).
+// the window and takes the window's input, and saves a screenshot to
+// $MENDWELL_SCREENSHOT_PATH when that is set.
 
 #include "app/HXAppController.h"
+#include "tests/support/TestDisplay.h"
 #include "ui/HXAlert.h"
 
 #include <QApplication>
@@ -14,72 +15,13 @@
 #include <QPixmap>
 #include <QPushButton>
 #include <QScreen>
-#include <QStandardPaths>
 #include <QTest>
 #include <QTextEdit>
 #include <QVBoxLayout>
 #include <QWindow>
 
-#include <csignal>
-#include <cstdlib>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-extern char **environ;
-
+using namespace Qt::Literals::StringLiterals;
 namespace {
-
-// An Xvfb of our own for the life of the test; its display in DISPLAY. It ends
-// itself when its last client goes, so even a crashed test leaves none behind.
-class VirtualDisplay {
-public:
-    bool start()
-    {
-        const QByteArray program = QStandardPaths::findExecutable(QStringLiteral("Xvfb")).toLocal8Bit();
-        if (program.isEmpty())
-            return false;
-        int fds[2];
-        if (::pipe(fds) != 0)
-            return false;
-        const QByteArray fd = QByteArray::number(fds[1]);
-        const char *argv[] = {program.constData(), "-displayfd", fd.constData(), "-screen",    "0",
-                              "1024x640x24",       "-nolisten",  "tcp",          "-terminate", nullptr};
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        const int spawned = posix_spawn(&m_pid, program.constData(), &actions, nullptr,
-                                        const_cast<char *const *>(argv), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(fds[1]);
-        if (spawned != 0) {
-            ::close(fds[0]);
-            m_pid = -1;
-            return false;
-        }
-        // Xvfb writes its display number once it accepts connections.
-        QByteArray number;
-        char c = 0;
-        while (::read(fds[0], &c, 1) == 1 && c != '\n')
-            number.append(c);
-        ::close(fds[0]);
-        if (number.isEmpty())
-            return false;
-        qputenv("DISPLAY", ":" + number);
-        return true;
-    }
-
-    ~VirtualDisplay()
-    {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGTERM);
-            ::waitpid(m_pid, nullptr, 0);
-        }
-    }
-
-private:
-    pid_t m_pid = -1;
-};
 
 bool g_haveDisplay = false;
 
@@ -107,15 +49,15 @@ void HXAlertSheetScreenshotQtTest::theSheetIsOnScreenOverItsWindow()
         QSKIP("Xvfb is not installed");
 
     QWidget window;
-    window.setWindowTitle(QStringLiteral("Mendwell"));
+    window.setWindowTitle(u"Mendwell"_s);
     auto *layout = new QVBoxLayout(&window);
-    layout->addWidget(new QLabel(QStringLiteral("Repair Adobe Premiere Pro")));
+    layout->addWidget(new QLabel(u"Repair Adobe Premiere Pro"_s));
     auto *console = new QTextEdit;
     console->setReadOnly(true);
     layout->addWidget(console);
     auto *buttons = new QHBoxLayout;
     buttons->addStretch();
-    auto *repair = new QPushButton(QStringLiteral("Repair"));
+    auto *repair = new QPushButton(u"Repair"_s);
     buttons->addWidget(repair);
     layout->addLayout(buttons);
     int repairClicks = 0;
@@ -127,14 +69,14 @@ void HXAlertSheetScreenshotQtTest::theSheetIsOnScreenOverItsWindow()
     HXAppController controller;
     controller.setHasGUI(true);
     controller.setErrorText(console);
-    controller.insertBoldText(QStringLiteral("Trashing Premiere Pro preferences..."));
-    controller.insertText(QStringLiteral("Stopping Adobe background processes..."));
-    controller.insertErrorText(QStringLiteral("Unable to remove the Dynamic Link cache."));
-    controller.insertText(QStringLiteral("Checking permissions..."));
+    controller.insertBoldText(u"Trashing Premiere Pro preferences..."_s);
+    controller.insertText(u"Stopping Adobe background processes..."_s);
+    controller.insertErrorText(u"Unable to remove the Dynamic Link cache."_s);
+    controller.insertText(u"Checking permissions..."_s);
 
     auto alert = HXAlert::create();
     QCOMPARE(HXAlert::alertSheetWithMessageText(
-                 QStringLiteral("Processing complete"), std::nullopt, std::nullopt, std::nullopt,
+                 u"Processing complete"_s, std::nullopt, std::nullopt, std::nullopt,
                  QStringLiteral("Errors were found during processing.\n\nScroll up to see the relevant error "
                                 "messages."),
                  &window, nullptr, nullptr, false, alert),
@@ -150,10 +92,8 @@ void HXAlertSheetScreenshotQtTest::theSheetIsOnScreenOverItsWindow()
     QTest::qWait(300);  // let the server finish drawing before the picture
 
     const QImage screen = QGuiApplication::primaryScreen()->grabWindow(0).toImage();
-    const QString path = qEnvironmentVariableIsSet("MENDWELL_SCREENSHOT_PATH")
-                             ? qEnvironmentVariable("MENDWELL_SCREENSHOT_PATH")
-                             : QStringLiteral("/tmp/mendwell-alert-sheet.png");
-    QVERIFY(screen.save(path, "PNG"));
+    if (qEnvironmentVariableIsSet("MENDWELL_SCREENSHOT_PATH"))
+        QVERIFY(screen.save(qEnvironmentVariable("MENDWELL_SCREENSHOT_PATH"), "PNG"));
 
     // What the screen shows where the sheet lies is the sheet itself, not the window.
     const QImage own = box->grab().toImage().convertToFormat(screen.format());
@@ -167,14 +107,13 @@ void HXAlertSheetScreenshotQtTest::theSheetIsOnScreenOverItsWindow()
                 ++differing;
         }
     }
-    QVERIFY2(differing * 20 < sampled,
-             qPrintable(QStringLiteral("%1 of %2 differ").arg(differing).arg(sampled)));
+    QVERIFY2(differing * 20 < sampled, qPrintable(u"%1 of %2 differ"_s.arg(differing).arg(sampled)));
 
     // The sheet takes the window's input until it is answered.
     const QPoint repairCentre = repair->mapTo(&window, repair->rect().center());
     QTest::mouseClick(window.windowHandle(), Qt::LeftButton, {}, repairCentre);
     QCOMPARE(repairClicks, 0);
-    QAbstractButton *ok = buttonTitled(box, QStringLiteral("OK"));
+    QAbstractButton *ok = buttonTitled(box, u"OK"_s);
     QVERIFY(ok != nullptr);
     QTest::mouseClick(box->windowHandle(), Qt::LeftButton, {}, ok->mapTo(box, ok->rect().center()));
     QVERIFY(alert->alertEnded());
@@ -185,8 +124,10 @@ void HXAlertSheetScreenshotQtTest::theSheetIsOnScreenOverItsWindow()
 
 int main(int argc, char **argv)
 {
-    VirtualDisplay display;
-    g_haveDisplay = display.start();
+    TestDisplay display(u"1024x640x24"_s);
+    g_haveDisplay = display.isRunning();
+    if (g_haveDisplay)
+        qputenv("DISPLAY", display.display().toUtf8());
     qputenv("QT_QPA_PLATFORM", g_haveDisplay ? "xcb" : "offscreen");
     QApplication app(argc, argv);
     HXAlertSheetScreenshotQtTest test;
