@@ -14,6 +14,8 @@
 #include <QTest>
 #include <QTextBrowser>
 
+using namespace Qt::Literals::StringLiterals;
+
 class HXAboutDialogQtTest : public QObject {
     Q_OBJECT
 
@@ -21,22 +23,20 @@ class HXAboutDialogQtTest : public QObject {
     // credits and the suite's version file only when asked for.
     QString makeBundle(bool withExtras)
     {
-        const QString bundle = m_folder.filePath(withExtras ? QStringLiteral("full/Mendwell.app")
-                                                            : QStringLiteral("bare/Mendwell.app"));
-        const QString resources = bundle + QStringLiteral("/Contents/Resources");
+        const QString bundle =
+            m_folder.filePath(withExtras ? u"full/Mendwell.app"_s : u"bare/Mendwell.app"_s);
+        const QString resources = bundle + u"/Contents/Resources"_s;
         QDir().mkpath(resources);
-        PropertyList::writeXmlFile(
-            bundle + QStringLiteral("/Contents/Info.plist"),
-            QVariantMap{{QStringLiteral("CFBundleExecutable"), QStringLiteral("Mendwell")},
-                        {QStringLiteral("CFBundleShortVersionString"), QStringLiteral("1.0.0")},
-                        {QStringLiteral("CFBundleVersion"), QStringLiteral("100")},
-                        {QStringLiteral("CFBundleIconFile"), QStringLiteral("Mendwell.png")}});
-        QStringList shipped{QStringLiteral("HXAbout.ui"), QStringLiteral("Mendwell.png")};
+        PropertyList::writeXmlFile(bundle + u"/Contents/Info.plist"_s,
+                                   QVariantMap{{u"CFBundleExecutable"_s, u"Mendwell"_s},
+                                               {u"CFBundleShortVersionString"_s, u"1.0.0"_s},
+                                               {u"CFBundleVersion"_s, u"100"_s},
+                                               {u"CFBundleIconFile"_s, u"Mendwell.png"_s}});
+        QStringList shipped{u"HXAbout.ui"_s, u"Mendwell.png"_s};
         if (withExtras)
-            shipped << QStringLiteral("Credits.html") << QStringLiteral("HXUpdates.plist");
+            shipped << u"Credits.html"_s << u"HXUpdates.plist"_s;
         for (const QString &name : shipped)
-            QFile::copy(QStringLiteral(MENDWELL_SOURCE_DIR "/resources/") + name,
-                        resources + QLatin1Char('/') + name);
+            QFile::copy(QStringLiteral(MENDWELL_SOURCE_DIR "/resources/") + name, resources + u'/' + name);
         return bundle;
     }
 
@@ -48,17 +48,16 @@ private Q_SLOTS:
         const auto about = HXAboutDialogController::load(HXBundle(makeBundle(true)));
         QVERIFY(about);
         QDialog *window = about->aboutWindow();
-        QCOMPARE(window->windowTitle(), QStringLiteral("About Mendwell"));
-        QCOMPARE(window->findChild<QLabel *>(QStringLiteral("appNameLabel"))->text(),
-                 QStringLiteral("Mendwell"));
-        QCOMPARE(window->findChild<QLabel *>(QStringLiteral("verLabel"))->text(),
-                 QStringLiteral("1.0.0 (100)\n\nKestrelkit Suite 2026 (2026.1)"));
-        QVERIFY(!window->findChild<QLabel *>(QStringLiteral("appIconView"))->pixmap().isNull());
-        QVERIFY(window->findChild<QFrame *>(QStringLiteral("creditsScrollView"))->isVisibleTo(window));
-        QVERIFY(window->findChild<QTextBrowser *>(QStringLiteral("creditsTextView"))
+        QCOMPARE(window->windowTitle(), u"About Mendwell"_s);
+        QCOMPARE(window->findChild<QLabel *>(u"appNameLabel"_s)->text(), u"Mendwell"_s);
+        QCOMPARE(window->findChild<QLabel *>(u"verLabel"_s)->text(),
+                 u"1.0.0 (100)\n\nKestrelkit Suite 2026 (2026.1)"_s);
+        QVERIFY(!window->findChild<QLabel *>(u"appIconView"_s)->pixmap().isNull());
+        QVERIFY(window->findChild<QFrame *>(u"creditsScrollView"_s)->isVisibleTo(window));
+        QVERIFY(window->findChild<QTextBrowser *>(u"creditsTextView"_s)
                     ->toPlainText()
-                    .contains(QStringLiteral("the Lanternfish team")));
-        QVERIFY(window->findChild<QTextBrowser *>(QStringLiteral("creditsTextView"))->isReadOnly());
+                    .contains(u"the Lanternfish team"_s));
+        QVERIFY(window->findChild<QTextBrowser *>(u"creditsTextView"_s)->isReadOnly());
         QVERIFY(window->height() > 250);
     }
 
@@ -69,9 +68,8 @@ private Q_SLOTS:
         QDialog *window = about->aboutWindow();
         const int width = window->width();
         // The empty suite fields leave two blanks and empty parentheses.
-        QCOMPARE(window->findChild<QLabel *>(QStringLiteral("verLabel"))->text(),
-                 QStringLiteral("1.0.0 (100)\n\nKestrelkit  ()"));
-        QVERIFY(!window->findChild<QFrame *>(QStringLiteral("creditsScrollView"))->isVisibleTo(window));
+        QCOMPARE(window->findChild<QLabel *>(u"verLabel"_s)->text(), u"1.0.0 (100)\n\nKestrelkit  ()"_s);
+        QVERIFY(!window->findChild<QFrame *>(u"creditsScrollView"_s)->isVisibleTo(window));
         window->show();
         QVERIFY(QTest::qWaitForWindowExposed(window));
         QCOMPARE(window->height(), 250);
@@ -81,7 +79,7 @@ private Q_SLOTS:
     void aMissingInterfaceFileLoadsNothing()
     {
         const QString bundle = makeBundle(false);
-        QFile::remove(bundle + QStringLiteral("/Contents/Resources/HXAbout.ui"));
+        QFile::remove(bundle + u"/Contents/Resources/HXAbout.ui"_s);
         QVERIFY(!HXAboutDialogController::load(HXBundle(bundle)));
     }
 };
