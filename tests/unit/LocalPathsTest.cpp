@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
+using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
@@ -16,26 +16,14 @@ bool isProtected(const char *path, bool exact)
 TEST(ProtectedDirectoryRule, RootShortAndListedFolders)
 {
     for (bool exact : {false, true}) {
-        SCOPED_TRACE(exact);
-        EXPECT_TRUE(isProtected("/", exact));
-        EXPECT_FALSE(isProtected("", exact));
-        EXPECT_FALSE(isProtected("/a", exact));
-        EXPECT_FALSE(isProtected("ab", exact));
-        EXPECT_TRUE(isProtected("/Volumes", exact));
-        EXPECT_TRUE(isProtected("/Users/Shared", exact));
-        EXPECT_TRUE(isProtected("/Library", exact));
-        EXPECT_TRUE(isProtected("/Library/Caches", exact));
-        EXPECT_TRUE(isProtected("/Library/Preferences", exact));
-        EXPECT_TRUE(isProtected("/Library/Application Support", exact));
-        EXPECT_TRUE(isProtected("/Applications", exact));
-        EXPECT_TRUE(isProtected("/Applications/Utilities", exact));
-        EXPECT_TRUE(isProtected("/System/Library", exact));
-        EXPECT_TRUE(isProtected("/Library/Documentation", exact));
-        EXPECT_FALSE(isProtected("/Volumes/Disk", exact));
-        EXPECT_FALSE(isProtected("/Users/Shared/x", exact));
-        EXPECT_FALSE(isProtected("/Library/Logs", exact));
-        // Case-sensitive equality.
-        EXPECT_FALSE(isProtected("/library", exact));
+        for (const char *path : {"/", "/Volumes", "/Users/Shared", "/Library", "/Library/Caches",
+                                 "/Library/Preferences", "/Library/Application Support", "/Applications",
+                                 "/Applications/Utilities", "/System/Library", "/Library/Documentation"})
+            EXPECT_TRUE(isProtected(path, exact)) << path << " exact=" << exact;
+        // Equality is case-sensitive.
+        for (const char *path :
+             {"", "/a", "ab", "/Volumes/Disk", "/Users/Shared/x", "/Library/Logs", "/library"})
+            EXPECT_FALSE(isProtected(path, exact)) << path << " exact=" << exact;
     }
 }
 
@@ -57,58 +45,48 @@ TEST(ProtectedDirectoryRule, SystemTreesOnlyWithoutExactMatch)
         EXPECT_FALSE(isProtected(path, true));
     }
     EXPECT_FALSE(isProtected("/opt/usr", false));
-    EXPECT_TRUE(
-        HXLocalPaths::isPathSystemDirectory(QStringLiteral("/var/tmp")));  // exactMatch defaults to NO
+    EXPECT_TRUE(HXLocalPaths::isPathSystemDirectory(u"/var/tmp"_s));  // exactMatch defaults to NO
 }
 
 TEST(RootRule, RebasesRootFoldersIntoConsoleHome)
 {
-    const QString anna = QStringLiteral("/Users/anna");
-    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/var/root/Library"),
-                                                  QStringLiteral("/var/root"), anna),
-              QStringLiteral("/Users/anna/Library"));
-    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/root/Library/Application Support"),
-                                                  QStringLiteral("/root"), anna),
-              QStringLiteral("/Users/anna/Library/Application Support"));
+    const QString anna = u"/Users/anna"_s;
+    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(u"/var/root/Library"_s, u"/var/root"_s, anna),
+              u"/Users/anna/Library"_s);
+    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(u"/root/Library/Application Support"_s, u"/root"_s, anna),
+              u"/Users/anna/Library/Application Support"_s);
     // Sixteen of the seventeen characters are dropped: one stays in front.
-    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/private/var/root/Library"),
-                                                  QStringLiteral("/root"), anna),
-              QStringLiteral("/Users/anna/t/Library"));
-    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/root/Desktop"), QStringLiteral("/root"),
-                                                  anna + "/"),
-              QStringLiteral("/Users/anna/Desktop"));
+    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(u"/private/var/root/Library"_s, u"/root"_s, anna),
+              u"/Users/anna/t/Library"_s);
+    EXPECT_EQ(HXLocalPaths::rebaseIntoConsoleHome(u"/root/Desktop"_s, u"/root"_s, anna + "/"),
+              u"/Users/anna/Desktop"_s);
     // Nobody at the console: no folder at all rather than root's own.
-    EXPECT_TRUE(HXLocalPaths::rebaseIntoConsoleHome(QStringLiteral("/root/Library"), QStringLiteral("/root"),
-                                                    QString())
-                    .isEmpty());
+    EXPECT_TRUE(HXLocalPaths::rebaseIntoConsoleHome(u"/root/Library"_s, u"/root"_s, QString()).isEmpty());
 }
 
 TEST(SearchPaths, MacLayoutForBothDomains)
 {
-    const QString home = QStringLiteral("/Users/anna");
-    EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::Library, home),
-              QStringLiteral("/Users/anna/Library"));
-    EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::Caches, home),
-              QStringLiteral("/Users/anna/Library/Caches"));
+    const QString home = u"/Users/anna"_s;
+    EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::Library, home), u"/Users/anna/Library"_s);
+    EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::Caches, home), u"/Users/anna/Library/Caches"_s);
     EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::ApplicationSupport, QString()),
-              QStringLiteral("/Library/Application Support"));
+              u"/Library/Application Support"_s);
     EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::AdminApplications, QString()),
-              QStringLiteral("/Applications/Utilities"));
-    EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::Movies, home), QStringLiteral("/Users/anna/Movies"));
+              u"/Applications/Utilities"_s);
+    EXPECT_EQ(HXLocalPaths::searchPathEntry(HXDirectory::Movies, home), u"/Users/anna/Movies"_s);
     // The machine has no Documents, Desktop or Movies of its own.
     EXPECT_TRUE(HXLocalPaths::searchPathEntry(HXDirectory::Documents, QString()).isEmpty());
     EXPECT_TRUE(HXLocalPaths::searchPathEntry(HXDirectory::Desktop, QString()).isEmpty());
-    EXPECT_EQ(HXLocalPaths::prefsDirectory(false), QStringLiteral("/Library/Preferences"));
-    EXPECT_EQ(HXLocalPaths::logDirectory(false), QStringLiteral("/Library/Logs"));
+    EXPECT_EQ(HXLocalPaths::prefsDirectory(false), u"/Library/Preferences"_s);
+    EXPECT_EQ(HXLocalPaths::logDirectory(false), u"/Library/Logs"_s);
 }
 
 TEST(TimeMachineVolume, NeedsVolumesAndExactComponent)
 {
-    EXPECT_FALSE(HXLocalPaths::isPathOnTimeMachineVolume(QStringLiteral("/Backups.backupdb/x")));
-    EXPECT_FALSE(HXLocalPaths::isPathOnTimeMachineVolume(QStringLiteral("/Volumes/TM/Backups.backupdb2")));
-    EXPECT_TRUE(
-        HXLocalPaths::isPathOnTimeMachineVolume(QStringLiteral("/Volumes/TM/Backups.backupdb/host/Latest")));
-    EXPECT_TRUE(HXLocalPaths::isPathOnTimeMachineVolume(QStringLiteral("/Volumes/TM/Backups.backupdb")));
+    EXPECT_FALSE(HXLocalPaths::isPathOnTimeMachineVolume(u"/Backups.backupdb/x"_s));
+    EXPECT_FALSE(HXLocalPaths::isPathOnTimeMachineVolume(u"/Volumes/TM/Backups.backupdb2"_s));
+    EXPECT_TRUE(HXLocalPaths::isPathOnTimeMachineVolume(u"/Volumes/TM/Backups.backupdb/host/Latest"_s));
+    EXPECT_TRUE(HXLocalPaths::isPathOnTimeMachineVolume(u"/Volumes/TM/Backups.backupdb"_s));
 }
 
 TEST(RandomNames, AlphabetLengthAndTempFile)
@@ -117,9 +95,9 @@ TEST(RandomNames, AlphabetLengthAndTempFile)
     const QString text = HXLocalPaths::randomString(64);
     ASSERT_EQ(text.size(), 64);
     for (QChar c : text)
-        EXPECT_TRUE((c >= QLatin1Char('a') && c <= QLatin1Char('z')) || c.isDigit()) << int(c.unicode());
+        EXPECT_TRUE((c >= u'a' && c <= u'z') || c.isDigit()) << int(c.unicode());
     const QString temp = HXLocalPaths::tempFile();
-    EXPECT_TRUE(temp.startsWith(HXLocalPaths::tempDirectory() + QLatin1Char('/')));
+    EXPECT_TRUE(temp.startsWith(HXLocalPaths::tempDirectory() + u'/'));
     EXPECT_EQ(temp.size(), HXLocalPaths::tempDirectory().size() + 1 + HXLocalPaths::uuid().size() + 8);
     EXPECT_NE(HXLocalPaths::uuid(), HXLocalPaths::uuid());
 }
