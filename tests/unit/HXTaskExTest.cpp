@@ -14,12 +14,13 @@
 #include <thread>
 #include <vector>
 
+using namespace Qt::Literals::StringLiterals;
 using namespace std::chrono_literals;
 
 namespace {
 
 const QString kChild = QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/hxtaskchild");
-const QString kMissing = QStringLiteral("/nonexistent/hxtaskchild");
+const QString kMissing = u"/nonexistent/hxtaskchild"_s;
 
 QByteArray dataOf(const QStringList &arguments, bool logOutput = true)
 {
@@ -77,19 +78,19 @@ TEST(HXTaskExTest, LargeOutputOnBothPipesDoesNotStall)
 TEST(HXTaskExTest, ChildSeesEndOfInputAndGivenEnvironment)
 {
     EXPECT_EQ(dataOf({"stdin"}), "eof");
-    const HXTaskEnvironment environment{{QStringLiteral("HX_PROBE"), QStringLiteral("probe value")}};
+    const HXTaskEnvironment environment{{u"HX_PROBE"_s, u"probe value"_s}};
     EXPECT_EQ(HXTaskEx::dataFromTask(kChild, {"env", "HX_PROBE"}, nullptr, environment), "probe value");
     EXPECT_EQ(HXTaskEx::dataFromTask(kChild, {"env", "HOME"}, nullptr, environment), "(unset)");
 }
 
 TEST(HXTaskExTest, StringsAreAsciiUnlessAskedOtherwise)
 {
-    EXPECT_EQ(HXTaskEx::stringFromTask(kChild, {"out", "plain"}), QStringLiteral("plain"));
+    EXPECT_EQ(HXTaskEx::stringFromTask(kChild, {"out", "plain"}), u"plain"_s);
     // "A" followed by UTF-8 "é": strict ASCII gives no string at all.
     const QString refused = HXTaskEx::stringFromTask(kChild, {"hex", "41c3a9"});
     EXPECT_TRUE(refused.isNull());
     EXPECT_EQ(HXTaskEx::stringFromTask(kChild, {"hex", "41c3a9"}, HXStringEncoding::UTF8, nullptr),
-              QStringLiteral("A\u00e9"));
+              u"A\u00e9"_s);
     // A failed run gives the empty string, not a null one.
     const QString failed = HXTaskEx::stringFromTask(kMissing, {});
     EXPECT_TRUE(failed.isEmpty());
@@ -112,14 +113,14 @@ TEST(HXTaskExTest, ExitStatusAndUnrunnablePaths)
 
     // An application bundle is a folder one may enter, but never a program.
     QTemporaryDir dir;
-    const QString bundle = dir.path() + QStringLiteral("/Tool.app");
+    const QString bundle = dir.path() + u"/Tool.app"_s;
     ASSERT_TRUE(QDir().mkpath(bundle));
     EXPECT_EQ(HXTaskEx::terminationCodeFromTask(bundle, {}), -1);
     EXPECT_FALSE(HXTaskEx::runTask(bundle, {}));
     // A file without the execute permission.
     // (Plain POSIX: a first QObject without an application object makes Qt keep
     // main-thread data that leak checkers report.)
-    const QString plain = dir.path() + QStringLiteral("/plain");
+    const QString plain = dir.path() + u"/plain"_s;
     const int fd = ::creat(QFile::encodeName(plain).constData(), 0644);
     ASSERT_GE(fd, 0);
     ::close(fd);
@@ -142,7 +143,7 @@ TEST(HXTaskExTest, TimedRunsTerminateAnOverrunningChild)
     EXPECT_FALSE(instance->theTask());
 }
 
-TEST(HXTaskExTest, AsyncReaderDeliversEveryPieceThenOneEmptyPiece)
+TEST(HXTaskExTest, AsyncReaderDeliversEveryPieceThenOneEmptyPieceAndTheObject)
 {
     auto reader = HXTaskEx::create();
     Receiver receiver;
@@ -163,19 +164,17 @@ TEST(HXTaskExTest, AsyncReaderDeliversEveryPieceThenOneEmptyPiece)
     for (bool hadObject : receiver.hadObject)
         EXPECT_TRUE(hadObject);
     EXPECT_FALSE(reader->theTask());
-}
 
-TEST(HXTaskExTest, AsyncReaderOfSilentToolAndWithoutObject)
-{
-    auto reader = HXTaskEx::create();
-    Receiver receiver;
-    reader->asyncDataFromTask(kChild, {"exit", "0"}, receiver.handler());
-    receiver.waitForEnd();
+    // A silent tool, without an object: the empty piece alone.
+    auto silentReader = HXTaskEx::create();
+    Receiver silent;
+    silentReader->asyncDataFromTask(kChild, {"exit", "0"}, silent.handler());
+    silent.waitForEnd();
     std::this_thread::sleep_for(200ms);
-    std::lock_guard lock(receiver.mutex);
-    ASSERT_EQ(receiver.pieces.size(), 1u);
-    EXPECT_TRUE(receiver.pieces.front().isEmpty());
-    EXPECT_FALSE(receiver.hadObject.front());
+    std::lock_guard silentLock(silent.mutex);
+    ASSERT_EQ(silent.pieces.size(), 1u);
+    EXPECT_TRUE(silent.pieces.front().isEmpty());
+    EXPECT_FALSE(silent.hadObject.front());
 }
 
 TEST(HXTaskExTest, AsyncReaderStopsWhenTerminatedAndRefusesMissingTool)
