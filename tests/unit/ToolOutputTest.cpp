@@ -4,21 +4,19 @@
 
 #include <gtest/gtest.h>
 
+using namespace Qt::Literals::StringLiterals;
+
 TEST(ToolOutputTest, OnlyAFailingToolsErrorOutputComesBack)
 {
-    const QString shell = QStringLiteral("/bin/sh");
+    const QString shell = u"/bin/sh"_s;
     // Standard output is never read, even from a failing tool.
     EXPECT_EQ(HXAppController::returnTaskOutputWithTool(
-                  shell,
-                  {QStringLiteral("-c"), QStringLiteral("echo out; printf 'bad \\303\\244\\n' >&2; exit 3")}),
+                  shell, {u"-c"_s, u"echo out; printf 'bad \\303\\244\\n' >&2; exit 3"_s}),
               std::optional<QString>(QString::fromUtf8("bad \xc3\xa4\n")));
-    EXPECT_EQ(HXAppController::returnTaskOutputWithTool(
-                  shell, {QStringLiteral("-c"), QStringLiteral("echo fine >&2; exit 0")}),
+    EXPECT_EQ(HXAppController::returnTaskOutputWithTool(shell, {u"-c"_s, u"echo fine >&2; exit 0"_s}),
               std::nullopt);
     // A failure without words is an empty text, not nothing.
-    EXPECT_EQ(
-        HXAppController::returnTaskOutputWithTool(shell, {QStringLiteral("-c"), QStringLiteral("exit 1")}),
-        std::optional<QString>(QString()));
-    EXPECT_EQ(HXAppController::returnTaskOutputWithTool(QStringLiteral("/nonexistent/tool"), {}),
-              std::nullopt);
+    EXPECT_EQ(HXAppController::returnTaskOutputWithTool(shell, {u"-c"_s, u"exit 1"_s}),
+              std::optional<QString>(QString()));
+    EXPECT_EQ(HXAppController::returnTaskOutputWithTool(u"/nonexistent/tool"_s, {}), std::nullopt);
 }
