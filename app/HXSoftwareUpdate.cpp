@@ -13,6 +13,7 @@
 
 #include <QFileInfo>
 
+#include <cstdlib>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -28,6 +29,15 @@ bool checkAtStartup()
                                                        QStringLiteral("com.lanternfish.global"))
                                .value_or(QVariant());
     return !HXUserDefaults::isNumberEqualTo(value, 0);
+}
+
+// The integer value the Mac gives an entry: its leading integer (blanks, a sign,
+// digits up to the first other character, so "15.1" is 15), saturated at the
+// range of long.
+long integerValue(const QVariant &value)
+{
+    const QByteArray text = value.toString().toUtf8();
+    return std::strtol(text.constData(), nullptr, 10);
 }
 
 // The updater chosen, and the private folder of its copy when it is the carried one.
@@ -95,10 +105,7 @@ long HXSoftwareUpdate::updaterVersion(const QString &bundlePath)
 {
     if (!QFileInfo(bundlePath).isDir())
         return 0;
-    return HXBundle(bundlePath)
-        .objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion"))
-        .toString()
-        .toLong();
+    return integerValue(HXBundle(bundlePath).objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")));
 }
 
 QString HXSoftwareUpdate::updaterPath()

@@ -17,7 +17,8 @@ public:
 
     static QString installedUpdaterPath();
     static QString embeddedUpdaterPath();
-    // An updater bundle's "CFBundleVersion" as a number; 0 when there is none.
+    // An updater bundle's "CFBundleVersion" by its leading integer ("15.1" is 15);
+    // 0 when there is none.
     static long updaterVersion(const QString &bundlePath);
 
     // The updater the menu starts; a carried copy stays until the next call.

@@ -78,7 +78,8 @@ protected:
     }
 
     // An updater bundle of VERSION that records into /Users/anna/RECORD.record.
-    void installUpdater(const QString &path, int version, const QString &record, bool annas = false)
+    void installUpdater(const QString &path, const QString &version, const QString &record,
+                        bool annas = false)
     {
         ASSERT_TRUE(box.installStandInApplication(
             path, QStringLiteral("Updater"),
@@ -133,10 +134,11 @@ TEST_F(SoftwareUpdateTest, TheNewerCarriedUpdaterRunsFromAPrivateCopyNeverFromAn
 {
     if (getpwnam(kOtherUser) == nullptr)
         GTEST_SKIP() << "the account " << kOtherUser << " does not exist (scripts/setup-tests.sh makes it)";
-    installUpdater(kInstalled, 12, QStringLiteral("installed"));
-    installUpdater(kEmbedded, 15, QStringLiteral("embedded"));
+    // A version counts by its leading integer: 15.1 is newer than 12.
+    installUpdater(kInstalled, QStringLiteral("12"), QStringLiteral("installed"));
+    installUpdater(kEmbedded, QStringLiteral("15.1"), QStringLiteral("embedded"));
     // The other user came first to the name the copy used to take.
-    installUpdater(kOldName, 3, QStringLiteral("planted"));
+    installUpdater(kOldName, QStringLiteral("3"), QStringLiteral("planted"));
     ASSERT_EQ(box.runAsRoot({QStringLiteral("chown"), QStringLiteral("-R"),
                              QStringLiteral("%1:%1").arg(QLatin1String(kOtherUser)), kOldName})
                   .exitCode,
@@ -159,7 +161,8 @@ TEST_F(SoftwareUpdateTest, TheNewerCarriedUpdaterRunsFromAPrivateCopyNeverFromAn
         // That copy stays for the updater it was made for; the check's goes when it ends.
         EXPECT_EQ(runFolders(), QStringList{match.captured(1)});
     }
-    EXPECT_TRUE(box.readFile(path + QStringLiteral("/Contents/Info.plist")).contains("<string>15</string>"));
+    EXPECT_TRUE(
+        box.readFile(path + QStringLiteral("/Contents/Info.plist")).contains("<string>15.1</string>"));
 
     drive(QStringLiteral("check"));
     const QString launch = QStringLiteral("launch uid=%1 home=/Users/anna").arg(Sandbox::userId());
@@ -226,8 +229,9 @@ TEST_F(SoftwareUpdateTest, AsRootOnlyTheCarriedUpdaterRunsWhileAnotherUserRaces)
 
 TEST_F(SoftwareUpdateTest, AnEqualCarriedUpdaterLeavesTheInstalledOneAndOnlyNoStopsTheStartupCheck)
 {
-    installUpdater(kInstalled, 15, QStringLiteral("installed"));
-    installUpdater(kEmbedded, 15, QStringLiteral("embedded"));
+    // 15.9 is 15 as well.
+    installUpdater(kInstalled, QStringLiteral("15"), QStringLiteral("installed"));
+    installUpdater(kEmbedded, QStringLiteral("15.9"), QStringLiteral("embedded"));
     EXPECT_EQ(drive(QStringLiteral("path")).out, kInstalled.toUtf8() + '\n');
 
     const QString global =
