@@ -60,6 +60,9 @@ protected:
             {QStringLiteral("watchlist"), QVariantList{kOtherApplication, kTrashPrefsOnCtrlReturn}},
             {QStringLiteral("managerVersion"), QVariantMap{{QStringLiteral("build"), 7}}}};
         ASSERT_TRUE(box.writeFile(kBindings, PropertyList::toXml(file), true));
+        // Without a display keys are named on the system's layout: German here.
+        ASSERT_TRUE(box.writeFile(QStringLiteral("/Library/TestDefaults/keyboard"), "XKBLAYOUT=\"de\"\n"));
+        box.overlay(box.hostPath(QStringLiteral("/Library/TestDefaults")), QStringLiteral("/etc/default"));
     }
 
     void installManager()
@@ -71,8 +74,7 @@ protected:
     {
         ProcessResult result =
             box.runAsUser(QStringList{kDriver} + arguments,
-                          {QStringLiteral("QT_QPA_PLATFORM=offscreen"),
-                           QStringLiteral("XKB_DEFAULT_LAYOUT=us"), bus->environmentEntry()});
+                          {QStringLiteral("QT_QPA_PLATFORM=offscreen"), bus->environmentEntry()});
         EXPECT_EQ(result.exitCode, 0) << result.err.constData();
         return result;
     }
@@ -118,13 +120,13 @@ TEST_F(ShortcutKeysTest, WithoutTheManagerThePanelWarnsAndAChangeIsStillWritten)
 TEST_F(ShortcutKeysTest, KeysPressedInThePanelAreBoundReplacedAtTheEndAndCleared)
 {
     installManager();
-    // A bare letter is bound with Shift+Cmd.
-    QStringList shown = panel({QStringLiteral("press"), "0", "38"});
+    // A bare letter is bound with Shift+Cmd (the key that types Y on a US keyboard).
+    QStringList shown = panel({QStringLiteral("press"), "0", "29"});
     EXPECT_EQ(shown.mid(0, 5), (QStringList{"table enabled", "warning hidden", "editing no", "reloads 1",
-                                            "Repair Premiere Pro | Shift+Cmd+A +icon"}));
+                                            "Repair Premiere Pro | Shift+Cmd+Z +icon"}));
     EXPECT_EQ(watchlist(),
               (QVariantList{kOtherApplication, kTrashPrefsOnCtrlReturn,
-                            binding(kMendwell, 38, 768, QStringLiteral("com.lanternfish.Mendwell.repair"))}));
+                            binding(kMendwell, 29, 768, QStringLiteral("com.lanternfish.Mendwell.repair"))}));
 
     // A command bound already: its old binding goes, the new one comes last.
     shown = panel({QStringLiteral("press"), "1", "111", QStringLiteral("csam")});
@@ -132,7 +134,7 @@ TEST_F(ShortcutKeysTest, KeysPressedInThePanelAreBoundReplacedAtTheEndAndCleared
               QStringLiteral("Trash Premiere Pro Preferences | Ctrl+Shift+Alt+Cmd+Up Arrow +icon"));
     EXPECT_EQ(watchlist(),
               (QVariantList{kOtherApplication,
-                            binding(kMendwell, 38, 768, QStringLiteral("com.lanternfish.Mendwell.repair")),
+                            binding(kMendwell, 29, 768, QStringLiteral("com.lanternfish.Mendwell.repair")),
                             binding(kMendwell, 111, 4096 + 512 + 2048 + 256,
                                     QStringLiteral("com.lanternfish.Mendwell.trashprefs"))}));
 
