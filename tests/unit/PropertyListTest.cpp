@@ -1,4 +1,5 @@
 #include "system/PropertyList.h"
+#include "tests/support/PlistBytes.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -11,107 +12,47 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
 
-#include <functional>
 #include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
+
+using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
 QVariantMap sampleTree()
 {
-    QVariantMap nested{{QStringLiteral("flag"), false},
-                       {QStringLiteral("list"), QVariantList{1, QStringLiteral("two")}}};
+    QVariantMap nested{{u"flag"_s, false}, {u"list"_s, QVariantList{1, u"two"_s}}};
     return {
-        {QStringLiteral("string"), QStringLiteral("Grüße & <tags>")},
-        {QStringLiteral("negative"), QVariant::fromValue<qint64>(-42)},
-        {QStringLiteral("smallest"), QVariant::fromValue<qint64>(std::numeric_limits<qint64>::min())},
-        {QStringLiteral("huge"), QVariant::fromValue<quint64>(std::numeric_limits<quint64>::max())},
-        {QStringLiteral("real"), 2.5},
-        {QStringLiteral("yes"), true},
-        {QStringLiteral("date"), QDateTime::fromSecsSinceEpoch(1700000000, Qt::UTC)},
-        {QStringLiteral("before2001"), QDateTime::fromSecsSinceEpoch(631152000, Qt::UTC)},
-        {QStringLiteral("data"), QByteArray("\x00\x01\xff", 3)},
-        {QStringLiteral("nested"), nested},
+        {u"string"_s, u"Grüße & <tags>"_s},
+        {u"negative"_s, QVariant::fromValue<qint64>(-42)},
+        {u"smallest"_s, QVariant::fromValue<qint64>(std::numeric_limits<qint64>::min())},
+        {u"huge"_s, QVariant::fromValue<quint64>(std::numeric_limits<quint64>::max())},
+        {u"real"_s, 2.5},
+        {u"yes"_s, true},
+        {u"date"_s, QDateTime::fromSecsSinceEpoch(1700000000, Qt::UTC)},
+        {u"before2001"_s, QDateTime::fromSecsSinceEpoch(631152000, Qt::UTC)},
+        {u"data"_s, QByteArray("\x00\x01\xff", 3)},
+        {u"nested"_s, nested},
     };
 }
 
 void expectSameTree(const QVariantMap &read)
 {
-    EXPECT_EQ(read.value(QStringLiteral("string")).toString(), QStringLiteral("Grüße & <tags>"));
-    EXPECT_EQ(read.value(QStringLiteral("negative")).typeId(), QMetaType::LongLong);
-    EXPECT_EQ(read.value(QStringLiteral("negative")).toLongLong(), -42);
-    EXPECT_EQ(read.value(QStringLiteral("smallest")).toLongLong(), std::numeric_limits<qint64>::min());
-    EXPECT_EQ(read.value(QStringLiteral("huge")).typeId(), QMetaType::ULongLong);
-    EXPECT_EQ(read.value(QStringLiteral("huge")).toULongLong(), std::numeric_limits<quint64>::max());
-    EXPECT_DOUBLE_EQ(read.value(QStringLiteral("real")).toDouble(), 2.5);
-    EXPECT_EQ(read.value(QStringLiteral("yes")).typeId(), QMetaType::Bool);
-    EXPECT_EQ(read.value(QStringLiteral("date")).toDateTime().toSecsSinceEpoch(), 1700000000);
-    EXPECT_EQ(read.value(QStringLiteral("before2001")).toDateTime().toSecsSinceEpoch(), 631152000);
-    EXPECT_EQ(read.value(QStringLiteral("data")).toByteArray(), QByteArray("\x00\x01\xff", 3));
-    const QVariantMap nested = read.value(QStringLiteral("nested")).toMap();
-    EXPECT_FALSE(nested.value(QStringLiteral("flag")).toBool());
-    EXPECT_EQ(nested.value(QStringLiteral("list")).toList().value(1).toString(), QStringLiteral("two"));
-}
-
-QByteArray binaryOf(const QByteArray &xml)
-{
-    plist_t parsed = nullptr;
-    plist_from_xml(xml.constData(), static_cast<uint32_t>(xml.size()), &parsed);
-    char *binary = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(parsed, &binary, &length);
-    plist_free(parsed);
-    const QByteArray bytes(binary, static_cast<qsizetype>(length));
-    plist_to_bin_free(binary);
-    return bytes;
-}
-
-// LEVELS arrays inside one another, the innermost empty; CLOSED or cut short.
-QByteArray deepXml(int levels, bool closed = true)
-{
-    QByteArray xml = "<plist>" + QByteArray("<array>").repeated(levels - 1) + "<array/>";
-    if (closed)
-        xml += QByteArray("</array>").repeated(levels - 1) + "</plist>";
-    return xml;
-}
-
-QByteArray bigEndian(quint64 value, int width)
-{
-    QByteArray bytes(width, '\0');
-    for (int i = width - 1; i >= 0; --i, value >>= 8)
-        bytes[i] = static_cast<char>(value & 0xff);
-    return bytes;
-}
-
-// A binary list of COUNT objects, object 0 at the top; OBJECT(i) encodes object i
-// with 4-byte references.
-QByteArray binaryList(int count, const std::function<QByteArray(int)> &object)
-{
-    QByteArray list("bplist00");
-    QByteArray offsets;
-    for (int i = 0; i < count; ++i) {
-        offsets += bigEndian(static_cast<quint64>(list.size()), 4);
-        list += object(i);
-    }
-    const auto table = static_cast<quint64>(list.size());
-    return list + offsets + QByteArray(6, '\0') + '\x04' + '\x04' + bigEndian(count, 8) + bigEndian(0, 8) +
-           bigEndian(table, 8);
-}
-
-// An array holding REFS (fewer than 15).
-QByteArray arrayOf(std::initializer_list<int> refs)
-{
-    QByteArray array(1, static_cast<char>(0xa0 | refs.size()));
-    for (int ref : refs)
-        array += bigEndian(static_cast<quint64>(ref), 4);
-    return array;
-}
-
-// LEVELS arrays inside one another, the innermost empty.
-QByteArray deepBinary(int levels)
-{
-    return binaryList(levels, [&](int i) { return i + 1 < levels ? arrayOf({i + 1}) : arrayOf({}); });
+    EXPECT_EQ(read.value(u"string"_s).toString(), u"Grüße & <tags>"_s);
+    EXPECT_EQ(read.value(u"negative"_s).typeId(), QMetaType::LongLong);
+    EXPECT_EQ(read.value(u"negative"_s).toLongLong(), -42);
+    EXPECT_EQ(read.value(u"smallest"_s).toLongLong(), std::numeric_limits<qint64>::min());
+    EXPECT_EQ(read.value(u"huge"_s).typeId(), QMetaType::ULongLong);
+    EXPECT_EQ(read.value(u"huge"_s).toULongLong(), std::numeric_limits<quint64>::max());
+    EXPECT_DOUBLE_EQ(read.value(u"real"_s).toDouble(), 2.5);
+    EXPECT_EQ(read.value(u"yes"_s).typeId(), QMetaType::Bool);
+    EXPECT_EQ(read.value(u"date"_s).toDateTime().toSecsSinceEpoch(), 1700000000);
+    EXPECT_EQ(read.value(u"before2001"_s).toDateTime().toSecsSinceEpoch(), 631152000);
+    EXPECT_EQ(read.value(u"data"_s).toByteArray(), QByteArray("\x00\x01\xff", 3));
+    const QVariantMap nested = read.value(u"nested"_s).toMap();
+    EXPECT_FALSE(nested.value(u"flag"_s).toBool());
+    EXPECT_EQ(nested.value(u"list"_s).toList().value(1).toString(), u"two"_s);
 }
 
 int levelsOf(QVariant value)
@@ -129,20 +70,9 @@ QString damageOf(const QByteArray &data)
     return damage;
 }
 
-const QString kTooDeep = QStringLiteral("nested deeper than 128 levels");
+const QString kTooDeep = u"nested deeper than 128 levels"_s;
 
 }  // namespace
-
-TEST(PropertyList, XmlFileRoundTripKeepsEveryType)
-{
-    QTemporaryDir dir;
-    const QString path = dir.filePath(QStringLiteral("round.plist"));
-    ASSERT_TRUE(PropertyList::writeXmlFile(path, sampleTree()));
-    expectSameTree(PropertyList::readDictionary(path));
-    // Only the file itself is left: the temporary file was renamed over it.
-    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden),
-              QStringList{QStringLiteral("round.plist")});
-}
 
 TEST(PropertyList, ReadsBinaryAndXmlWrittenElsewhere)
 {
@@ -151,24 +81,16 @@ TEST(PropertyList, ReadsBinaryAndXmlWrittenElsewhere)
                            "<key>n</key><integer>-7</integer>"
                            "<key>when</key><date>2001-01-01T00:00:10Z</date></dict></plist>";
     const QVariantMap fromXml = PropertyList::fromData(xml).toMap();
-    EXPECT_EQ(fromXml.value(QStringLiteral("disable-logging")).toString(), QStringLiteral("1"));
-    EXPECT_EQ(fromXml.value(QStringLiteral("n")).toLongLong(), -7);
-    EXPECT_EQ(fromXml.value(QStringLiteral("when")).toDateTime().toSecsSinceEpoch(), 978307210);
+    EXPECT_EQ(fromXml.value(u"disable-logging"_s).toString(), u"1"_s);
+    EXPECT_EQ(fromXml.value(u"n"_s).toLongLong(), -7);
+    EXPECT_EQ(fromXml.value(u"when"_s).toDateTime().toSecsSinceEpoch(), 978307210);
 
     // The same document as the binary form macOS writes for settings files.
-    plist_t parsed = nullptr;
-    plist_from_xml(xml.constData(), static_cast<uint32_t>(xml.size()), &parsed);
-    ASSERT_NE(parsed, nullptr);
-    char *binary = nullptr;
-    uint32_t length = 0;
-    plist_to_bin(parsed, &binary, &length);
-    plist_free(parsed);
-    const QByteArray bytes(binary, static_cast<qsizetype>(length));
-    plist_to_bin_free(binary);
+    const QByteArray bytes = binaryOf(xml);
     ASSERT_TRUE(bytes.startsWith("bplist00"));
     const QVariantMap fromBinary = PropertyList::fromData(bytes).toMap();
-    EXPECT_EQ(fromBinary.value(QStringLiteral("n")).toLongLong(), -7);
-    EXPECT_EQ(fromBinary.value(QStringLiteral("when")).toDateTime().toSecsSinceEpoch(), 978307210);
+    EXPECT_EQ(fromBinary.value(u"n"_s).toLongLong(), -7);
+    EXPECT_EQ(fromBinary.value(u"when"_s).toDateTime().toSecsSinceEpoch(), 978307210);
 }
 
 TEST(PropertyList, BadFilesReadAsEmpty)
@@ -180,7 +102,7 @@ TEST(PropertyList, BadFilesReadAsEmpty)
         file.write(bytes);
         return file.fileName();
     };
-    EXPECT_TRUE(PropertyList::readDictionary(dir.filePath(QStringLiteral("missing.plist"))).isEmpty());
+    EXPECT_TRUE(PropertyList::readDictionary(dir.filePath(u"missing.plist"_s)).isEmpty());
     EXPECT_TRUE(PropertyList::readDictionary(write("empty.plist", QByteArray())).isEmpty());
     EXPECT_TRUE(PropertyList::readDictionary(write("garbage.plist", "not a property list at all")).isEmpty());
     EXPECT_TRUE(PropertyList::readDictionary(write("cut.plist", "<?xml version=\"1.0\"?><plist><dict><key>a"))
@@ -189,21 +111,19 @@ TEST(PropertyList, BadFilesReadAsEmpty)
         PropertyList::readDictionary(write("cutbin.plist", QByteArray("bplist00\xd1\x01", 10))).isEmpty());
     EXPECT_TRUE(PropertyList::readDictionary(write("array.plist", PropertyList::toXml(QVariantList{1, 2})))
                     .isEmpty());
-    EXPECT_FALSE(PropertyList::readFile(dir.filePath(QStringLiteral("array.plist"))).toList().isEmpty());
+    EXPECT_FALSE(PropertyList::readFile(dir.filePath(u"array.plist"_s)).toList().isEmpty());
     EXPECT_TRUE(PropertyList::readDictionary(dir.path()).isEmpty());  // a folder is unreadable
 }
 
 TEST(PropertyList, WriteFailsCleanly)
 {
     QTemporaryDir dir;
-    EXPECT_FALSE(
-        PropertyList::writeXmlFile(dir.filePath(QStringLiteral("no/such/folder/x.plist")), QVariantMap{}));
+    EXPECT_FALSE(PropertyList::writeXmlFile(dir.filePath(u"no/such/folder/x.plist"_s), QVariantMap{}));
     // A value with no property-list form writes nothing and keeps the old file.
-    const QString path = dir.filePath(QStringLiteral("keep.plist"));
-    ASSERT_TRUE(PropertyList::writeXmlFile(path, QVariantMap{{QStringLiteral("a"), 1}}));
-    EXPECT_FALSE(PropertyList::writeXmlFile(
-        path, QVariantMap{{QStringLiteral("bad"), QVariant::fromValue(QSize(1, 2))}}));
-    EXPECT_EQ(PropertyList::readDictionary(path).value(QStringLiteral("a")).toLongLong(), 1);
+    const QString path = dir.filePath(u"keep.plist"_s);
+    ASSERT_TRUE(PropertyList::writeXmlFile(path, QVariantMap{{u"a"_s, 1}}));
+    EXPECT_FALSE(PropertyList::writeXmlFile(path, QVariantMap{{u"bad"_s, QVariant::fromValue(QSize(1, 2))}}));
+    EXPECT_EQ(PropertyList::readDictionary(path).value(u"a"_s).toLongLong(), 1);
 }
 
 // libplist recurses once a level when it reads a binary list and whenever it frees
@@ -264,8 +184,7 @@ TEST(PropertyListBounds, XmlLevelsAreCountedAsLibplistReadsThem)
         EXPECT_EQ(PropertyList::fromData(xml, &damage).typeId(), QMetaType::QVariantMap)
             << xml.left(60).constData() << " " << damage.toStdString();
     }
-    EXPECT_EQ(PropertyList::fromData(harmless[1]).toMap().value(QStringLiteral("a")).toString().size(),
-              levels.size());
+    EXPECT_EQ(PropertyList::fromData(harmless[1]).toMap().value(u"a"_s).toString().size(), levels.size());
 }
 
 TEST(PropertyListBounds, SizeAndValuesAreBounded)
@@ -274,22 +193,20 @@ TEST(PropertyListBounds, SizeAndValuesAreBounded)
     using PropertyList::kMaxValues;
     const QByteArray list = "<plist><dict><key>a</key><integer>1</integer></dict></plist>";
     QByteArray atLimit = list + QByteArray(kMaxSize - list.size(), ' ');
-    EXPECT_EQ(PropertyList::fromData(atLimit).toMap().value(QStringLiteral("a")).toInt(), 1);
-    EXPECT_EQ(damageOf(atLimit + ' '), QStringLiteral("larger than 16777216 bytes"));
+    EXPECT_EQ(PropertyList::fromData(atLimit).toMap().value(u"a"_s).toInt(), 1);
+    EXPECT_EQ(damageOf(atLimit + ' '), u"larger than 16777216 bytes"_s);
 
     const auto manyTrue = [](qsizetype count) {
         return "<plist><array>" + QByteArray("<true/>").repeated(count - 1) + "</array></plist>";
     };
     EXPECT_EQ(PropertyList::fromData(manyTrue(kMaxValues)).toList().size(), kMaxValues - 1);
-    EXPECT_EQ(damageOf(manyTrue(kMaxValues + 1)), QStringLiteral("more than 262144 values"));
+    EXPECT_EQ(damageOf(manyTrue(kMaxValues + 1)), u"more than 262144 values"_s);
 
     // libplist copies a shared object at every reference: 40 levels of two
     // references each to the next would be 2^40 values from 600 bytes.
-    const QByteArray doubling = binaryList(41, [](int i) {
-        return i < 40 ? arrayOf({i + 1, i + 1}) : QByteArray("\x09");
-    });
+    const QByteArray doubling = doublingBinary(40);
     ASSERT_LT(doubling.size(), 600);
-    EXPECT_EQ(damageOf(doubling), QStringLiteral("more than 262144 values"));
+    EXPECT_EQ(damageOf(doubling), u"more than 262144 values"_s);
     // So does one large string: 40 references to 1 MiB are 40 MiB.
     const QByteArray shared = binaryList(2, [](int i) {
         if (i == 1)
@@ -299,21 +216,21 @@ TEST(PropertyListBounds, SizeAndValuesAreBounded)
             array += bigEndian(1, 4);
         return array;
     });
-    EXPECT_EQ(damageOf(shared), QStringLiteral("larger than 16777216 bytes"));
+    EXPECT_EQ(damageOf(shared), u"larger than 16777216 bytes"_s);
     // A few shared ones read, each copy in place.
     const QVariantList twice = PropertyList::fromData(binaryList(2, [](int i) {
                                    return i == 0 ? arrayOf({1, 1}) : QByteArray("\x51z");
                                })).toList();
-    EXPECT_EQ(twice, (QVariantList{QStringLiteral("z"), QStringLiteral("z")}));
+    EXPECT_EQ(twice, (QVariantList{u"z"_s, u"z"_s}));
 }
 
 TEST(PropertyListBounds, BrokenBinaryListsAreDamaged)
 {
-    const QString malformed = QStringLiteral("not a property list");
+    const QString malformed = u"not a property list"_s;
     // A value inside itself: directly, and through two more.
     EXPECT_EQ(damageOf(binaryList(1, [](int) { return arrayOf({0}); })), malformed);
-    EXPECT_EQ(damageOf(binaryList(3, [](int i) { return arrayOf({(i + 1) % 3}); })), malformed);
-    EXPECT_EQ(damageOf(binaryList(200000, [](int i) { return arrayOf({(i + 1) % 200000}); })), kTooDeep);
+    EXPECT_EQ(damageOf(cyclicBinary(3)), malformed);
+    EXPECT_EQ(damageOf(cyclicBinary(200000)), kTooDeep);
     // References and offsets beyond the list.
     EXPECT_EQ(damageOf(binaryList(1, [](int) { return arrayOf({7}); })), malformed);
     QByteArray outside = binaryList(1, [](int) { return QByteArray("\x09"); });
@@ -373,21 +290,23 @@ TEST(PropertyListBounds, LargeBinaryArraysReadInOrder)
         EXPECT_EQ(read[i].toLongLong(), i);
 }
 
-// Only regular files are read, never through a link at their own name, never
-// waiting, and never more than the bound; what is refused reads as missing.
+// Every type survives the round trip. Only regular files are read, never through a link at their own name,
+// never waiting, and never more than the bound; what is refused reads as missing.
 TEST(PropertyListBounds, OnlyRegularFilesAreRead)
 {
     QTemporaryDir dir;
-    const QString good = dir.filePath(QStringLiteral("good.plist"));
+    const QString good = dir.filePath(u"good.plist"_s);
     ASSERT_TRUE(PropertyList::writeXmlFile(good, sampleTree()));
     expectSameTree(PropertyList::readDictionary(good));
     expectSameTree(PropertyList::readDictionaryInUsersTree(good));
+    // Only the file itself is left: the temporary file was renamed over it.
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{u"good.plist"_s});
 
-    const QString fifo = dir.filePath(QStringLiteral("fifo.plist"));
+    const QString fifo = dir.filePath(u"fifo.plist"_s);
     ASSERT_EQ(::mkfifo(QFile::encodeName(fifo).constData(), 0644), 0);
-    const QString link = dir.filePath(QStringLiteral("link.plist"));
+    const QString link = dir.filePath(u"link.plist"_s);
     ASSERT_TRUE(QFile::link(good, link));
-    const QString huge = dir.filePath(QStringLiteral("huge.plist"));
+    const QString huge = dir.filePath(u"huge.plist"_s);
     {
         // Sparse: a valid list and then nothing but zero bytes up to one beyond the bound.
         QFile file(huge);
@@ -395,8 +314,7 @@ TEST(PropertyListBounds, OnlyRegularFilesAreRead)
         file.write(PropertyList::toXml(sampleTree()));
         ASSERT_TRUE(file.resize(PropertyList::kMaxSize + 1));
     }
-    for (const QString &path :
-         {fifo, link, huge, QStringLiteral("/dev/null"), QStringLiteral("/dev/zero"), dir.path()}) {
+    for (const QString &path : {fifo, link, huge, u"/dev/null"_s, u"/dev/zero"_s, dir.path()}) {
         EXPECT_FALSE(PropertyList::readFile(path).isValid()) << path.toStdString();
         EXPECT_TRUE(PropertyList::readDictionaryInUsersTree(path).isEmpty()) << path.toStdString();
     }
