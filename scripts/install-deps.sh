@@ -16,7 +16,7 @@ if [ "${1:-}" = tests ]; then
   packages+=(
     clang-format libgtest-dev libgmock-dev libspdlog-dev
     mount e2fsprogs dbus dbus-x11 xvfb xauth x11-apps x11-xkb-utils imagemagick xdotool
-    dunst libnotify-bin unzip zip libglib2.0-bin
+    dunst libnotify-bin unzip zip libglib2.0-bin time
   )
 fi
 
