@@ -5,7 +5,7 @@
 // handlers it dies without a crash report. Every thread Mendwell starts makes
 // one of these first thing.
 
-#include <cstddef>
+#include <memory>
 
 namespace platform {
 
@@ -20,8 +20,7 @@ public:
     ThreadSignalStack &operator=(const ThreadSignalStack &) = delete;
 
 private:
-    void *m_memory = nullptr;
-    std::size_t m_length = 0;
+    std::unique_ptr<char[]> m_memory;
 };
 
 }  // namespace platform

@@ -1,8 +1,6 @@
 #include "platform/SignalStack.h"
 
 #include <csignal>
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace platform {
 
@@ -15,37 +13,30 @@ constexpr std::size_t kStackSize = 64 * 1024;
 
 ThreadSignalStack::ThreadSignalStack()
 {
-    stack_t current{};
-    if (::sigaltstack(nullptr, &current) != 0 || (current.ss_flags & SS_DISABLE) == 0)
-        return;
-    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-    const std::size_t length = kStackSize + page;
-    void *memory =
-        ::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-    if (memory == MAP_FAILED)
-        return;
-    // A guard page below: a handler that outgrows the stack faults instead of
-    // writing over whatever lies beneath it.
-    ::mprotect(memory, page, PROT_NONE);
+    // From the heap, not mapped for it: a mapping costs several times the
+    // system calls this needs, and a copy starts several threads.
+    std::unique_ptr<char[]> memory = std::make_unique_for_overwrite<char[]>(kStackSize);
     stack_t stack{};
-    stack.ss_sp = static_cast<char *>(memory) + page;
+    stack.ss_sp = memory.get();
     stack.ss_size = kStackSize;
-    if (::sigaltstack(&stack, nullptr) != 0) {
-        ::munmap(memory, length);
+    stack_t previous{};
+    if (::sigaltstack(&stack, &previous) != 0)
+        return;
+    if ((previous.ss_flags & SS_DISABLE) == 0) {
+        ::sigaltstack(&previous, nullptr);  // the thread keeps the one it has
         return;
     }
-    m_memory = memory;
-    m_length = length;
+    m_memory = std::move(memory);
 }
 
 ThreadSignalStack::~ThreadSignalStack()
 {
     if (m_memory == nullptr)
         return;
+    // No handler may run on the memory once it is freed.
     stack_t off{};
     off.ss_flags = SS_DISABLE;
     ::sigaltstack(&off, nullptr);
-    ::munmap(m_memory, m_length);
 }
 
 }  // namespace platform
