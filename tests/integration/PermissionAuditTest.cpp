@@ -29,7 +29,6 @@ const QString kTool = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/
 const QString kRepairStep = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/app-setpermissions");
 
 enum Owner { Root, Anna };
-constexpr int kDeepTree = 3000;  // levels, far beyond PATH_MAX
 
 bool setLocked(const QString &hostPath, bool locked)
 {
@@ -58,23 +57,9 @@ protected:
     {
         for (const QString &locked : lockedItems)
             setLocked(box.hostPath(locked), false);
-        // The deep tree outgrows the paths the sandbox's removal takes: it comes down
-        // from the bottom, each folder removed from its parent's descriptor.
-        int fd = ::open(QFile::encodeName(box.hostPath(kUser)).constData(), O_RDONLY | O_DIRECTORY);
-        int depth = 0;
-        for (int next = 0; depth < kDeepTree && (next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY)) >= 0;
-             ++depth) {
-            ::close(fd);
-            fd = next;
-        }
-        ::unlinkat(fd, "deep.prefs", 0);
-        for (; depth > 0; --depth) {
-            const int parent = ::openat(fd, "..", O_RDONLY | O_DIRECTORY);
-            ::close(fd);
-            fd = parent;
-            ::unlinkat(fd, "d", AT_REMOVEDIR);
-        }
-        ::close(fd);
+        // The deep tree outgrows the paths the sandbox's removal takes; rm walks by
+        // descriptors.
+        runProcess({QStringLiteral("rm"), QStringLiteral("-rf"), box.hostPath(kUser + "/d")});
     }
 
     void folder(const QString &path, Owner owner, mode_t mode = 0755)
@@ -265,7 +250,7 @@ TEST_F(PermissionAuditTest, ATreeDeeperThanAnyPathEndsTheWalkWithoutHarm)
 {
     // Made by descriptors: the path soon outgrows what a system call takes.
     int fd = ::open(QFile::encodeName(box.hostPath(kUser)).constData(), O_RDONLY | O_DIRECTORY);
-    for (int depth = 0; depth < kDeepTree && fd >= 0; ++depth) {
+    for (int depth = 0; depth < 3000 && fd >= 0; ++depth) {
         ::mkdirat(fd, "d", 0755);
         ::fchownat(fd, "d", annaUid, annaGid, AT_SYMLINK_NOFOLLOW);
         const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY);
