@@ -4,7 +4,6 @@
 #include "tests/support/TestFiles.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
@@ -15,6 +14,8 @@
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
+
+using namespace Qt::Literals::StringLiterals;
 
 namespace {
 
@@ -31,28 +32,16 @@ std::optional<Account> userAccount()
     return Account{entry->pw_uid, entry->pw_gid};
 }
 
-bool chownTree(const QString &path, const Account &account)
-{
-    if (::lchown(QFile::encodeName(path).constData(), account.uid, account.gid) != 0)
-        return false;
-    QDirIterator it(path, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext())
-        if (::lchown(QFile::encodeName(it.next()).constData(), account.uid, account.gid) != 0)
-            return false;
-    return true;
-}
-
 }  // namespace
 
 QString Sandbox::unavailableReason()
 {
     if (geteuid() != 0)
-        return QStringLiteral("sandbox tests run as root");
-    if (QStandardPaths::findExecutable(QStringLiteral("bwrap")).isEmpty())
-        return QStringLiteral("bubblewrap (bwrap) is not installed");
+        return u"sandbox tests run as root"_s;
+    if (QStandardPaths::findExecutable(u"bwrap"_s).isEmpty())
+        return u"bubblewrap (bwrap) is not installed"_s;
     if (!userAccount())
-        return QStringLiteral("the test account anna does not exist (scripts/setup-tests.sh makes it)");
+        return u"the test account anna does not exist (scripts/setup-tests.sh makes it)"_s;
     return QString();
 }
 
@@ -66,24 +55,30 @@ gid_t Sandbox::userGroupId()
     return userAccount().value_or(Account{}).gid;
 }
 
-Sandbox::Sandbox() : m_root(QDir::tempPath() + QStringLiteral("/mendwell-sandbox-XXXXXX"))
+Sandbox::Sandbox() : m_root(QDir::tempPath() + u"/mendwell-sandbox-XXXXXX"_s)
 {
     for (const char *folder : {"Users", "Library", "Applications", "root", "runtime-root", "runtime-user"})
-        QDir().mkpath(m_root.path() + QLatin1Char('/') + QLatin1String(folder));
-    ::chmod(QFile::encodeName(m_root.path()).constData(), 0755);
-    ::chmod(QFile::encodeName(m_root.path() + QStringLiteral("/runtime-root")).constData(), 0700);
-    ::chmod(QFile::encodeName(m_root.path() + QStringLiteral("/runtime-user")).constData(), 0700);
-    makeFolder(QStringLiteral("/Users/anna"), true);
-    copyTree(QStringLiteral(MENDWELL_BUNDLE_PATH), hostPath(QStringLiteral("/Applications/Mendwell.app")));
+        QDir().mkpath(m_root.path() + u'/' + QLatin1String(folder));
+    disk::chmod(m_root.path(), 0755);
+    disk::chmod(m_root.path() + u"/runtime-root"_s, 0700);
+    disk::chmod(m_root.path() + u"/runtime-user"_s, 0700);
+    makeFolder(u"/Users/anna"_s, true);
+    copyTree(QStringLiteral(MENDWELL_BUNDLE_PATH), hostPath(u"/Applications/Mendwell.app"_s));
     if (const auto account = userAccount())
-        ::lchown(QFile::encodeName(m_root.path() + QStringLiteral("/runtime-user")).constData(), account->uid,
-                 account->gid);
+        disk::chown(m_root.path() + u"/runtime-user"_s, account->uid, account->gid);
+}
+
+QString Sandbox::installInBundle(const QString &name) const
+{
+    const QString inside = u"/Applications/Mendwell.app/Contents/MacOS/"_s + name;
+    return QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/") + name, hostPath(inside)) ? inside
+                                                                                                : QString();
 }
 
 QString Sandbox::installTestProgram(const QString &name) const
 {
-    const QString inside = QStringLiteral("/Applications/TestPrograms/") + name;
-    QDir().mkpath(hostPath(QStringLiteral("/Applications/TestPrograms")));
+    const QString inside = u"/Applications/TestPrograms/"_s + name;
+    QDir().mkpath(hostPath(u"/Applications/TestPrograms"_s));
     QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/") + name, hostPath(inside));
     return inside;
 }
@@ -95,14 +90,14 @@ bool Sandbox::installStandInApplication(const QString &path, const QString &exec
     const QByteArray info = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
                             "<key>CFBundleExecutable</key><string>" +
                             executable.toUtf8() + "</string>" + infoEntries + "</dict></plist>\n";
-    if (!writeFile(path + QStringLiteral("/Contents/Info.plist"), info, ownedByUser) ||
-        !makeFolder(path + QStringLiteral("/Contents/Resources"), ownedByUser) ||
-        !makeFolder(path + QStringLiteral("/Contents/MacOS"), ownedByUser))
+    if (!writeFile(path + u"/Contents/Info.plist"_s, info, ownedByUser) ||
+        !makeFolder(path + u"/Contents/Resources"_s, ownedByUser) ||
+        !makeFolder(path + u"/Contents/MacOS"_s, ownedByUser))
         return false;
-    if (!behaviour.isEmpty() && !writeFile(path + QStringLiteral("/Contents/Resources/behaviour"),
+    if (!behaviour.isEmpty() && !writeFile(path + u"/Contents/Resources/behaviour"_s,
                                            behaviour + '\n' + record.toUtf8() + '\n', ownedByUser))
         return false;
-    const QString installed = hostPath(path + QStringLiteral("/Contents/MacOS/") + executable);
+    const QString installed = hostPath(path + u"/Contents/MacOS/"_s + executable);
     if (!QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/editorstandin"), installed) ||
         ::chmod(QFile::encodeName(installed).constData(), 0755) != 0)
         return false;
@@ -118,47 +113,29 @@ QString Sandbox::hostPath(const QString &sandboxPath) const
 
 bool Sandbox::makeFolder(const QString &sandboxPath, bool ownedByUser) const
 {
-    QStringList missing;
-    for (QString probe = sandboxPath; probe.size() > 1 && !exists(probe); probe = QFileInfo(probe).path())
-        missing.prepend(hostPath(probe));
-    if (!QDir().mkpath(hostPath(sandboxPath)))
-        return false;
     if (!ownedByUser)
-        return true;
+        return QDir().mkpath(hostPath(sandboxPath));
     const auto account = userAccount();
-    if (!account)
-        return false;
-    for (const QString &made : missing)
-        if (::lchown(QFile::encodeName(made).constData(), account->uid, account->gid) != 0)
-            return false;
-    return true;
+    return account && disk::makePath(hostPath(sandboxPath), account->uid, account->gid);
 }
 
 bool Sandbox::writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser) const
 {
-    if (!makeFolder(QFileInfo(sandboxPath).path(), ownedByUser))
+    if (!makeFolder(QFileInfo(sandboxPath).path(), ownedByUser) ||
+        !disk::write(hostPath(sandboxPath), contents))
         return false;
-    const QString path = hostPath(sandboxPath);
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(contents) != contents.size())
-        return false;
-    file.close();
-    if (!ownedByUser)
-        return true;
     const auto account = userAccount();
-    return account && chownTree(path, *account);
+    return !ownedByUser || (account && disk::chown(hostPath(sandboxPath), account->uid, account->gid));
 }
 
 bool Sandbox::writeProgram(const QString &sandboxPath, const QByteArray &script) const
 {
-    return writeFile(sandboxPath, script) &&
-           ::chmod(QFile::encodeName(hostPath(sandboxPath)).constData(), 0755) == 0;
+    return writeFile(sandboxPath, script) && disk::chmod(hostPath(sandboxPath), 0755);
 }
 
 QByteArray Sandbox::readFile(const QString &sandboxPath) const
 {
-    QFile file(hostPath(sandboxPath));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return disk::read(hostPath(sandboxPath));
 }
 
 QStringList Sandbox::recordLines(const QString &sandboxPath, int count) const
@@ -166,7 +143,7 @@ QStringList Sandbox::recordLines(const QString &sandboxPath, int count) const
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     QStringList lines;
     for (;;) {
-        lines = QString::fromUtf8(readFile(sandboxPath)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        lines = QString::fromUtf8(readFile(sandboxPath)).split(u'\n', Qt::SkipEmptyParts);
         if (lines.size() >= count || std::chrono::steady_clock::now() > deadline)
             return lines;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
@@ -181,59 +158,51 @@ bool Sandbox::exists(const QString &sandboxPath) const
 QStringList Sandbox::bubblewrapArguments() const
 {
     // /Users, /Library and /Applications are this test's own.
-    QStringList args = QStringList{QStringLiteral("bwrap")} +
-                       bubblewrapFreshRoot({QStringLiteral("Users"), QStringLiteral("Library"),
-                                            QStringLiteral("Applications"), QStringLiteral("root")});
-    args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Library")) << QStringLiteral("/Library");
-    args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Applications"))
-         << QStringLiteral("/Applications");
-    args << QStringLiteral("--bind") << hostPath(QStringLiteral("/Users")) << QStringLiteral("/Users");
+    QStringList args = QStringList{u"bwrap"_s} +
+                       bubblewrapFreshRoot({u"Users"_s, u"Library"_s, u"Applications"_s, u"root"_s});
     // Root's own settings stay in the sandbox too; the build and the sources (which
     // may lie in root's home) stay where the tests look for them.
-    args << QStringLiteral("--bind") << hostPath(QStringLiteral("/root")) << QStringLiteral("/root");
+    for (const QString &own : {u"/Library"_s, u"/Applications"_s, u"/Users"_s, u"/root"_s})
+        args << u"--bind"_s << hostPath(own) << own;
     for (const QString &tree : {QStringLiteral(MENDWELL_SOURCE_DIR), QStringLiteral(MENDWELL_BINARY_DIR)})
-        if (tree.startsWith(QLatin1String("/root/")))
-            args << QStringLiteral("--bind") << tree << tree;
+        if (tree.startsWith(u"/root/"_s))
+            args << u"--bind"_s << tree << tree;
     // The console user comes from the environment, not from a desktop seat of the
     // machine the tests happen to run on.
-    if (QFileInfo(QStringLiteral("/run/systemd/seats")).isDir())
-        args << QStringLiteral("--tmpfs") << QStringLiteral("/run/systemd/seats");
+    if (QFileInfo(u"/run/systemd/seats"_s).isDir())
+        args << u"--tmpfs"_s << u"/run/systemd/seats"_s;
     for (qsizetype i = 0; i + 1 < m_overlays.size(); i += 2)
-        args << QStringLiteral("--ro-bind") << m_overlays[i] << m_overlays[i + 1];
-    args << QStringLiteral("--unshare-pid") << QStringLiteral("--die-with-parent")
-         << QStringLiteral("--clearenv");
+        args << u"--ro-bind"_s << m_overlays[i] << m_overlays[i + 1];
+    args << u"--unshare-pid"_s << u"--die-with-parent"_s << u"--clearenv"_s;
     return args;
 }
 
 ProcessResult Sandbox::run(const QStringList &arguments, const QStringList &environment, bool asUser) const
 {
     QStringList args = bubblewrapArguments();
-    QStringList env{QStringLiteral("PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin"),
-                    QStringLiteral("LC_ALL=C.UTF-8")};
+    QStringList env{u"PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin"_s, u"LC_ALL=C.UTF-8"_s};
     if (asUser) {
-        env << QStringLiteral("HOME=/Users/anna") << QStringLiteral("USER=anna")
-            << QStringLiteral("LOGNAME=anna")
-            << QStringLiteral("XDG_RUNTIME_DIR=") + m_root.path() + QStringLiteral("/runtime-user");
+        env << u"HOME=/Users/anna"_s << u"USER=anna"_s << u"LOGNAME=anna"_s
+            << u"XDG_RUNTIME_DIR="_s + m_root.path() + u"/runtime-user"_s;
     } else {
-        env << QStringLiteral("HOME=/root") << QStringLiteral("USER=root") << QStringLiteral("SUDO_USER=anna")
-            << QStringLiteral("XDG_RUNTIME_DIR=") + m_root.path() + QStringLiteral("/runtime-root");
+        env << u"HOME=/root"_s << u"USER=root"_s << u"SUDO_USER=anna"_s
+            << u"XDG_RUNTIME_DIR="_s + m_root.path() + u"/runtime-root"_s;
     }
     // Sanitizer settings of the test run reach the program under test.
     for (const char *name :
          {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS", "QT_QPA_PLATFORM"})
         if (qEnvironmentVariableIsSet(name))
-            env << QString::fromLatin1(name) + QLatin1Char('=') + qEnvironmentVariable(name);
+            env << QString::fromLatin1(name) + u'=' + qEnvironmentVariable(name);
     env << environment;
     for (const QString &assignment : env) {
-        const qsizetype equals = assignment.indexOf(QLatin1Char('='));
-        args << QStringLiteral("--setenv") << assignment.left(equals) << assignment.mid(equals + 1);
+        const qsizetype equals = assignment.indexOf(u'=');
+        args << u"--setenv"_s << assignment.left(equals) << assignment.mid(equals + 1);
     }
-    args << QStringLiteral("--");
+    args << u"--"_s;
     if (asUser)
-        args << QStringLiteral("setpriv") << QStringLiteral("--reuid=anna") << QStringLiteral("--regid=anna")
-             << QStringLiteral("--init-groups") << QStringLiteral("--");
+        args << u"setpriv"_s << u"--reuid=anna"_s << u"--regid=anna"_s << u"--init-groups"_s << u"--"_s;
     QStringList command = arguments;
-    if (!command.isEmpty() && command.first() == QLatin1String("Mendwell"))
+    if (!command.isEmpty() && command.first() == u"Mendwell"_s)
         command.first() = mendwellPath();
     args << command;
     return runProcess(args);

@@ -46,6 +46,9 @@ public:
     // Copies the test program NAME (built into the test-programs folder) into the
     // sandbox and returns its path there.
     QString installTestProgram(const QString &name) const;
+    // The same into the installed bundle's Contents/MacOS, beside Mendwell; empty
+    // when it could not be copied.
+    QString installInBundle(const QString &name) const;
 
     // Installs the stand-in application (tests/programs/editorstandin.cpp) as the
     // bundle PATH, its executable named EXECUTABLE, with INFOENTRIES (plist keys and
