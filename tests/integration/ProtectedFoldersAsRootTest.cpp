@@ -6,39 +6,39 @@
 
 #include <gtest/gtest.h>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace {
 
-const QString kProgram = QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/pathrule");
-
 const QStringList kUserFolders{
-    QStringLiteral("/Users/anna"),
-    QStringLiteral("/Users/anna/Desktop"),
-    QStringLiteral("/Users/anna/Documents"),
-    QStringLiteral("/Users/anna/Library"),
-    QStringLiteral("/Users/anna/Library/Preferences"),
-    QStringLiteral("/Users/anna/Library/Caches"),
-    QStringLiteral("/Users/anna/Library/Application Support"),
-    QStringLiteral("/Users/anna/Applications"),
-    QStringLiteral("/Users/anna/Applications/Utilities"),
+    u"/Users/anna"_s,
+    u"/Users/anna/Desktop"_s,
+    u"/Users/anna/Documents"_s,
+    u"/Users/anna/Library"_s,
+    u"/Users/anna/Library/Preferences"_s,
+    u"/Users/anna/Library/Caches"_s,
+    u"/Users/anna/Library/Application Support"_s,
+    u"/Users/anna/Applications"_s,
+    u"/Users/anna/Applications/Utilities"_s,
 };
 const QStringList kLocalFolders{
-    QStringLiteral("/Library"),        QStringLiteral("/Library/Preferences"),
-    QStringLiteral("/Library/Caches"), QStringLiteral("/Applications"),
-    QStringLiteral("/Users/Shared"),   QStringLiteral("/Volumes"),
-    QStringLiteral("/System/Library"), QStringLiteral("/Library/Documentation"),
+    u"/Library"_s,        u"/Library/Preferences"_s,   u"/Library/Caches"_s,
+    u"/Applications"_s,   u"/Users/Shared"_s,          u"/Volumes"_s,
+    u"/System/Library"_s, u"/Library/Documentation"_s,
 };
 const QStringList kNeverProtected{
-    QStringLiteral("/root/Library"),
-    QStringLiteral("/root/Library/Preferences"),
-    QStringLiteral("/Users/anna/Library/Preferences/com.adobe.Premiere.plist"),
-    QStringLiteral("/Users/anna/Movies"),
+    u"/root/Library"_s,
+    u"/root/Library/Preferences"_s,
+    u"/Users/anna/Library/Preferences/com.adobe.Premiere.plist"_s,
+    u"/Users/anna/Movies"_s,
 };
 
-QString answers(const QStringList &paths, const QString &exact, const QString &any)
+// pathrule's lines for PATHS, each protected under both rules or under neither.
+QString answers(const QStringList &paths, bool protectedPaths)
 {
     QString lines;
     for (const QString &path : paths)
-        lines += path + QStringLiteral(" exact=") + exact + QStringLiteral(" any=") + any + QLatin1Char('\n');
+        lines += path + (protectedPaths ? u" exact=1 any=1\n"_s : u" exact=0 any=0\n"_s);
     return lines;
 }
 
@@ -48,21 +48,17 @@ TEST(ProtectedFoldersAsRootTest, TheConsoleUsersFoldersAreProtectedAndOnlyWhileS
 {
     SKIP_WITHOUT_SANDBOX();
     Sandbox box;
-    const QString program = box.installTestProgram(QStringLiteral("pathrule"));
+    const QString program = box.installTestProgram(u"pathrule"_s);
     const QStringList all = kUserFolders + kLocalFolders + kNeverProtected;
 
     ProcessResult run = box.runAsRoot(QStringList{program} + all);
     EXPECT_EQ(QString::fromUtf8(run.out),
-              answers(kUserFolders, QStringLiteral("1"), QStringLiteral("1")) +
-                  answers(kLocalFolders, QStringLiteral("1"), QStringLiteral("1")) +
-                  answers(kNeverProtected, QStringLiteral("0"), QStringLiteral("0")))
+              answers(kUserFolders, true) + answers(kLocalFolders, true) + answers(kNeverProtected, false))
         << run.err.toStdString();
 
     // Nobody at the console: no user's folders to protect, the machine's still are.
-    run = box.runAsRoot(QStringList{program} + all, {QStringLiteral("SUDO_USER=")});
+    run = box.runAsRoot(QStringList{program} + all, {u"SUDO_USER="_s});
     EXPECT_EQ(QString::fromUtf8(run.out),
-              answers(kUserFolders, QStringLiteral("0"), QStringLiteral("0")) +
-                  answers(kLocalFolders, QStringLiteral("1"), QStringLiteral("1")) +
-                  answers(kNeverProtected, QStringLiteral("0"), QStringLiteral("0")))
+              answers(kUserFolders, false) + answers(kLocalFolders, true) + answers(kNeverProtected, false))
         << run.err.toStdString();
 }
