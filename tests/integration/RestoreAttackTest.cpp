@@ -5,6 +5,7 @@
 
 #include "system/PropertyList.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/TestFiles.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -15,14 +16,16 @@
 #include <cstdio>
 #include <sys/stat.h>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace {
 
-const QString kCtl = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/mendwellctl");
-const QString kHome = QStringLiteral("/Users/anna");
-const QString kTrash = QStringLiteral("/Users/anna/.local/share/Trash");
-const QString kPrefs = QStringLiteral("/Users/anna/Library/Preferences");
-const QString kRecords = QStringLiteral("/Users/anna/Library/Logs/Lanternfish/Repairs");
-const QString kDecoy = QStringLiteral("/Library/Decoy");
+const QString kCtl = u"/Applications/Mendwell.app/Contents/MacOS/mendwellctl"_s;
+const QString kHome = u"/Users/anna"_s;
+const QString kTrash = u"/Users/anna/.local/share/Trash"_s;
+const QString kPrefs = u"/Users/anna/Library/Preferences"_s;
+const QString kRecords = u"/Users/anna/Library/Logs/Lanternfish/Repairs"_s;
+const QString kDecoy = u"/Library/Decoy"_s;
 
 struct Entry {
     QString path;
@@ -43,16 +46,16 @@ protected:
         SKIP_WITHOUT_SANDBOX();
         ASSERT_TRUE(box.makeFolder(kRecords, true));
         ASSERT_TRUE(box.makeFolder(kPrefs, true));
-        ASSERT_TRUE(box.makeFolder(kTrash + QStringLiteral("/files"), true));
-        ASSERT_TRUE(box.makeFolder(kTrash + QStringLiteral("/info"), true));
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Preferences")));
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
-        ASSERT_TRUE(box.writeFile(kDecoy + QStringLiteral("/secret"), "root's secret\n"));
-        ASSERT_TRUE(box.writeFile(kDecoy + QStringLiteral("/info.trashinfo"), "root's record\n"));
-        ASSERT_TRUE(box.makeFolder(kDecoy + QStringLiteral("/Private")));
-        ASSERT_TRUE(box.writeFile(kDecoy + QStringLiteral("/Private/key"), "root's key\n"));
-        ::chmod(QFile::encodeName(box.hostPath(kDecoy + QStringLiteral("/secret"))).constData(), 0600);
-        ::chmod(QFile::encodeName(box.hostPath(kDecoy + QStringLiteral("/Private"))).constData(), 0700);
+        ASSERT_TRUE(box.makeFolder(kTrash + u"/files"_s, true));
+        ASSERT_TRUE(box.makeFolder(kTrash + u"/info"_s, true));
+        ASSERT_TRUE(box.makeFolder(u"/Library/Preferences"_s));
+        ASSERT_TRUE(box.makeFolder(u"/Library/Logs/Lanternfish"_s));
+        ASSERT_TRUE(box.writeFile(kDecoy + u"/secret"_s, "root's secret\n"));
+        ASSERT_TRUE(box.writeFile(kDecoy + u"/info.trashinfo"_s, "root's record\n"));
+        ASSERT_TRUE(box.makeFolder(kDecoy + u"/Private"_s));
+        ASSERT_TRUE(box.writeFile(kDecoy + u"/Private/key"_s, "root's key\n"));
+        ASSERT_TRUE(disk::chmod(box.hostPath(kDecoy + u"/secret"_s), 0600));
+        ASSERT_TRUE(disk::chmod(box.hostPath(kDecoy + u"/Private"_s), 0700));
         decoy = fingerprint();
     }
 
@@ -65,27 +68,23 @@ protected:
                         QDirIterator::Subdirectories);
         while (it.hasNext()) {
             const QString path = it.next();
-            struct stat info {};
-            ::lstat(QFile::encodeName(path).constData(), &info);
-            QFile file(path);
-            const QByteArray contents =
-                QFileInfo(path).isFile() && file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-            lines.append(QStringLiteral("%1 %2 %3 %4 %5")
-                             .arg(path.mid(box.hostPath(kDecoy).size()))
+            const struct stat info = disk::info(path);
+            const QByteArray contents = QFileInfo(path).isFile() ? disk::read(path) : QByteArray();
+            lines.append(u"%1 %2 %3 %4 %5"_s.arg(path.mid(box.hostPath(kDecoy).size()))
                              .arg(info.st_mode, 0, 8)
                              .arg(info.st_uid)
                              .arg(info.st_nlink)
                              .arg(QString::fromLatin1(contents.toHex())));
         }
         lines.sort();
-        return lines.join(QLatin1Char('\n'));
+        return lines.join(u'\n');
     }
 
     // An item of anna's in her Trash, as a repair would have left it.
     Entry trashedItem(const QString &name) const
     {
-        const Entry entry{kPrefs + QLatin1Char('/') + name, kTrash + QStringLiteral("/files/") + name,
-                          kTrash + QStringLiteral("/info/") + name + QStringLiteral(".trashinfo")};
+        const Entry entry{kPrefs + u'/' + name, kTrash + u"/files/"_s + name,
+                          kTrash + u"/info/"_s + name + u".trashinfo"_s};
         EXPECT_TRUE(box.writeFile(entry.trashPath, "anna's " + name.toUtf8(), true));
         EXPECT_TRUE(box.writeFile(entry.infoPath, "[Trash Info]\nPath=" + entry.path.toUtf8() + "\n", true));
         return entry;
@@ -96,19 +95,16 @@ protected:
     {
         QVariantList trashed;
         for (const Entry &entry : entries)
-            trashed.append(QVariantMap{{QStringLiteral("path"), entry.path},
-                                       {QStringLiteral("trashPath"), entry.trashPath},
-                                       {QStringLiteral("infoPath"), entry.infoPath},
-                                       {QStringLiteral("step"), QStringLiteral("Trashing preferences...")}});
-        const QString identifier = QStringLiteral("29990101-000000-000-%1").arg(++m_planted);
-        const QString path = kRecords + QLatin1Char('/') + identifier + QStringLiteral(".plist");
-        ASSERT_TRUE(PropertyList::writeXmlFile(box.hostPath(path),
-                                               QVariantMap{{QStringLiteral("version"), 1},
-                                                           {QStringLiteral("identifier"), identifier},
-                                                           {QStringLiteral("trashed"), trashed}}));
-        ASSERT_EQ(::chown(QFile::encodeName(box.hostPath(path)).constData(), Sandbox::userId(),
-                          Sandbox::userGroupId()),
-                  0);
+            trashed.append(QVariantMap{{u"path"_s, entry.path},
+                                       {u"trashPath"_s, entry.trashPath},
+                                       {u"infoPath"_s, entry.infoPath},
+                                       {u"step"_s, u"Trashing preferences..."_s}});
+        const QString identifier = u"29990101-000000-000-%1"_s.arg(++m_planted);
+        const QString path = kRecords + u'/' + identifier + u".plist"_s;
+        ASSERT_TRUE(PropertyList::writeXmlFile(
+            box.hostPath(path),
+            QVariantMap{{u"version"_s, 1}, {u"identifier"_s, identifier}, {u"trashed"_s, trashed}}));
+        ASSERT_TRUE(disk::chown(box.hostPath(path), Sandbox::userId(), Sandbox::userGroupId()));
     }
 
     void link(const QString &target, const QString &path) const
@@ -116,9 +112,7 @@ protected:
         QFile::remove(box.hostPath(path));
         QDir(box.hostPath(path)).removeRecursively();
         ASSERT_TRUE(QFile::link(target, box.hostPath(path)));
-        ASSERT_EQ(::lchown(QFile::encodeName(box.hostPath(path)).constData(), Sandbox::userId(),
-                           Sandbox::userGroupId()),
-                  0);
+        ASSERT_TRUE(disk::chown(box.hostPath(path), Sandbox::userId(), Sandbox::userGroupId()));
     }
 
     Sandbox box;
@@ -132,41 +126,36 @@ TEST_F(RestoreAttackTest, AForgedRecordMakesRootDoNothingSheCouldNotDoHerself)
 {
     const QList<Forgery> forgeries{
         {"root's file as the trashed item",
-         {{kPrefs + QStringLiteral("/stolen"), kDecoy + QStringLiteral("/secret"),
-           kDecoy + QStringLiteral("/info.trashinfo")}},
+         {{kPrefs + u"/stolen"_s, kDecoy + u"/secret"_s, kDecoy + u"/info.trashinfo"_s}},
          "the record does not name an item of your Trash; nothing was moved"},
         {"root's folder through a climbing trash path",
-         {{kPrefs + QStringLiteral("/stolen"),
-           kTrash + QStringLiteral("/files/../../../../../../Library/Decoy/Private"),
-           kTrash + QStringLiteral("/info/../../../../../../Library/Decoy/Private.trashinfo")}},
+         {{kPrefs + u"/stolen"_s, kTrash + u"/files/../../../../../../Library/Decoy/Private"_s,
+           kTrash + u"/info/../../../../../../Library/Decoy/Private.trashinfo"_s}},
          "the record does not name an item of your Trash; nothing was moved"},
         {"root's file as the record to remove",
-         {{trashedItem(QStringLiteral("a.plist")).path, kTrash + QStringLiteral("/files/a.plist"),
-           kDecoy + QStringLiteral("/info.trashinfo")}},
+         {{trashedItem(u"a.plist"_s).path, kTrash + u"/files/a.plist"_s, kDecoy + u"/info.trashinfo"_s}},
          "the record does not name an item of your Trash; nothing was moved"},
         {"her file put into root's folder",
-         {{kDecoy + QStringLiteral("/planted"), trashedItem(QStringLiteral("b.plist")).trashPath,
-           kTrash + QStringLiteral("/info/b.plist.trashinfo")}},
+         {{kDecoy + u"/planted"_s, trashedItem(u"b.plist"_s).trashPath,
+           kTrash + u"/info/b.plist.trashinfo"_s}},
          "it was not trashed from a folder a repair cleans, so it is not put there"},
         {"her file put into root's folder through a climbing path",
-         {{kPrefs + QStringLiteral("/../../../../Library/Decoy/planted"),
-           trashedItem(QStringLiteral("c.plist")).trashPath,
-           kTrash + QStringLiteral("/info/c.plist.trashinfo")}},
+         {{kPrefs + u"/../../../../Library/Decoy/planted"_s, trashedItem(u"c.plist"_s).trashPath,
+           kTrash + u"/info/c.plist.trashinfo"_s}},
          "it was not trashed from a folder a repair cleans, so it is not put there"},
         {"new folders of hers under the machine's Library",
-         {{QStringLiteral("/Library/Preferences/Made/d.plist"),
-           trashedItem(QStringLiteral("d.plist")).trashPath,
-           kTrash + QStringLiteral("/info/d.plist.trashinfo")}},
+         {{u"/Library/Preferences/Made/d.plist"_s, trashedItem(u"d.plist"_s).trashPath,
+           kTrash + u"/info/d.plist.trashinfo"_s}},
          "only root may put back what it trashed from the machine's folders"},
     };
     int attempts = 0;
     int escapes = 0;
     for (const Forgery &forgery : forgeries) {
         plant(forgery.entries);
-        const ProcessResult result = box.runAsRoot({kCtl, QStringLiteral("restore")});
+        const ProcessResult result = box.runAsRoot({kCtl, u"restore"_s});
         ++attempts;
-        const bool escaped = fingerprint() != decoy || box.exists(kPrefs + QStringLiteral("/stolen")) ||
-                             box.exists(QStringLiteral("/Library/Preferences/Made"));
+        const bool escaped = fingerprint() != decoy || box.exists(kPrefs + u"/stolen"_s) ||
+                             box.exists(u"/Library/Preferences/Made"_s);
         escapes += escaped ? 1 : 0;
         EXPECT_FALSE(escaped) << forgery.name << "\n" << result.out.constData() << result.err.constData();
         EXPECT_FALSE(result.crashed) << forgery.name;
@@ -179,26 +168,25 @@ TEST_F(RestoreAttackTest, AForgedRecordMakesRootDoNothingSheCouldNotDoHerself)
 
     // Her Trash's folders swapped for links to root's decoy: nothing comes out of
     // it, and nothing goes in.
-    link(kDecoy, kTrash + QStringLiteral("/files"));
-    plant({{kPrefs + QStringLiteral("/secret"), kTrash + QStringLiteral("/files/secret"),
-            kTrash + QStringLiteral("/info/secret.trashinfo")}});
-    ProcessResult result = box.runAsRoot({kCtl, QStringLiteral("restore")});
+    link(kDecoy, kTrash + u"/files"_s);
+    plant({{kPrefs + u"/secret"_s, kTrash + u"/files/secret"_s, kTrash + u"/info/secret.trashinfo"_s}});
+    ProcessResult result = box.runAsRoot({kCtl, u"restore"_s});
     ++attempts;
-    escapes += fingerprint() != decoy || box.exists(kPrefs + QStringLiteral("/secret")) ? 1 : 0;
-    EXPECT_FALSE(box.exists(kPrefs + QStringLiteral("/secret"))) << result.out.constData();
-    link(kDecoy, kTrash + QStringLiteral("/info"));
-    QFile::remove(box.hostPath(kTrash + QStringLiteral("/files")));
-    ASSERT_TRUE(box.makeFolder(kTrash + QStringLiteral("/files"), true));
-    ASSERT_TRUE(box.writeFile(kTrash + QStringLiteral("/files/info.plist"), "anna's", true));
-    plant({{kPrefs + QStringLiteral("/info.plist"), kTrash + QStringLiteral("/files/info.plist"),
-            kTrash + QStringLiteral("/info/info.plist.trashinfo")}});
-    result = box.runAsRoot({kCtl, QStringLiteral("restore")});
+    escapes += fingerprint() != decoy || box.exists(kPrefs + u"/secret"_s) ? 1 : 0;
+    EXPECT_FALSE(box.exists(kPrefs + u"/secret"_s)) << result.out.constData();
+    link(kDecoy, kTrash + u"/info"_s);
+    QFile::remove(box.hostPath(kTrash + u"/files"_s));
+    ASSERT_TRUE(box.makeFolder(kTrash + u"/files"_s, true));
+    ASSERT_TRUE(box.writeFile(kTrash + u"/files/info.plist"_s, "anna's", true));
+    plant({{kPrefs + u"/info.plist"_s, kTrash + u"/files/info.plist"_s,
+            kTrash + u"/info/info.plist.trashinfo"_s}});
+    result = box.runAsRoot({kCtl, u"restore"_s});
     ++attempts;
     escapes += fingerprint() != decoy ? 1 : 0;
     EXPECT_EQ(fingerprint(), decoy) << result.out.constData();
 
     // A repair afterwards gives her nothing of root's either.
-    result = box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair"), QStringLiteral("-trash")});
+    result = box.runAsRoot({u"Mendwell"_s, u"-repair"_s, u"-trash"_s});
     EXPECT_FALSE(result.crashed);
     EXPECT_EQ(fingerprint(), decoy);
     std::printf("[ figures ] restore: attempts=%d escapes=%d\n", attempts, escapes);
@@ -209,18 +197,16 @@ TEST_F(RestoreAttackTest, HerOwnItemsComeBackThroughHerLinks)
 {
     // Her Preferences kept elsewhere through her own link: restored there, as hers.
     ASSERT_TRUE(QDir(box.hostPath(kPrefs)).removeRecursively());
-    ASSERT_TRUE(box.makeFolder(kHome + QStringLiteral("/Cloud/Preferences"), true));
-    link(kHome + QStringLiteral("/Cloud/Preferences"), kPrefs);
-    const Entry entry = trashedItem(QStringLiteral("com.Adobe.Premiere Pro.7.0.plist"));
+    ASSERT_TRUE(box.makeFolder(kHome + u"/Cloud/Preferences"_s, true));
+    link(kHome + u"/Cloud/Preferences"_s, kPrefs);
+    const Entry entry = trashedItem(u"com.Adobe.Premiere Pro.7.0.plist"_s);
     plant({entry});
-    const ProcessResult result = box.runAsRoot({kCtl, QStringLiteral("restore")});
+    const ProcessResult result = box.runAsRoot({kCtl, u"restore"_s});
     EXPECT_EQ(result.exitCode, 0) << result.out.constData() << result.err.constData();
-    const QString restored = kHome + QStringLiteral("/Cloud/Preferences/com.Adobe.Premiere Pro.7.0.plist");
+    const QString restored = kHome + u"/Cloud/Preferences/com.Adobe.Premiere Pro.7.0.plist"_s;
     EXPECT_EQ(box.readFile(restored), QByteArray("anna's com.Adobe.Premiere Pro.7.0.plist"));
-    struct stat info {};
-    ASSERT_EQ(::lstat(QFile::encodeName(box.hostPath(restored)).constData(), &info), 0);
-    EXPECT_EQ(info.st_uid, Sandbox::userId());
+    EXPECT_EQ(disk::info(box.hostPath(restored)).st_uid, Sandbox::userId());
     EXPECT_FALSE(box.exists(entry.infoPath));
     // The record says so, and a second restore has nothing left to do.
-    EXPECT_EQ(box.runAsRoot({kCtl, QStringLiteral("restore")}).exitCode, 3);
+    EXPECT_EQ(box.runAsRoot({kCtl, u"restore"_s}).exitCode, 3);
 }
