@@ -23,10 +23,12 @@
 #include <unistd.h>
 #include <vector>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace {
 
-const QString kTool = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/killtool");
-const QString kDriver = QStringLiteral("/Applications/TestPrograms/killdriver.sh");
+const QString kTool = u"/Applications/Mendwell.app/Contents/MacOS/killtool"_s;
+const QString kDriver = u"/Applications/TestPrograms/killdriver.sh"_s;
 
 // killdriver.sh RUNNER [USER MODE PATH]...: RUNNER is root, anna,
 // root-without-kill (root without the right to signal other users' processes)
@@ -93,7 +95,7 @@ while [ "$i" -le "$n" ]; do
 done
 )sh";
 
-const QString kAttackDriver = QStringLiteral("/Applications/TestPrograms/renameattack.sh");
+const QString kAttackDriver = u"/Applications/TestPrograms/renameattack.sh"_s;
 
 // renameattack.sh ATTEMPTS SECONDS GENUINE: each attempt, root runs anna's own
 // AdobeIPCBroker from /Users/anna/Stage and root's genuine one at GENUINE; then
@@ -175,8 +177,7 @@ struct StandIn {
 struct Outcome {
     int status = -1;
     int milliseconds = -1;
-    // One path a line, so a failure reads plainly.
-    std::string survivors;
+    QStringList survivors;
     QByteArray out;
     QByteArray err;
     std::string log;
@@ -206,10 +207,12 @@ protected:
         EXPECT_EQ(::chmod(host.constData(), mode), 0) << host.constData();
     }
 
-    // Installs the stand-in at PATH, owned by OWNER with MODE, in folders of root's.
+    // Installs the stand-in at PATH, owned by OWNER with MODE, in folders of anna's
+    // under her home and of root's elsewhere.
     void install(const QString &path, const char *owner = "root", mode_t mode = 0755) const
     {
-        EXPECT_TRUE(box.makeFolder(QFileInfo(path).path()));
+        const QString folder = QFileInfo(path).path();
+        EXPECT_TRUE(box.makeFolder(folder, folder.startsWith(u"/Users/anna/"_s)));
         EXPECT_TRUE(
             QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/adobestandin"), box.hostPath(path)));
         own(path, owner, mode);
@@ -217,14 +220,10 @@ protected:
 
     Outcome run(const char *runner, const std::vector<StandIn> &standIns, const QStringList &environment = {})
     {
-        QStringList arguments{QStringLiteral("/bin/sh"), kDriver, QLatin1String(runner)};
+        QStringList arguments{u"/bin/sh"_s, kDriver, QLatin1String(runner)};
         for (const StandIn &standIn : standIns) {
-            const QString host = box.hostPath(standIn.path);
-            if (!QFileInfo::exists(host)) {
-                const QString folder = QFileInfo(standIn.path).path();
-                EXPECT_TRUE(box.makeFolder(folder, folder.startsWith(QLatin1String("/Users/anna/"))));
-                EXPECT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/adobestandin"), host));
-            }
+            if (!box.exists(standIn.path))
+                install(standIn.path);
             arguments << QLatin1String(standIn.user) << QLatin1String(standIn.mode) << standIn.path;
         }
         const ProcessResult result = box.runAsRoot(arguments, environment);
@@ -232,28 +231,23 @@ protected:
         outcome.log = result.out.toStdString() + result.err.toStdString();
         const QString report = QString::fromUtf8(result.out);
         const QRegularExpressionMatch match =
-            QRegularExpression(QStringLiteral("^killtool=(\\d+) ms=(\\d+)$"),
-                               QRegularExpression::MultilineOption)
+            QRegularExpression(u"^killtool=(\\d+) ms=(\\d+)$"_s, QRegularExpression::MultilineOption)
                 .match(report);
         if (match.hasMatch()) {
             outcome.status = match.captured(1).toInt();
             outcome.milliseconds = match.captured(2).toInt();
         }
-        for (const QString &line : report.split(QLatin1Char('\n')))
-            if (line.startsWith(QLatin1String("survived: ")))
-                outcome.survivors += line.mid(10).toStdString() + '\n';
-        outcome.out = box.readFile(QStringLiteral("/Library/killtool.out"));
-        outcome.err = box.readFile(QStringLiteral("/Library/killtool.err"));
+        for (const QString &line : report.split(u'\n'))
+            if (line.startsWith(u"survived: "_s))
+                outcome.survivors.append(line.mid(10));
+        outcome.out = box.readFile(u"/Library/killtool.out"_s);
+        outcome.err = box.readFile(u"/Library/killtool.err"_s);
         std::printf("killtool as %s: status %d after %d ms\n", runner, outcome.status, outcome.milliseconds);
         return outcome;
     }
 
     Sandbox box;
 };
-
-}  // namespace
-
-namespace {
 
 // The report lines of killtool's standard output as "name SIGNAL", sorted.
 QStringList endedBySignal(const QByteArray &out)
@@ -271,9 +265,9 @@ QStringList endedBySignal(const QByteArray &out)
 TEST_F(KillToolTest, EndsTheAdobeBackgroundProcessesAndLeavesLookAlikesRunning)
 {
     const QString helper =
-        QStringLiteral("/Library/Application Support/Adobe/Adobe Desktop Common/IPCBox/AdobeIPCBrokerHelper");
-    const QString annasBroker = QStringLiteral("/Users/anna/bin/AdobeIPCBroker");
-    const QString outsideService = QStringLiteral("/Applications/Tools/Adobe Desktop Service");
+        u"/Library/Application Support/Adobe/Adobe Desktop Common/IPCBox/AdobeIPCBrokerHelper"_s;
+    const QString annasBroker = u"/Users/anna/bin/AdobeIPCBroker"_s;
+    const QString outsideService = u"/Applications/Tools/Adobe Desktop Service"_s;
     const Outcome outcome = run("root", {{"root", "term", kBroker},
                                          {"root", "term", kHeadless},
                                          {"anna", "ignore", kDesktopService},
@@ -283,7 +277,7 @@ TEST_F(KillToolTest, EndsTheAdobeBackgroundProcessesAndLeavesLookAlikesRunning)
                                          {"anna", "term", annasBroker},
                                          {"root", "term", outsideService}});
     EXPECT_EQ(outcome.status, 0) << outcome.log << outcome.err.constData();
-    EXPECT_EQ(outcome.survivors, (helper + '\n' + annasBroker + '\n' + outsideService + '\n').toStdString());
+    EXPECT_EQ(outcome.survivors, (QStringList{helper, annasBroker, outsideService}));
     // Each process ended is reported once, with the signal it needed.
     EXPECT_EQ(endedBySignal(outcome.out),
               QStringList({"Adobe Desktop Service KILL", "AdobeIPCBroker TERM", "CCXProcess TERM",
@@ -297,14 +291,14 @@ TEST_F(KillToolTest, WhatItMayNotEndSurvivesAndIsNamedAndArgumentsAreRefused)
     // Run by anna it ends her process; root's it cannot even see.
     const Outcome asAnna = run("anna", {{"anna", "term", kHeadless}, {"root", "term", kBroker}});
     EXPECT_EQ(asAnna.status, 0) << asAnna.log << asAnna.err.constData();
-    EXPECT_EQ(asAnna.survivors, kBroker.toStdString() + '\n');
+    EXPECT_EQ(asAnna.survivors, QStringList{kBroker});
 
     // Anna's process is signalled with her rights, not root's: root without the
     // right to signal other users' processes still ends it.
     const Outcome withoutKill =
         run("root-without-kill", {{"anna", "term", kExperience}, {"root", "term", kHeadless}});
     EXPECT_EQ(withoutKill.status, 0) << withoutKill.log << withoutKill.err.constData();
-    EXPECT_EQ(withoutKill.survivors, "");
+    EXPECT_EQ(withoutKill.survivors, QStringList());
     EXPECT_EQ(endedBySignal(withoutKill.out), QStringList({"CCXProcess TERM", "PProHeadless TERM"}))
         << withoutKill.out.constData();
 
@@ -313,8 +307,8 @@ TEST_F(KillToolTest, WhatItMayNotEndSurvivesAndIsNamedAndArgumentsAreRefused)
     const Outcome withoutSetuid =
         run("root-without-kill-or-setuid", {{"anna", "term", kExperience}, {"root", "term", kHeadless}});
     EXPECT_EQ(withoutSetuid.status, 1) << withoutSetuid.log;
-    EXPECT_EQ(withoutSetuid.survivors, kExperience.toStdString() + '\n');
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("^killtool: still running: CCXProcess \\(pid \\d+\\)\n$"))
+    EXPECT_EQ(withoutSetuid.survivors, QStringList{kExperience});
+    EXPECT_TRUE(QRegularExpression(u"^killtool: still running: CCXProcess \\(pid \\d+\\)\n$"_s)
                     .match(QString::fromUtf8(withoutSetuid.err))
                     .hasMatch())
         << withoutSetuid.err.constData();
@@ -329,39 +323,31 @@ TEST_F(KillToolTest, WhatItMayNotEndSurvivesAndIsNamedAndArgumentsAreRefused)
     }
 }
 
-#define SKIP_WITHOUT_SECOND_USER()                                                                           \
-    do {                                                                                                     \
-        if (::getpwnam("bert") == nullptr)                                                                   \
-            GTEST_SKIP() << "the test account bert does not exist (scripts/setup-tests.sh makes it)";        \
-    } while (false)
-
 // Whoever can rename a file can give it an Adobe name and place: only the
 // console user's own processes and programs only root can have placed are ended.
 TEST_F(KillToolTest, EndsOnlyTheConsoleUsersProcessesAndProgramsOnlyRootCanPlace)
 {
-    SKIP_WITHOUT_SECOND_USER();
+    if (::getpwnam("bert") == nullptr)
+        GTEST_SKIP() << "the test account bert does not exist (scripts/setup-tests.sh makes it)";
     // Hers, and root's file in her folders.
-    const QString hers = QStringLiteral("/Users/anna/Adobe Evil/AdobeIPCBroker");
-    const QString hersToo = QStringLiteral("/Users/anna/Adobe Evil/Core Sync");
-    const QString herOwn = QStringLiteral("/Users/anna/Adobe Evil/dynamiclinkmanager");
-    const QString rootsInHers = QStringLiteral("/Users/anna/Library/Application Support/Adobe/CCXProcess");
-    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Adobe Evil"), true));
-    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Library/Application Support/Adobe"), true));
+    const QString hers = u"/Users/anna/Adobe Evil/AdobeIPCBroker"_s;
+    const QString hersToo = u"/Users/anna/Adobe Evil/Core Sync"_s;
+    const QString herOwn = u"/Users/anna/Adobe Evil/dynamiclinkmanager"_s;
+    const QString rootsInHers = u"/Users/anna/Library/Application Support/Adobe/CCXProcess"_s;
     for (const QString &path : {hers, hersToo, herOwn})
         install(path, "anna");
     install(rootsInHers);
     // Another user's, in his own folders.
-    const QString others = QStringLiteral("/Users/bert/Library/Application Support/Adobe/CCLibrary");
+    const QString others = u"/Users/bert/Library/Application Support/Adobe/CCLibrary"_s;
     install(others, "bert");
-    for (QString folder = QFileInfo(others).path(); folder != QLatin1String("/Users");
-         folder = QFileInfo(folder).path())
+    for (QString folder = QFileInfo(others).path(); folder != u"/Users"_s; folder = QFileInfo(folder).path())
         own(folder, "bert", 0755);
     // Root's, where someone else may add or rename a name on the way.
-    const QString support = QStringLiteral("/Library/Application Support/Adobe/");
-    const QString groupWritable = support + QStringLiteral("Group Writable/PProHeadless");
-    const QString sticky = support + QStringLiteral("Shared/AdobeCRDaemon");
-    const QString writableFile = support + QStringLiteral("Common/TeamProjectsLocalHub");
-    const QString replaced = support + QStringLiteral("Updated/dynamiclinkmediaserver");
+    const QString support = u"/Library/Application Support/Adobe/"_s;
+    const QString groupWritable = support + u"Group Writable/PProHeadless"_s;
+    const QString sticky = support + u"Shared/AdobeCRDaemon"_s;
+    const QString writableFile = support + u"Common/TeamProjectsLocalHub"_s;
+    const QString replaced = support + u"Updated/dynamiclinkmediaserver"_s;
     install(groupWritable);
     own(QFileInfo(groupWritable).path(), "root", 0775);
     install(sticky);
@@ -381,12 +367,8 @@ TEST_F(KillToolTest, EndsOnlyTheConsoleUsersProcessesAndProgramsOnlyRootCanPlace
                                          {"bert", "term", kCoreSync},
                                          {"root", "term", kBroker}});
     EXPECT_EQ(outcome.status, 0) << outcome.log << outcome.err.constData();
-    EXPECT_EQ(
-        outcome.survivors,
-        (QStringList{hers, hersToo, rootsInHers, others, groupWritable, sticky, writableFile, replaced}.join(
-             '\n') +
-         '\n')
-            .toStdString());
+    EXPECT_EQ(outcome.survivors, (QStringList{hers, hersToo, rootsInHers, others, groupWritable, sticky,
+                                              writableFile, replaced}));
     EXPECT_EQ(endedBySignal(outcome.out),
               QStringList({"AdobeIPCBroker TERM", "Core Sync TERM", "dynamiclinkmanager TERM"}))
         << outcome.out.constData();
@@ -398,21 +380,20 @@ TEST_F(KillToolTest, EndsOnlyTheConsoleUsersProcessesAndProgramsOnlyRootCanPlace
 // nobody without either (the sandbox has no seat), when only root's programs end.
 TEST_F(KillToolTest, TheConsoleUserComesFromHowItWasStarted)
 {
-    const QString hers = QStringLiteral("/Users/anna/Adobe Evil/CCLibrary");
-    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Adobe Evil"), true));
+    const QString hers = u"/Users/anna/Adobe Evil/CCLibrary"_s;
     install(hers, "anna");
     const std::vector<StandIn> standIns{{"anna", "term", hers}, {"root", "term", kBroker}};
 
     const QString annasUid = QString::number(Sandbox::userId());
     const Outcome runner = run("root", standIns, {"SUDO_USER=", "PKEXEC_UID=" + annasUid});
     EXPECT_EQ(runner.status, 0) << runner.log << runner.err.constData();
-    EXPECT_EQ(runner.survivors, "");
+    EXPECT_EQ(runner.survivors, QStringList());
     EXPECT_EQ(endedBySignal(runner.out), QStringList({"AdobeIPCBroker TERM", "CCLibrary TERM"}))
         << runner.out.constData();
 
     const Outcome nobody = run("root", standIns, {"SUDO_USER="});
     EXPECT_EQ(nobody.status, 0) << nobody.log << nobody.err.constData();
-    EXPECT_EQ(nobody.survivors, hers.toStdString() + '\n');
+    EXPECT_EQ(nobody.survivors, QStringList{hers});
     EXPECT_EQ(endedBySignal(nobody.out), QStringList{"AdobeIPCBroker TERM"}) << nobody.out.constData();
 }
 
@@ -421,15 +402,14 @@ TEST_F(KillToolTest, TheConsoleUserComesFromHowItWasStarted)
 TEST_F(KillToolTest, RenamingHerProgramIntoAnAdobeFolderWhileRootRunsItNeverGetsItEnded)
 {
     ASSERT_TRUE(box.writeFile(kAttackDriver, kAttackScript));
-    ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Stage"), true));
-    install(QStringLiteral("/Users/anna/Stage/AdobeIPCBroker"), "anna");
+    install(u"/Users/anna/Stage/AdobeIPCBroker"_s, "anna");
     install(kBroker);
 
     constexpr int kAttempts = 50;
-    const ProcessResult result = box.runAsRoot({QStringLiteral("/bin/sh"), kAttackDriver,
-                                                QString::number(kAttempts), QStringLiteral("180"), kBroker});
+    const ProcessResult result =
+        box.runAsRoot({u"/bin/sh"_s, kAttackDriver, QString::number(kAttempts), u"180"_s, kBroker});
     const QRegularExpressionMatch counts =
-        QRegularExpression(QStringLiteral("^attempts=(\\d+) escapes=(\\d+) misses=(\\d+)$"),
+        QRegularExpression(u"^attempts=(\\d+) escapes=(\\d+) misses=(\\d+)$"_s,
                            QRegularExpression::MultilineOption)
             .match(QString::fromUtf8(result.out));
     ASSERT_TRUE(counts.hasMatch()) << result.out.constData() << result.err.constData();
@@ -442,10 +422,9 @@ TEST_F(KillToolTest, RenamingHerProgramIntoAnAdobeFolderWhileRootRunsItNeverGets
     EXPECT_EQ(escapes, 0);
     EXPECT_EQ(misses, 0);
     // Everything it reported ending was root's genuine program.
-    const QVariantList ended =
-        HXToolReport::endedProcessesIn(box.readFile(QStringLiteral("/Library/killtool.out")));
+    const QVariantList ended = HXToolReport::endedProcessesIn(box.readFile(u"/Library/killtool.out"_s));
     EXPECT_EQ(ended.size(), attempts);
     for (const QVariant &process : ended)
         EXPECT_EQ(process.toMap().value("path").toString(), kBroker);
-    EXPECT_EQ(box.readFile(QStringLiteral("/Library/killtool.err")), QByteArray());
+    EXPECT_EQ(box.readFile(u"/Library/killtool.err"_s), QByteArray());
 }
