@@ -14,6 +14,8 @@
 
 #include <thread>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace {
 
 TestSessionBus *bus = nullptr;
@@ -55,39 +57,33 @@ protected:
 
 TEST_F(HXDistributedNotificationTest, UserInformationSurvivesTheBusAndObserversGetTheirNamesOnly)
 {
-    observe(QStringLiteral("hxMendwellScanFinished"));
+    observe(u"hxMendwellScanFinished"_s);
     int others = 0;
-    ids.push_back(center.addObserver(QStringLiteral("HXShortcutKeysReload"),
-                                     [&](const HXNotification &) { ++others; }));
+    ids.push_back(center.addObserver(u"HXShortcutKeysReload"_s, [&](const HXNotification &) { ++others; }));
 
-    const QDateTime when = QDateTime::fromString(QStringLiteral("2026-11-22T19:52:18Z"), Qt::ISODate);
+    const QDateTime when = QDateTime::fromString(u"2026-11-22T19:52:18Z"_s, Qt::ISODate);
     const QVariantMap userInfo{
-        {QStringLiteral("output"), QStringLiteral("Done.\n\nNo errors were found.")},
-        {QStringLiteral("count"), 3},
-        {QStringLiteral("ok"), true},
-        {QStringLiteral("when"), when},
-        {QStringLiteral("nested"),
-         QVariantMap{{QStringLiteral("list"), QVariantList{1, QStringLiteral("two")}}}},
+        {u"output"_s, u"Done.\n\nNo errors were found."_s},
+        {u"count"_s, 3},
+        {u"ok"_s, true},
+        {u"when"_s, when},
+        {u"nested"_s, QVariantMap{{u"list"_s, QVariantList{1, u"two"_s}}}},
     };
     // Posted from a worker, as the repair thread does.
-    std::thread([&] {
-        EXPECT_TRUE(center.postNotification(QStringLiteral("hxMendwellScanFinished"), userInfo));
-    }).join();
-    EXPECT_TRUE(center.postNotification(QStringLiteral("hxMendwellScanFinished")));
+    std::thread([&] { EXPECT_TRUE(center.postNotification(u"hxMendwellScanFinished"_s, userInfo)); }).join();
+    EXPECT_TRUE(center.postNotification(u"hxMendwellScanFinished"_s));
     waitFor(2);
 
     ASSERT_EQ(received.size(), 2u);
     const QVariantMap got = received[0].userInfo;
-    EXPECT_EQ(got.value(QStringLiteral("output")).toString(),
-              QStringLiteral("Done.\n\nNo errors were found."));
-    EXPECT_EQ(got.value(QStringLiteral("count")).toInt(), 3);
-    EXPECT_EQ(got.value(QStringLiteral("ok")).typeId(), QMetaType::Bool);
-    EXPECT_EQ(got.value(QStringLiteral("when")).toString(), QStringLiteral("2026-11-22T19:52:18Z"));
-    const QVariantList list =
-        got.value(QStringLiteral("nested")).toMap().value(QStringLiteral("list")).toList();
+    EXPECT_EQ(got.value(u"output"_s).toString(), u"Done.\n\nNo errors were found."_s);
+    EXPECT_EQ(got.value(u"count"_s).toInt(), 3);
+    EXPECT_EQ(got.value(u"ok"_s).typeId(), QMetaType::Bool);
+    EXPECT_EQ(got.value(u"when"_s).toString(), u"2026-11-22T19:52:18Z"_s);
+    const QVariantList list = got.value(u"nested"_s).toMap().value(u"list"_s).toList();
     ASSERT_EQ(list.size(), 2);
     EXPECT_EQ(list[0].toInt(), 1);
-    EXPECT_EQ(list[1].toString(), QStringLiteral("two"));
+    EXPECT_EQ(list[1].toString(), u"two"_s);
     EXPECT_TRUE(received[1].userInfo.isEmpty());
     EXPECT_EQ(others, 0);
 }
@@ -101,8 +97,8 @@ TEST_F(HXDistributedNotificationTest, ASenderThatExitsRightAfterPostingStillDeli
         for (const bool application : {true, false}) {
             QStringList arguments{QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/distributedposter")};
             if (!application)
-                arguments << QStringLiteral("--no-application");
-            arguments << QStringLiteral("hxMendwellScanFinished") << QStringLiteral("output=run %1").arg(run);
+                arguments << u"--no-application"_s;
+            arguments << u"hxMendwellScanFinished"_s << u"output=run %1"_s.arg(run);
             // The bus of this test reaches the sender through the environment.
             const ProcessResult result = runProcess(arguments);
             EXPECT_EQ(result.exitCode, 0) << result.err.constData();
@@ -112,8 +108,7 @@ TEST_F(HXDistributedNotificationTest, ASenderThatExitsRightAfterPostingStillDeli
     ASSERT_EQ(received.size(), std::size_t{2 * kRuns});
     for (int run = 0; run < kRuns; ++run)
         for (int copy = 0; copy < 2; ++copy)
-            EXPECT_EQ(received[2 * run + copy].userInfo.value(QStringLiteral("output")).toString(),
-                      QStringLiteral("run %1").arg(run));
+            EXPECT_EQ(received[2 * run + copy].userInfo.value(u"output"_s).toString(), u"run %1"_s.arg(run));
 }
 
 }  // namespace
