@@ -8,6 +8,7 @@
 // unbounded read exceeds; the repair still ends with its verdict.
 
 #include "system/PropertyList.h"
+#include "tests/support/PlistBytes.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestFiles.h"
 
@@ -17,25 +18,25 @@
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
-#include <plist/plist.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <sys/stat.h>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace {
 
-const QString kRecords = QStringLiteral("/Users/anna/Library/Logs/Lanternfish/Repairs");
-const QString kPreferences = QStringLiteral("/Users/anna/Library/Preferences");
-const QString kApplication = QStringLiteral("/Users/anna/Applications/Hostile.app");
-const QString kHostile = QStringLiteral("/Users/anna/.hostile");
-const QString kDriver = QStringLiteral("/Applications/TestPrograms/hostile.sh");
-const QString kCtl = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/mendwellctl");
-const QString kMachineLogs = QStringLiteral("/Library/Logs/Lanternfish");
-const QString kGoodRun = QStringLiteral("20240101-000000-000-1");
-const QString kHostileRun = QStringLiteral("20990101-000000-000-1");
+const QString kRecords = u"/Users/anna/Library/Logs/Lanternfish/Repairs"_s;
+const QString kPreferences = u"/Users/anna/Library/Preferences"_s;
+const QString kApplication = u"/Users/anna/Applications/Hostile.app"_s;
+const QString kHostile = u"/Users/anna/.hostile"_s;
+const QString kDriver = u"/Applications/TestPrograms/hostile.sh"_s;
+const QString kCtl = u"/Applications/Mendwell.app/Contents/MacOS/mendwellctl"_s;
+const QString kMachineLogs = u"/Library/Logs/Lanternfish"_s;
+const QString kGoodRun = u"20240101-000000-000-1"_s;
+const QString kHostileRun = u"20990101-000000-000-1"_s;
 const QByteArray kSecret = "only-for-root";
 
 // An address-space cap far above what the programs need (a few hundred MiB of
@@ -43,7 +44,7 @@ const QByteArray kSecret = "only-for-root";
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 const QString kCap;  // sanitizers reserve terabytes of address space
 #else
-const QString kCap = QStringLiteral("1073741824");
+const QString kCap = u"1073741824"_s;
 #endif
 
 // hostile.sh CLASS TARGET [app] COMMAND...: anna puts the CLASS list at TARGET,
@@ -80,36 +81,6 @@ rm -f "$times"
 echo "status $status" >&2
 )sh";
 
-QByteArray bigEndian(quint64 value, int width)
-{
-    QByteArray bytes(width, '\0');
-    for (int i = width - 1; i >= 0; --i, value >>= 8)
-        bytes[i] = static_cast<char>(value & 0xff);
-    return bytes;
-}
-
-// A binary list of COUNT objects, object 0 at the top, 4-byte references.
-QByteArray binaryList(int count, const std::function<QByteArray(int)> &object)
-{
-    QByteArray list("bplist00");
-    QByteArray offsets;
-    for (int i = 0; i < count; ++i) {
-        offsets += bigEndian(static_cast<quint64>(list.size()), 4);
-        list += object(i);
-    }
-    const auto table = static_cast<quint64>(list.size());
-    return list + offsets + QByteArray(6, '\0') + '\x04' + '\x04' + bigEndian(count, 8) + bigEndian(0, 8) +
-           bigEndian(table, 8);
-}
-
-QByteArray arrayOf(std::initializer_list<int> refs)
-{
-    QByteArray array(1, static_cast<char>(0xa0 | refs.size()));
-    for (int ref : refs)
-        array += bigEndian(static_cast<quint64>(ref), 4);
-    return array;
-}
-
 struct Outcome {
     int attempts = 0;
     int crashes = 0;
@@ -122,86 +93,64 @@ protected:
     {
         SKIP_WITHOUT_SANDBOX();
         ASSERT_TRUE(box.writeProgram(kDriver, kDriverScript));
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/TestRuns")));
-        ::chmod(QFile::encodeName(box.hostPath(QStringLiteral("/Library/TestRuns"))).constData(), 01777);
+        ASSERT_TRUE(box.makeFolder(u"/Library/TestRuns"_s));
+        ASSERT_TRUE(disk::chmod(box.hostPath(u"/Library/TestRuns"_s), 01777));
         ASSERT_TRUE(box.makeFolder(kMachineLogs));
         ASSERT_TRUE(box.makeFolder(kRecords, true));
         ASSERT_TRUE(box.makeFolder(kPreferences, true));
 
         constexpr int kDeep = 200000;
-        const QByteArray deepXml = "<plist>" + QByteArray("<array>").repeated(kDeep) +
-                                   QByteArray("</array>").repeated(kDeep) + "</plist>";
-        const QByteArray deepBinary =
-            binaryList(kDeep, [](int i) { return i + 1 < kDeep ? arrayOf({i + 1}) : arrayOf({}); });
-        const QByteArray real = PropertyList::toXml(record(kHostileRun, QStringLiteral("real")));
-        plist_t parsed = nullptr;
-        plist_from_xml(real.constData(), static_cast<uint32_t>(real.size()), &parsed);
-        char *binary = nullptr;
-        uint32_t length = 0;
-        plist_to_bin(parsed, &binary, &length);
-        plist_free(parsed);
-        const QByteArray realBinary(binary, static_cast<qsizetype>(length));
-        plist_to_bin_free(binary);
+        const QByteArray realBinary = binaryOf(PropertyList::toXml(record(kHostileRun, u"real"_s)));
         const std::map<QString, QByteArray> staged = {
-            {QStringLiteral("deep-xml"), deepXml},
-            {QStringLiteral("deep-binary"), deepBinary},
-            {QStringLiteral("huge"), "<?xml version=\"1.0\"?>\n<plist version=\"1.0\">\n<array>\n"},
-            {QStringLiteral("cyclic"), binaryList(3, [](int i) { return arrayOf({(i + 1) % 3}); })},
-            // Two references to the next object at each of 40 levels: 2^40 values.
-            {QStringLiteral("doubling"),
-             binaryList(41,
-                        [](int i) {
-                            return i < 40 ? arrayOf({i + 1, i + 1}) : QByteArray("\x09");
-                        })},
-            {QStringLiteral("truncated"), realBinary.left(realBinary.size() * 2 / 3)},
+            {u"deep-xml"_s, deepXml(kDeep)},
+            {u"deep-binary"_s, deepBinary(kDeep)},
+            {u"huge"_s, "<?xml version=\"1.0\"?>\n<plist version=\"1.0\">\n<array>\n"},
+            {u"cyclic"_s, cyclicBinary(3)},
+            {u"doubling"_s, doublingBinary(40)},
+            {u"truncated"_s, realBinary.left(realBinary.size() * 2 / 3)},
         };
         for (const auto &[name, contents] : staged)
-            ASSERT_TRUE(box.writeFile(kHostile + QLatin1Char('/') + name, contents, true));
+            ASSERT_TRUE(box.writeFile(kHostile + u'/' + name, contents, true));
 
         // What the link leads to: a run record and a LaunchServices list with
         // Premiere Pro in 32-bit mode, readable by root alone.
-        QVariantMap secret = record(QStringLiteral("secret"), QString::fromLatin1(kSecret));
-        secret.insert(QStringLiteral("CFBundleIdentifier"), QStringLiteral("com.adobe.AdobePremierePro"));
-        secret.insert(QStringLiteral("disable-logging"), true);
-        secret.insert(QStringLiteral("LSArchitecturesForX86_64"),
-                      QVariantMap{{QStringLiteral("com.adobe.AdobePremierePro"),
-                                   QVariantList{QStringLiteral("x86_64"), QStringLiteral("i386")}}});
-        ASSERT_TRUE(box.writeFile(QStringLiteral("/root/secret.plist"), PropertyList::toXml(secret)));
-        ::chmod(QFile::encodeName(box.hostPath(QStringLiteral("/root/secret.plist"))).constData(), 0600);
+        QVariantMap secret = record(u"secret"_s, QString::fromLatin1(kSecret));
+        secret.insert(u"CFBundleIdentifier"_s, u"com.adobe.AdobePremierePro"_s);
+        secret.insert(u"disable-logging"_s, true);
+        secret.insert(u"LSArchitecturesForX86_64"_s,
+                      QVariantMap{{u"com.adobe.AdobePremierePro"_s, QVariantList{u"x86_64"_s, u"i386"_s}}});
+        ASSERT_TRUE(box.writeFile(u"/root/secret.plist"_s, PropertyList::toXml(secret)));
+        ASSERT_TRUE(disk::chmod(box.hostPath(u"/root/secret.plist"_s), 0600));
 
-        ASSERT_TRUE(box.writeFile(
-            kRecords + QLatin1Char('/') + kGoodRun + QStringLiteral(".plist"),
-            PropertyList::toXml(record(kGoodRun, QStringLiteral("No errors were found."))), true));
+        ASSERT_TRUE(box.writeFile(kRecords + u'/' + kGoodRun + u".plist"_s,
+                                  PropertyList::toXml(record(kGoodRun, u"No errors were found."_s)), true));
         // An application of anna's, running while the repair looks at what runs.
-        ASSERT_TRUE(box.makeFolder(kApplication + QStringLiteral("/Contents/MacOS"), true));
-        QFile sleep(QStringLiteral("/usr/bin/sleep"));
+        ASSERT_TRUE(box.makeFolder(kApplication + u"/Contents/MacOS"_s, true));
+        QFile sleep(u"/usr/bin/sleep"_s);
         ASSERT_TRUE(sleep.open(QIODevice::ReadOnly));
-        ASSERT_TRUE(
-            box.writeFile(kApplication + QStringLiteral("/Contents/MacOS/Hostile"), sleep.readAll(), true));
-        ::chmod(QFile::encodeName(box.hostPath(kApplication + QStringLiteral("/Contents/MacOS/Hostile")))
-                    .constData(),
-                0755);
+        ASSERT_TRUE(box.writeFile(kApplication + u"/Contents/MacOS/Hostile"_s, sleep.readAll(), true));
+        ASSERT_TRUE(disk::chmod(box.hostPath(kApplication + u"/Contents/MacOS/Hostile"_s), 0755));
     }
 
     static QVariantMap record(const QString &identifier, const QString &verdict)
     {
-        return {{QStringLiteral("version"), 1},
-                {QStringLiteral("identifier"), identifier},
-                {QStringLiteral("start"), QDateTime::fromSecsSinceEpoch(1700000000, Qt::UTC)},
-                {QStringLiteral("end"), QDateTime::fromSecsSinceEpoch(1700000060, Qt::UTC)},
-                {QStringLiteral("mode"), QStringLiteral("command line")},
-                {QStringLiteral("verdict"), verdict},
-                {QStringLiteral("trashed"), QVariantList()}};
+        return {{u"version"_s, 1},
+                {u"identifier"_s, identifier},
+                {u"start"_s, QDateTime::fromSecsSinceEpoch(1700000000, Qt::UTC)},
+                {u"end"_s, QDateTime::fromSecsSinceEpoch(1700000060, Qt::UTC)},
+                {u"mode"_s, u"command line"_s},
+                {u"verdict"_s, verdict},
+                {u"trashed"_s, QVariantList()}};
     }
 
     // Plants CLASS at TARGET as anna and runs COMMAND through the driver.
     ProcessResult run(const QString &hostileClass, const QString &target, const QStringList &command,
                       bool asRoot, bool withApplication = false)
     {
-        QStringList arguments{QStringLiteral("sh"), kDriver, hostileClass, target};
+        QStringList arguments{u"sh"_s, kDriver, hostileClass, target};
         if (withApplication)
-            arguments.append(QStringLiteral("app"));
-        const QStringList environment{QStringLiteral("CAP=") + kCap};
+            arguments.append(u"app"_s);
+        const QStringList environment{u"CAP="_s + kCap};
         const ProcessResult result = asRoot ? box.runAsRoot(arguments + command, environment)
                                             : box.runAsUser(arguments + command, environment);
         // One hostile list at a time, so that what happens is this one's doing.
@@ -209,13 +158,11 @@ protected:
         Outcome &outcome = outcomes[hostileClass];
         ++outcome.attempts;
         const QString err = QString::fromUtf8(result.err);
-        const int status = err.section(QStringLiteral("status "), -1).trimmed().toInt();
-        const bool crashed = result.crashed || result.exitCode != 0 || status >= 128 ||
-                             !err.contains(QStringLiteral("status "));
+        const bool crashed =
+            result.crashed || result.exitCode != 0 || statusOf(result) >= 128 || !err.contains(u"status "_s);
         outcome.crashes += crashed ? 1 : 0;
         outcome.peakKiB =
-            std::max(outcome.peakKiB,
-                     err.section(QStringLiteral("peak "), -1).section(QLatin1Char(' '), 0, 0).toLongLong());
+            std::max(outcome.peakKiB, err.section(u"peak "_s, -1).section(u' ', 0, 0).toLongLong());
         EXPECT_FALSE(crashed) << hostileClass.toStdString() << " at " << target.toStdString() << ": "
                               << command.join(' ').toStdString() << "\n"
                               << result.out.constData() << result.err.constData();
@@ -226,7 +173,7 @@ protected:
 
     static int statusOf(const ProcessResult &result)
     {
-        return QString::fromUtf8(result.err).section(QStringLiteral("status "), -1).trimmed().toInt();
+        return QString::fromUtf8(result.err).section(u"status "_s, -1).trimmed().toInt();
     }
 
     Sandbox box;
@@ -234,43 +181,40 @@ protected:
 };
 
 const QStringList kClasses = {
-    QStringLiteral("deep-xml"), QStringLiteral("deep-binary"), QStringLiteral("huge"),
-    QStringLiteral("cyclic"),   QStringLiteral("doubling"),    QStringLiteral("truncated"),
-    QStringLiteral("fifo"),     QStringLiteral("link"),
+    u"deep-xml"_s, u"deep-binary"_s, u"huge"_s, u"cyclic"_s,
+    u"doubling"_s, u"truncated"_s,   u"fifo"_s, u"link"_s,
 };
 
 TEST_F(HostileListsTest, NoReaderOfRootsCrashesWaitsOrRunsOutOfMemory)
 {
-    const QString hostileRecord = kRecords + QLatin1Char('/') + kHostileRun + QStringLiteral(".plist");
-    const QString launchServices = kPreferences + QStringLiteral("/com.apple.LaunchServices.plist");
-    const QString stamps = kPreferences + QStringLiteral("/com.lanternfish.Mendwell.plist");
-    const QString global = kPreferences + QStringLiteral("/com.lanternfish.global.plist");
-    const QString info = kApplication + QStringLiteral("/Contents/Info.plist");
-    const QString log = kMachineLogs + QStringLiteral("/Mendwell.task.1.log");
+    const QString hostileRecord = kRecords + u'/' + kHostileRun + u".plist"_s;
+    const QString launchServices = kPreferences + u"/com.apple.LaunchServices.plist"_s;
+    const QString stamps = kPreferences + u"/com.lanternfish.Mendwell.plist"_s;
+    const QString global = kPreferences + u"/com.lanternfish.global.plist"_s;
+    const QString info = kApplication + u"/Contents/Info.plist"_s;
+    const QString log = kMachineLogs + u"/Mendwell.task.1.log"_s;
 
     for (const QString &hostileClass : kClasses) {
         SCOPED_TRACE(hostileClass.toStdString());
         // The run records, as root for the console user and as anna herself.
         for (bool asRoot : {true, false}) {
-            const ProcessResult history =
-                run(hostileClass, hostileRecord, {kCtl, QStringLiteral("history")}, asRoot);
+            const ProcessResult history = run(hostileClass, hostileRecord, {kCtl, u"history"_s}, asRoot);
             EXPECT_EQ(statusOf(history), 0);
             // mendwellctl keeps no log of its own; the log's notice of the damaged
             // record ("Unable to log the following information") goes to standard
             // error, so the output stays whole.
             const QStringList listed = QString::fromUtf8(history.out)
-                                           .split(QLatin1Char('\n'), Qt::SkipEmptyParts)
-                                           .filter(QRegularExpression(QStringLiteral("^\\d{8}-")));
+                                           .split(u'\n', Qt::SkipEmptyParts)
+                                           .filter(QRegularExpression(u"^\\d{8}-"_s));
             EXPECT_TRUE(!listed.filter(kGoodRun).isEmpty() && listed.filter(kHostileRun).isEmpty())
                 << history.out.constData();
             const ProcessResult json =
-                run(hostileClass, hostileRecord, {kCtl, QStringLiteral("history"), QStringLiteral("--json")},
-                    asRoot);
+                run(hostileClass, hostileRecord, {kCtl, u"history"_s, u"--json"_s}, asRoot);
             EXPECT_EQ(statusOf(json), 0);
             EXPECT_TRUE(QJsonDocument::fromJson(json.out).isArray()) << json.out.constData();
             for (const QStringList &command :
-                 {QStringList{QStringLiteral("report")}, QStringList{QStringLiteral("report"), kHostileRun},
-                  QStringList{QStringLiteral("restore"), kHostileRun}}) {
+                 {QStringList{u"report"_s}, QStringList{u"report"_s, kHostileRun},
+                  QStringList{u"restore"_s, kHostileRun}}) {
                 const ProcessResult result =
                     run(hostileClass, hostileRecord, QStringList{kCtl} + command, asRoot);
                 // The damaged record counts as missing: nothing recorded, or no such run.
@@ -281,8 +225,7 @@ TEST_F(HostileListsTest, NoReaderOfRootsCrashesWaitsOrRunsOutOfMemory)
         for (const QString &target : {launchServices, stamps, global, info}) {
             QFile::remove(box.hostPath(log));
             const ProcessResult repair =
-                run(hostileClass, target, {Sandbox::mendwellPath(), QStringLiteral("-repair")}, true,
-                    target == info);
+                run(hostileClass, target, {Sandbox::mendwellPath(), u"-repair"_s}, true, target == info);
             EXPECT_EQ(statusOf(repair), 0);
             const QByteArray console = repair.out + repair.err;
             EXPECT_TRUE(console.contains("Errors were found during processing.") ||
