@@ -15,16 +15,18 @@
 
 #include <algorithm>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace {
 
-const QString kCtl = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/mendwellctl");
+const QString kCtl = u"/Applications/Mendwell.app/Contents/MacOS/mendwellctl"_s;
 
 // The four wrong items of the sample.
 const QStringList kSampleWrong = {
-    QStringLiteral("/Library/Application Support/Adobe/Common/Plugin Registry.txt"),
-    QStringLiteral("/Library/Application Support/Adobe/SLStore"),
-    QStringLiteral("/Users/anna/Documents/Adobe/Premiere Pro/7.0/Profile-root"),
-    QStringLiteral("/Users/anna/Library/Application Support/Adobe/Premiere Pro/7.0/Trace Database.txt"),
+    u"/Library/Application Support/Adobe/Common/Plugin Registry.txt"_s,
+    u"/Library/Application Support/Adobe/SLStore"_s,
+    u"/Users/anna/Documents/Adobe/Premiere Pro/7.0/Profile-root"_s,
+    u"/Users/anna/Library/Application Support/Adobe/Premiere Pro/7.0/Trace Database.txt"_s,
 };
 
 QJsonObject jsonOf(const ProcessResult &result)
@@ -46,15 +48,21 @@ QStringList sorted(QStringList list)
     return list;
 }
 
+// The sample data (scripts/make-sample.sh) in the root whose host path is ROOT.
+bool makeSample(const QString &root)
+{
+    const ProcessResult made =
+        runProcess({u"bash"_s, QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"), root});
+    EXPECT_EQ(made.exitCode, 0) << made.err.constData();
+    return made.exitCode == 0;
+}
+
 class RunRecordTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
         SKIP_WITHOUT_SANDBOX();
-        const ProcessResult made =
-            runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
-                        box.hostPath(QString())});
-        ASSERT_EQ(made.exitCode, 0) << made.err.constData();
+        ASSERT_TRUE(makeSample(box.hostPath(QString())));
     }
 
     ProcessResult ctl(const QStringList &arguments) const
@@ -64,19 +72,18 @@ protected:
 
     ProcessResult repair(const QString &switches) const
     {
-        const ProcessResult result =
-            box.runAsRoot({QStringLiteral("Mendwell"), QStringLiteral("-repair"), switches});
+        const ProcessResult result = box.runAsRoot({u"Mendwell"_s, u"-repair"_s, switches});
         EXPECT_EQ(result.exitCode, 0) << result.err.constData();
         return result;
     }
 
     QString trashList() const
     {
-        QStringList lines = QString::fromUtf8(box.runAsUser({QStringLiteral("trash-list")}).out)
-                                .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QStringList lines =
+            QString::fromUtf8(box.runAsUser({u"trash-list"_s}).out).split(u'\n', Qt::SkipEmptyParts);
         for (QString &line : lines)
             line = line.mid(20);  // without the deletion date
-        return sorted(lines).join(QLatin1Char('\n'));
+        return sorted(lines).join(u'\n');
     }
 
     Sandbox box;
@@ -86,8 +93,7 @@ protected:
 
 TEST_F(RunRecordTest, TheRepairDoesWhatThePreviewSaidAndRestoreTakesItBack)
 {
-    const ProcessResult preview =
-        ctl({QStringLiteral("preview"), QStringLiteral("-trash"), QStringLiteral("--json")});
+    const ProcessResult preview = ctl({u"preview"_s, u"-trash"_s, u"--json"_s});
     ASSERT_EQ(preview.exitCode, 0) << preview.err.constData();
     const QJsonObject planned = jsonOf(preview);
     const QStringList toTrash = strings(planned.value("trash"));
@@ -98,10 +104,10 @@ TEST_F(RunRecordTest, TheRepairDoesWhatThePreviewSaidAndRestoreTakesItBack)
         contents.append(box.readFile(path));
     const QString trashBefore = trashList();
 
-    repair(QStringLiteral("-trash"));
+    repair(u"-trash"_s);
     for (const QString &path : toTrash)
         EXPECT_FALSE(box.exists(path)) << path.toStdString();
-    const ProcessResult report = ctl({QStringLiteral("report"), QStringLiteral("--json")});
+    const ProcessResult report = ctl({u"report"_s, u"--json"_s});
     ASSERT_EQ(report.exitCode, 0) << report.err.constData();
     const QJsonObject record = jsonOf(report);
     EXPECT_EQ(record.value("version").toInt(), 1);
@@ -123,39 +129,35 @@ TEST_F(RunRecordTest, TheRepairDoesWhatThePreviewSaidAndRestoreTakesItBack)
     EXPECT_EQ(record.value("permissionChanges").toArray().size(), 5);
     EXPECT_TRUE(strings(record.value("steps"), "name").contains("Trashing preferences"));
     // Nothing left for a second repair to correct.
-    EXPECT_TRUE(jsonOf(ctl({QStringLiteral("preview"), QStringLiteral("--json")}))
-                    .value("permissionFindings")
-                    .toArray()
-                    .isEmpty());
+    EXPECT_TRUE(jsonOf(ctl({u"preview"_s, u"--json"_s})).value("permissionFindings").toArray().isEmpty());
     EXPECT_NE(trashList(), trashBefore);
 
-    const ProcessResult restored = ctl({QStringLiteral("restore")});
+    const ProcessResult restored = ctl({u"restore"_s});
     EXPECT_EQ(restored.exitCode, 0) << restored.out.constData() << restored.err.constData();
     for (qsizetype i = 0; i < toTrash.size(); ++i)
         EXPECT_EQ(box.readFile(toTrash[i]), contents[i]) << toTrash[i].toStdString();
     EXPECT_EQ(trashList(), trashBefore);
     const QString identifier = record.value("identifier").toString();
-    const ProcessResult again = ctl({QStringLiteral("restore"), identifier});
+    const ProcessResult again = ctl({u"restore"_s, identifier});
     EXPECT_EQ(again.exitCode, 3);
     EXPECT_EQ(again.out, "Nothing to restore from repair " + identifier.toUtf8() + ".\n");
-    const QJsonObject after = jsonOf(ctl({QStringLiteral("report"), identifier, QStringLiteral("--json")}));
+    const QJsonObject after = jsonOf(ctl({u"report"_s, identifier, u"--json"_s}));
     EXPECT_EQ(after.value("restores").toArray().size(), 1);
 }
 
 TEST_F(RunRecordTest, RestoreKeepsBothSaysWhatIsLostAndRefusesBadArguments)
 {
     // Older records than the 50 kept are let go when a run adds one.
-    const QString folder = QStringLiteral("/Users/anna/Library/Logs/Lanternfish/Repairs/");
+    const QString folder = u"/Users/anna/Library/Logs/Lanternfish/Repairs/"_s;
     for (int i = 0; i < 55; ++i)
-        ASSERT_TRUE(box.writeFile(
-            folder + QStringLiteral("20000101-000000-%1-1.plist").arg(i, 3, 10, QLatin1Char('0')),
-            "<plist><dict/></plist>", true));
-    repair(QStringLiteral("-trashPrefs"));
+        ASSERT_TRUE(box.writeFile(folder + u"20000101-000000-%1-1.plist"_s.arg(i, 3, 10, QLatin1Char('0')),
+                                  "<plist><dict/></plist>", true));
+    repair(u"-trashPrefs"_s);
     const QStringList kept = QDir(box.hostPath(folder)).entryList(QDir::Files);
     EXPECT_EQ(kept.size(), 50);
-    EXPECT_FALSE(kept.contains(QStringLiteral("20000101-000000-005-1.plist")));
-    EXPECT_TRUE(kept.contains(QStringLiteral("20000101-000000-006-1.plist")));
-    const QJsonObject record = jsonOf(ctl({QStringLiteral("report"), QStringLiteral("--json")}));
+    EXPECT_FALSE(kept.contains(u"20000101-000000-005-1.plist"_s));
+    EXPECT_TRUE(kept.contains(u"20000101-000000-006-1.plist"_s));
+    const QJsonObject record = jsonOf(ctl({u"report"_s, u"--json"_s}));
     const QJsonArray trashed = record.value("trashed").toArray();
     ASSERT_GE(trashed.size(), 3);
     // One original path is taken again; another item is gone from the Trash.
@@ -165,9 +167,9 @@ TEST_F(RunRecordTest, RestoreKeepsBothSaysWhatIsLostAndRefusesBadArguments)
     const QString lost = trashed[1].toObject().value("path").toString();
     ASSERT_TRUE(QFile::remove(box.hostPath(trashed[1].toObject().value("trashPath").toString())));
 
-    const ProcessResult restored = ctl({QStringLiteral("restore")});
+    const ProcessResult restored = ctl({u"restore"_s});
     EXPECT_EQ(restored.exitCode, 4) << restored.out.constData();
-    const QStringList lines = QString::fromUtf8(restored.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    const QStringList lines = QString::fromUtf8(restored.out).split(u'\n', Qt::SkipEmptyParts);
     EXPECT_TRUE(lines.contains("Not restored: " + lost + ": no longer in the Trash (was the Trash emptied?)"))
         << restored.out.constData();
     const QString beside =
@@ -176,22 +178,19 @@ TEST_F(RunRecordTest, RestoreKeepsBothSaysWhatIsLostAndRefusesBadArguments)
     EXPECT_EQ(box.readFile(retaken), "made again");
     EXPECT_EQ(box.readFile(beside), original);
 
-    const struct {
-        QStringList arguments;
-        int status;
-        const char *message;
-    } bad[] = {
-        {{"bogus"}, 2, "unknown command bogus"},
-        {{"report", "19990101-000000-000-1"}, 2, "no recorded repair 19990101-000000-000-1"},
-        {{"preview", "-silent"}, 2, "preview takes -trash, -trashprefs or -trashworkspace, not -silent"},
-        {{"history", "extra"}, 2, "history takes no arguments"},
+    // Bad arguments: status 2 and what is wrong.
+    const std::pair<QStringList, const char *> bad[] = {
+        {{"bogus"}, "unknown command bogus"},
+        {{"report", "19990101-000000-000-1"}, "no recorded repair 19990101-000000-000-1"},
+        {{"preview", "-silent"}, "preview takes -trash, -trashprefs or -trashworkspace, not -silent"},
+        {{"history", "extra"}, "history takes no arguments"},
     };
-    for (const auto &c : bad) {
-        const ProcessResult result = ctl(c.arguments);
-        EXPECT_EQ(result.exitCode, c.status) << c.message;
-        EXPECT_TRUE(result.err.contains(c.message)) << result.err.constData();
+    for (const auto &[arguments, message] : bad) {
+        const ProcessResult result = ctl(arguments);
+        EXPECT_EQ(result.exitCode, 2) << message;
+        EXPECT_TRUE(result.err.contains(message)) << result.err.constData();
     }
-    const ProcessResult help = ctl({QStringLiteral("--help")});
+    const ProcessResult help = ctl({u"--help"_s});
     EXPECT_EQ(help.exitCode, 0);
     EXPECT_TRUE(help.out.startsWith("usage: mendwellctl COMMAND"));
 }
@@ -203,18 +202,15 @@ TEST(RunRecordAsUserTest, TheRecordHoldsWhatTheAdministratorsHelperDid)
 {
     SKIP_WITHOUT_POLKIT();
     PolkitNamespace env;
-    const ProcessResult made =
-        runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
-                    env.hostPath({})});
-    ASSERT_EQ(made.exitCode, 0) << made.err.constData();
+    ASSERT_TRUE(makeSample(env.hostPath({})));
     const auto json = [](const PolkitNamespace::Result &run) {
         return QJsonDocument::fromJson(QByteArray(run.output).replace("\r\n", "\n")).object();
     };
-    const QString macos = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/");
+    const QString macos = u"/Applications/Mendwell.app/Contents/MacOS/"_s;
     const QJsonObject planned = json(env.runAsUser({macos + "mendwellctl", "preview", "-trash", "--json"}, 0,
                                                    PolkitNamespace::Agent::None));
     const QStringList toTrash = strings(planned.value("trash"));
-    const QString machinePreference = QStringLiteral("/Library/Preferences/com.adobe.CSXS.4.plist");
+    const QString machinePreference = u"/Library/Preferences/com.adobe.CSXS.4.plist"_s;
     ASSERT_TRUE(toTrash.contains(machinePreference)) << toTrash.join(", ").toStdString();
 
     const PolkitNamespace::Result repaired =
@@ -250,19 +246,14 @@ TEST(RunRecordAsUserTest, HerLinkedFoldersAreRepairedAsHerselfToo)
 {
     SKIP_WITHOUT_POLKIT();
     PolkitNamespace env;
-    const ProcessResult made =
-        runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
-                    env.hostPath({})});
-    ASSERT_EQ(made.exitCode, 0) << made.err.constData();
-    const QString home = QStringLiteral("/Users/anna");
+    ASSERT_TRUE(makeSample(env.hostPath({})));
+    const QString home = u"/Users/anna"_s;
     const auto hostPath = [&env](const QString &path) { return env.hostPath(path); };
-    ASSERT_TRUE(moveBehindUsersLink(hostPath, home + QStringLiteral("/Documents"),
-                                    home + QStringLiteral("/Cloud/Documents"), Sandbox::userId(),
-                                    Sandbox::userGroupId()));
-    ASSERT_TRUE(moveBehindUsersLink(hostPath, home + QStringLiteral("/Library/Application Support/Adobe"),
-                                    home + QStringLiteral("/Disk2/Adobe"), Sandbox::userId(),
-                                    Sandbox::userGroupId()));
-    const QString mendwell = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/Mendwell");
+    ASSERT_TRUE(moveBehindUsersLink(hostPath, home + u"/Documents"_s, home + u"/Cloud/Documents"_s,
+                                    Sandbox::userId(), Sandbox::userGroupId()));
+    ASSERT_TRUE(moveBehindUsersLink(hostPath, home + u"/Library/Application Support/Adobe"_s,
+                                    home + u"/Disk2/Adobe"_s, Sandbox::userId(), Sandbox::userGroupId()));
+    const QString mendwell = u"/Applications/Mendwell.app/Contents/MacOS/Mendwell"_s;
     const PolkitNamespace::Result first = env.runAsUser({mendwell, "-repair", "-trash", "-hotkey"});
     EXPECT_TRUE(first.output.contains("Setting correct permissions on ")) << first.output.constData();
     for (const char *item : {"/Users/anna/Cloud/Documents/Adobe/Premiere Pro/7.0/Layouts/Editing.xml",
