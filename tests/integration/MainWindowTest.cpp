@@ -295,7 +295,10 @@ protected:
     QMap<QString, QString> act(const QString &scene, int scale, bool asRoot = false)
     {
         const QStringList command{QStringLiteral("sh"), kDriver, scene, QString::number(scale)};
-        const QStringList environment{QStringLiteral("DISPLAY=") + display->display()};
+        // A bus that is not there: without one, the display's D-Bus autolaunch
+        // would leave its socket in /tmp.
+        const QStringList environment{QStringLiteral("DISPLAY=") + display->display(),
+                                      QStringLiteral("DBUS_SESSION_BUS_ADDRESS=unix:path=/nonexistent")};
         const ProcessResult result =
             asRoot ? box.runAsRoot(command, environment) : box.runAsUser(command, environment);
         EXPECT_EQ(result.exitCode, 0) << result.err.constData();
