@@ -24,15 +24,15 @@ namespace {
 const QString kProtocol = QStringLiteral("com.lanternfish.HXMarlinErrorCallbackProtocol");
 const QString kRecorder = QStringLiteral("com.lanternfish.test.Recorder");
 
-// Every message the protocol knows, with its D-Bus signature.
-const QList<QPair<QString, QString>> kSignatures = {
-    {QStringLiteral("incrementRemoteProgress"), QString()},
-    {QStringLiteral("postFinishedTask"), QString()},
-    {QStringLiteral("postError"), QStringLiteral("a{sv}")},
-    {QStringLiteral("postErrorString"), QStringLiteral("s")},
-    {QStringLiteral("postDisconnect"), QString()},
-    {QStringLiteral("postErrorForApp"), QStringLiteral("a{sv}s")},
-    {QStringLiteral("postErrorStringUserInfo"), QStringLiteral("sa{sv}")},
+// Every message the protocol knows, with the D-Bus types of its arguments.
+const QList<QPair<QString, QStringList>> kSignatures = {
+    {QStringLiteral("incrementRemoteProgress"), {}},
+    {QStringLiteral("postFinishedTask"), {}},
+    {QStringLiteral("postError"), {QStringLiteral("a{sv}")}},
+    {QStringLiteral("postErrorString"), {QStringLiteral("s")}},
+    {QStringLiteral("postDisconnect"), {}},
+    {QStringLiteral("postErrorForApp"), {QStringLiteral("a{sv}"), QStringLiteral("s")}},
+    {QStringLiteral("postErrorStringUserInfo"), {QStringLiteral("s"), QStringLiteral("a{sv}")}},
 };
 
 QString describe(const QVariant &value)
@@ -55,12 +55,11 @@ public:
     QString introspect(const QString &) const override
     {
         QString xml = QStringLiteral("<interface name=\"%1\">\n").arg(kProtocol);
-        for (const auto &[method, signature] : kSignatures) {
+        for (const auto &[method, types] : kSignatures) {
             if (!m_methods.contains(method))
                 continue;
             xml += QStringLiteral("  <method name=\"%1\">\n").arg(method);
-            // One argument per complete type of the signature.
-            for (const QString &type : splitSignature(signature))
+            for (const QString &type : types)
                 xml += QStringLiteral("    <arg type=\"%1\" direction=\"in\"/>\n").arg(type);
             xml += QStringLiteral(
                 "    <annotation name=\"org.freedesktop.DBus.Method.NoReply\" value=\"true\"/>\n"
@@ -90,25 +89,6 @@ public:
     }
 
 private:
-    static QStringList splitSignature(const QString &signature)
-    {
-        QStringList types;
-        int depth = 0;
-        QString current;
-        for (const QChar c : signature) {
-            current += c;
-            if (c == QLatin1Char('{') || c == QLatin1Char('('))
-                ++depth;
-            else if (c == QLatin1Char('}') || c == QLatin1Char(')'))
-                --depth;
-            if (depth == 0 && c != QLatin1Char('a')) {
-                types.append(current);
-                current.clear();
-            }
-        }
-        return types;
-    }
-
     QStringList m_methods;
     QStringList m_received;
 };
