@@ -37,12 +37,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace {
 
-const QString kDecoy = QStringLiteral("/Library/Decoy");
+const QString kDecoy = u"/Library/Decoy"_s;
 // A root file on the same file system as anna's home, for second names there.
-const QString kLinkedDecoy = QStringLiteral("/Users/Decoy");
-const QString kHome = QStringLiteral("/Users/anna");
+const QString kLinkedDecoy = u"/Users/Decoy"_s;
+const QString kHome = u"/Users/anna"_s;
 uid_t annaUid = 0;
 gid_t annaGid = 0;
 
@@ -90,13 +92,12 @@ int flagsOf(const QString &path)
 
 // Everything about the decoy an escape could change: names, kinds, owners,
 // modes, link counts, flags, contents.
-QString fingerprint(const QString &path, const QString &relative = QStringLiteral("."))
+QString fingerprint(const QString &path, const QString &relative = u"."_s)
 {
     struct stat info {};
     if (::lstat(encode(path).constData(), &info) != 0)
-        return relative + QStringLiteral(" missing\n");
-    QString line = QStringLiteral("%1 mode=%2 uid=%3 gid=%4 links=%5 flags=%6")
-                       .arg(relative)
+        return relative + u" missing\n"_s;
+    QString line = u"%1 mode=%2 uid=%3 gid=%4 links=%5 flags=%6"_s.arg(relative)
                        .arg(info.st_mode, 0, 8)
                        .arg(info.st_uid)
                        .arg(info.st_gid)
@@ -105,40 +106,40 @@ QString fingerprint(const QString &path, const QString &relative = QStringLitera
     if (S_ISREG(info.st_mode)) {
         QFile file(path);
         line +=
-            QStringLiteral(" content=") +
+            u" content="_s +
             QString::fromLatin1((file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("?")).toHex());
     }
-    line += QLatin1Char('\n');
+    line += u'\n';
     if (S_ISDIR(info.st_mode)) {
         QStringList names =
             QDir(path).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
         names.sort();
         for (const QString &name : names)
-            line += fingerprint(path + QLatin1Char('/') + name, relative + QLatin1Char('/') + name);
+            line += fingerprint(path + u'/' + name, relative + u'/' + name);
     }
     return line;
 }
 
 void makeDecoy()
 {
-    if (QFileInfo::exists(kDecoy + QStringLiteral("/locked.txt")))
-        setImmutable(kDecoy + QStringLiteral("/locked.txt"), false);
+    if (QFileInfo::exists(kDecoy + u"/locked.txt"_s))
+        setImmutable(kDecoy + u"/locked.txt"_s, false);
     QDir(kDecoy).removeRecursively();
-    QDir().mkpath(kDecoy + QStringLiteral("/sub"));
+    QDir().mkpath(kDecoy + u"/sub"_s);
     ::chmod(encode(kDecoy).constData(), 0755);
-    writeFile(kDecoy + QStringLiteral("/secret"), "root's secret\n", 0600);
+    writeFile(kDecoy + u"/secret"_s, "root's secret\n", 0600);
     for (const char *name : {"item.txt", "pref.xml", "Workspace.plist", "sub/inner.txt", "locked.txt"})
-        writeFile(kDecoy + QLatin1Char('/') + QLatin1String(name), QByteArray("decoy ") + name + '\n', 0644);
-    setImmutable(kDecoy + QStringLiteral("/locked.txt"), true);
+        writeFile(kDecoy + u'/' + QLatin1String(name), QByteArray("decoy ") + name + '\n', 0644);
+    setImmutable(kDecoy + u"/locked.txt"_s, true);
     QDir(kLinkedDecoy).removeRecursively();
     QDir().mkpath(kLinkedDecoy);
     ::chmod(encode(kLinkedDecoy).constData(), 0700);
-    writeFile(kLinkedDecoy + QStringLiteral("/shadow"), "root's other secret\n", 0600);
+    writeFile(kLinkedDecoy + u"/shadow"_s, "root's other secret\n", 0600);
 }
 
 QString decoys()
 {
-    return fingerprint(kDecoy) + fingerprint(kLinkedDecoy, QStringLiteral("linked"));
+    return fingerprint(kDecoy) + fingerprint(kLinkedDecoy, u"linked"_s);
 }
 
 // --- anna's side
@@ -263,29 +264,17 @@ void unlockEverything(const QString &path)
 
 void cleanTrash()
 {
-    clean(kHome + QStringLiteral("/.local/share/Trash/files"));
-    clean(kHome + QStringLiteral("/.local/share/Trash/info"));
+    clean(kHome + u"/.local/share/Trash/files"_s);
+    clean(kHome + u"/.local/share/Trash/info"_s);
 }
 
 // Runs the bundle's helper tool NAME as root, as a repair does, to its end.
 void runTool(const QString &name, const QStringList &arguments)
 {
-    const QString tool = QFileInfo(HXAuthorization::runnerPath()).path() + QLatin1Char('/') + name;
-    QList<QByteArray> encoded{encode(tool)};
-    for (const QString &argument : arguments)
-        encoded.append(encode(argument));
-    std::vector<char *> argv;
-    for (QByteArray &argument : encoded)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const int null = ::open("/dev/null", O_WRONLY);
-        ::dup2(null, STDERR_FILENO);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
-    }
-    ::waitpid(child, nullptr, 0);
+    platform::ChildProcess tool(QFileInfo(HXAuthorization::runnerPath()).path() + u'/' + name, arguments);
+    tool.setStandardError(platform::ChildProcess::Stream::Null);
+    if (tool.launch())
+        tool.waitUntilExit();
 }
 
 using Attempt = std::function<void(int attempt)>;
@@ -293,19 +282,19 @@ using Attempt = std::function<void(int attempt)>;
 Attempt attemptFor(const QString &name)
 {
     HXAuthorization &auth = HXAuthorization::sharedController(false);
-    const QString caches = kHome + QStringLiteral("/Library/Caches");
-    if (name == QLatin1String("copy"))
+    const QString caches = kHome + u"/Library/Caches"_s;
+    if (name == u"copy"_s)
         return [&auth](int n) {
-            const QString source = kHome + QStringLiteral("/src");
-            const QString destination = kHome + QStringLiteral("/dst");
+            const QString source = kHome + u"/src"_s;
+            const QString destination = kHome + u"/dst"_s;
             for (int i = 0; i < (n % 250 == 0 ? 1500 : 6); ++i)
-                annaFile(source + QStringLiteral("/f%1").arg(i));
-            annaFolder(source + QStringLiteral("/inner"));
-            annaFile(source + QStringLiteral("/inner/secret"));
+                annaFile(source + u"/f%1"_s.arg(i));
+            annaFolder(source + u"/inner"_s);
+            annaFile(source + u"/inner/secret"_s);
             // Half the attempts swap the folder root made, half a file root made in it.
             const bool folder = n % 2 == 0;
-            swapWhile(folder ? destination : destination + QStringLiteral("/f0"),
-                      folder ? kDecoy : kDecoy + QStringLiteral("/secret"), folder ? 0 : 1, [&] {
+            swapWhile(folder ? destination : destination + u"/f0"_s, folder ? kDecoy : kDecoy + u"/secret"_s,
+                      folder ? 0 : 1, [&] {
                           if (n % 4 < 2)
                               HXFileManager::copyFile(source, destination, false);
                           else
@@ -314,129 +303,117 @@ Attempt attemptFor(const QString &name)
             clean(source);
             clean(destination);
         };
-    if (name == QLatin1String("move"))
+    if (name == u"move"_s)
         return [&auth](int n) {
-            const QString from = kHome + QStringLiteral("/msrc");
-            const QString to = kHome + QStringLiteral("/mdst");
-            annaFile(from + QStringLiteral("/item.txt"));
+            const QString from = kHome + u"/msrc"_s;
+            const QString to = kHome + u"/mdst"_s;
+            annaFile(from + u"/item.txt"_s);
             annaFolder(to);
             const bool swapSource = n % 2 == 1;
             swapWhile(swapSource ? from : to, kDecoy, 0, [&] {
                 if (n % 4 < 2)
-                    HXFileManager::moveFile(from + QStringLiteral("/item.txt"),
-                                            to + QStringLiteral("/item.txt"), false);
+                    HXFileManager::moveFile(from + u"/item.txt"_s, to + u"/item.txt"_s, false);
                 else
-                    auth.authMoveFile(from + QStringLiteral("/item.txt"), to + QStringLiteral("/item.txt"));
+                    auth.authMoveFile(from + u"/item.txt"_s, to + u"/item.txt"_s);
             });
             clean(from);
             clean(to);
         };
-    if (name == QLatin1String("trash"))
+    if (name == u"trash"_s)
         return [&auth, caches](int n) {
-            const QString folder = caches + QStringLiteral("/T");
-            annaFile(folder + QStringLiteral("/item.txt"));
+            const QString folder = caches + u"/T"_s;
+            annaFile(folder + u"/item.txt"_s);
             swapWhile(folder, kDecoy, 0, [&] {
                 if (n % 2 == 0)
-                    HXFileManager::trashFile(folder + QStringLiteral("/item.txt"), false);
+                    HXFileManager::trashFile(folder + u"/item.txt"_s, false);
                 else
-                    auth.authTrashFile(folder + QStringLiteral("/item.txt"));
+                    auth.authTrashFile(folder + u"/item.txt"_s);
             });
             clean(folder);
-            if (n % 50 == 0)
-                cleanTrash();
         };
-    if (name == QLatin1String("trashmatching"))
+    if (name == u"trashmatching"_s)
         return [](int n) {
-            const QString prefs = kHome + QStringLiteral("/Library/Preferences/P");
+            const QString prefs = kHome + u"/Library/Preferences/P"_s;
             for (const char *sub : {"S1", "S2", "S3"})
-                annaFile(prefs + QLatin1Char('/') + QLatin1String(sub) + QStringLiteral("/pref.xml"));
+                annaFile(prefs + u'/' + QLatin1String(sub) + u"/pref.xml"_s);
             // A link planted in advance, and a sub-folder swapped while root walks.
-            annaLink(kDecoy, prefs + QStringLiteral("/evil"));
-            swapWhile(prefs + QStringLiteral("/S2"), kDecoy, 0, [&] {
+            annaLink(kDecoy, prefs + u"/evil"_s);
+            swapWhile(prefs + u"/S2"_s, kDecoy, 0, [&] {
                 if (n % 2 == 0)
-                    HXFileManager::trashFilesNamed(QStringLiteral("pref.xml"), prefs);
+                    HXFileManager::trashFilesNamed(u"pref.xml"_s, prefs);
                 else
-                    HXFileManager::trashFilesOfType(QStringLiteral("XML"), prefs);
+                    HXFileManager::trashFilesOfType(u"XML"_s, prefs);
             });
             clean(prefs);
-            if (n % 50 == 0)
-                cleanTrash();
         };
-    if (name == QLatin1String("remove"))
+    if (name == u"remove"_s)
         return [&auth, caches](int n) {
-            const QString folder = caches + QStringLiteral("/R");
-            annaFile(folder + QStringLiteral("/sub/item.txt"));
-            annaFile(folder + QStringLiteral("/sub/inner.txt"));
+            const QString folder = caches + u"/R"_s;
+            annaFile(folder + u"/sub/item.txt"_s);
+            annaFile(folder + u"/sub/inner.txt"_s);
             // Planted: a link in the middle of the path.
-            annaLink(kDecoy, caches + QStringLiteral("/PrefLink"));
+            annaLink(kDecoy, caches + u"/PrefLink"_s);
             if (n % 10 == 0)
-                HXFileManager::removeFile(caches + QStringLiteral("/PrefLink/item.txt"), true);
-            swapWhile(folder + QStringLiteral("/sub"), kDecoy, 0, [&] {
+                HXFileManager::removeFile(caches + u"/PrefLink/item.txt"_s, true);
+            swapWhile(folder + u"/sub"_s, kDecoy, 0, [&] {
                 if (n % 2 == 0)
                     HXFileManager::removeFile(folder, false);
                 else
-                    auth.authRemoveFile(folder + QStringLiteral("/sub/item.txt"));
+                    auth.authRemoveFile(folder + u"/sub/item.txt"_s);
             });
             clean(folder);
-            clean(caches + QStringLiteral("/PrefLink"));
+            clean(caches + u"/PrefLink"_s);
         };
-    if (name == QLatin1String("mkdir"))
+    if (name == u"mkdir"_s)
         return [&auth](int n) {
-            const QString a = kHome + QStringLiteral("/a");
-            annaFolder(a + QStringLiteral("/b"));
-            swapWhile(a + QStringLiteral("/b"), kDecoy, 0, [&] {
+            const QString a = kHome + u"/a"_s;
+            annaFolder(a + u"/b"_s);
+            swapWhile(a + u"/b"_s, kDecoy, 0, [&] {
                 if (n % 2 == 0)
-                    HXFileManager::createDirectory(a + QStringLiteral("/b/c/d"), false);
+                    HXFileManager::createDirectory(a + u"/b/c/d"_s, false);
                 else
-                    auth.authCreateDir(a + QStringLiteral("/b/c/d"));
+                    auth.authCreateDir(a + u"/b/c/d"_s);
             });
             clean(a);
         };
-    if (name == QLatin1String("zip"))
+    if (name == u"zip"_s)
         return [](int n) {
-            const QString desktop = kHome + QStringLiteral("/Desktop");
-            const QString source = kHome + QStringLiteral("/Logs");
-            annaFile(source + QStringLiteral("/a.log"));
-            annaFile(desktop + QStringLiteral("/Logs.zip"), "old archive");
+            const QString desktop = kHome + u"/Desktop"_s;
+            const QString source = kHome + u"/Logs"_s;
+            annaFile(source + u"/a.log"_s);
+            annaFile(desktop + u"/Logs.zip"_s, "old archive");
             if (n % 2 == 0)  // a link planted where the archive goes, once the old one is trashed
-                swapWhile(desktop + QStringLiteral("/Logs.zip"), kDecoy + QStringLiteral("/secret"), 1, [&] {
-                    HXFileManager::compressFile(source, desktop + QStringLiteral("/Logs.zip"));
-                });
+                swapWhile(desktop + u"/Logs.zip"_s, kDecoy + u"/secret"_s, 1,
+                          [&] { HXFileManager::compressFile(source, desktop + u"/Logs.zip"_s); });
             else
-                swapWhile(desktop, kDecoy, 0, [&] {
-                    HXFileManager::compressFile(source, desktop + QStringLiteral("/Logs.zip"));
-                });
+                swapWhile(desktop, kDecoy, 0,
+                          [&] { HXFileManager::compressFile(source, desktop + u"/Logs.zip"_s); });
             clean(desktop);
             clean(source);
-            if (n % 50 == 0)
-                cleanTrash();
         };
-    if (name == QLatin1String("records"))
+    if (name == u"records"_s)
         return [&auth, caches](int n) {
-            const QString item = caches + QStringLiteral("/rec.txt");
+            const QString item = caches + u"/rec.txt"_s;
             annaFile(item);
-            const QString trash = kHome + QStringLiteral("/.local/share/Trash");
-            annaFolder(trash + QStringLiteral("/files"));
-            annaFolder(trash + QStringLiteral("/info"));
-            swapWhile(trash + (n % 2 == 0 ? QStringLiteral("/info") : QStringLiteral("/files")), kDecoy, 0,
-                      [&] {
-                          if (n % 4 < 2)
-                              HXFileManager::trashFile(item, false);
-                          else
-                              auth.authTrashFile(item);
-                      });
+            const QString trash = kHome + u"/.local/share/Trash"_s;
+            annaFolder(trash + u"/files"_s);
+            annaFolder(trash + u"/info"_s);
+            swapWhile(trash + (n % 2 == 0 ? u"/info"_s : u"/files"_s), kDecoy, 0, [&] {
+                if (n % 4 < 2)
+                    HXFileManager::trashFile(item, false);
+                else
+                    auth.authTrashFile(item);
+            });
             clean(item);
-            if (n % 50 == 0)
-                cleanTrash();
         };
-    if (name == QLatin1String("flags"))
+    if (name == u"flags"_s)
         return [](int n) {
-            const QString folder = kHome + QStringLiteral("/F");
-            annaFile(folder + QStringLiteral("/sub/locked.txt"));
+            const QString folder = kHome + u"/F"_s;
+            annaFile(folder + u"/sub/locked.txt"_s);
             // Enough items that anna's swaps land while root walks, even on a busy machine.
             for (int i = 0; i < 40; ++i)
-                annaFile(folder + QStringLiteral("/sub/item%1.txt").arg(i));
-            swapWhile(folder + QStringLiteral("/sub"), kDecoy, 0, [&] {
+                annaFile(folder + u"/sub/item%1.txt"_s.arg(i));
+            swapWhile(folder + u"/sub"_s, kDecoy, 0, [&] {
                 switch (n % 3) {
                 case 0:
                     HXFileManager::unlockFolder(folder);
@@ -445,7 +422,7 @@ Attempt attemptFor(const QString &name)
                     HXFileManager::lockFolder(folder);
                     break;
                 default:
-                    HXFileManager::unlockFile(folder + QStringLiteral("/sub/locked.txt"));
+                    HXFileManager::unlockFile(folder + u"/sub/locked.txt"_s);
                     break;
                 }
             });
@@ -455,45 +432,43 @@ Attempt attemptFor(const QString &name)
             unlockEverything(folder);
             clean(folder);
         };
-    if (name == QLatin1String("permissiontool"))
+    if (name == u"permissiontool"_s)
         return [](int n) {
-            const QString adobe = kHome + QStringLiteral("/Library/Application Support/Adobe");
-            const QString sub = adobe + QStringLiteral("/Common/Sub");
+            const QString adobe = kHome + u"/Library/Application Support/Adobe"_s;
+            const QString sub = adobe + u"/Common/Sub"_s;
             for (int i = 0; i < 20; ++i) {
-                const QString item = sub + QStringLiteral("/root%1.prefs").arg(i);
+                const QString item = sub + u"/root%1.prefs"_s.arg(i);
                 annaFile(item);
                 ::lchown(encode(item).constData(), 0, 0);
                 ::chmod(encode(item).constData(), 0600);
             }
             // Planted beforehand: a second name of a root file, as a system without
             // protected hard links would let anna make.
-            if (::link(encode(kLinkedDecoy + QStringLiteral("/shadow")).constData(),
-                       encode(adobe + QStringLiteral("/Common/shadow")).constData()) != 0)
+            if (::link(encode(kLinkedDecoy + u"/shadow"_s).constData(),
+                       encode(adobe + u"/Common/shadow"_s).constData()) != 0)
                 std::printf("could not plant a hard link: %s\n", std::strerror(errno));
-            swapWhile(n % 2 == 0 ? sub : adobe + QStringLiteral("/Common"), kDecoy, 0,
-                      [] { runTool(QStringLiteral("permissiontool"), {}); });
+            swapWhile(n % 2 == 0 ? sub : adobe + u"/Common"_s, kDecoy, 0,
+                      [] { runTool(u"permissiontool"_s, {}); });
             clean(adobe);
         };
-    if (name == QLatin1String("trashtool"))
+    if (name == u"trashtool"_s)
         return [caches](int n) {
-            const QString folder = caches + QStringLiteral("/T");
-            annaFile(folder + QStringLiteral("/item.txt"));
-            annaFile(folder + QStringLiteral("/other.txt"));
-            const QString trash = kHome + QStringLiteral("/.local/share/Trash");
-            annaFolder(trash + QStringLiteral("/files"));
-            annaFolder(trash + QStringLiteral("/info"));
+            const QString folder = caches + u"/T"_s;
+            annaFile(folder + u"/item.txt"_s);
+            annaFile(folder + u"/other.txt"_s);
+            const QString trash = kHome + u"/.local/share/Trash"_s;
+            annaFolder(trash + u"/files"_s);
+            annaFolder(trash + u"/info"_s);
             const QString swapped = n % 3 == 0   ? folder
-                                    : n % 3 == 1 ? trash + QStringLiteral("/files")
-                                                 : trash + QStringLiteral("/info");
+                                    : n % 3 == 1 ? trash + u"/files"_s
+                                                 : trash + u"/info"_s;
             swapWhile(swapped, kDecoy, 0, [&] {
                 if (n % 2 == 0)
-                    runTool(QStringLiteral("trashtool"), {folder + QStringLiteral("/item.txt")});
+                    runTool(u"trashtool"_s, {folder + u"/item.txt"_s});
                 else
-                    runTool(QStringLiteral("trashtool"), {QStringLiteral("-dircontents"), folder});
+                    runTool(u"trashtool"_s, {u"-dircontents"_s, folder});
             });
             clean(folder);
-            if (n % 50 == 0)
-                cleanTrash();
         };
     return nullptr;
 }
@@ -505,17 +480,16 @@ int protectedSpellings(QString &details)
 {
     HXAuthorization &auth = HXAuthorization::sharedController(false);
     int escapes = 0;
-    const QStringList spellings{
-        QStringLiteral("/Users/anna/"),          QStringLiteral("/Users/anna//Library"),
-        QStringLiteral("/Users/anna/./Library"), QStringLiteral("/Users/anna/Library/."),
-        QStringLiteral("/Library/Preferences/"), QStringLiteral("/Users/anna/Library/Preferences/")};
+    const QStringList spellings{u"/Users/anna/"_s,          u"/Users/anna//Library"_s,
+                                u"/Users/anna/./Library"_s, u"/Users/anna/Library/."_s,
+                                u"/Library/Preferences/"_s, u"/Users/anna/Library/Preferences/"_s};
     for (const QString &spelling : spellings) {
         const bool any = auth.authRemoveFile(spelling) || auth.authTrashFile(spelling) ||
                          auth.authTrashFolderContents(spelling) ||
-                         auth.authMoveFile(spelling, kHome + QStringLiteral("/moved"));
+                         auth.authMoveFile(spelling, kHome + u"/moved"_s);
         if (any || !QFileInfo(platform::absoluteItemPath(spelling)).isDir()) {
             ++escapes;
-            details += spelling + QStringLiteral(" was not refused\n");
+            details += spelling + u" was not refused\n"_s;
         }
     }
     return escapes;
@@ -529,56 +503,44 @@ int runnerRequests(QString &details)
     runner.setStandardOutput(platform::ChildProcess::Stream::Pipe);
     if (!runner.launch() || platform::readMessage(runner.standardOutputReadEnd()) !=
                                 QByteArray(platform::AdminAuthorization::kReadyMessage)) {
-        details += QStringLiteral("the runner did not start\n");
+        details += u"the runner did not start\n"_s;
         return 1;
     }
     auto request = [](HXPrivilegedOperation operation, const QStringList &arguments) {
-        HXPrivilegedRequest made;
-        made.operation = operation;
-        made.arguments = arguments;
-        return made.encoded();
+        return HXPrivilegedRequest{operation, arguments}.encoded();
     };
-    QByteArray truncated = request(HXPrivilegedOperation::Remove, {kDecoy});
-    truncated.chop(2);
+    const QByteArray truncated = request(HXPrivilegedOperation::Remove, {kDecoy}).chopped(2);
     QByteArray unknownKind = request(HXPrivilegedOperation::Remove, {kDecoy});
     unknownKind[7] = 100;
     QByteArray huge = request(HXPrivilegedOperation::Remove, {kDecoy});
     huge[16] = '\x7f';  // the first argument's length, far beyond the message
     const QMap<QString, QByteArray> requests{
-        {QStringLiteral("garbage"), QByteArray("rm -rf /Library/Decoy")},
-        {QStringLiteral("truncated"), truncated},
-        {QStringLiteral("unknown kind"), unknownKind},
-        {QStringLiteral("oversized length"), huge},
-        {QStringLiteral("run a shell"),
-         request(HXPrivilegedOperation::RunHelper, {QStringLiteral("/bin/sh"), QStringLiteral("-c"),
-                                                    QStringLiteral("touch /Library/Decoy/pwned")})},
-        {QStringLiteral("run a shell by a relative name"),
-         request(HXPrivilegedOperation::RunHelper, {QStringLiteral("../../../../bin/sh")})},
-        {QStringLiteral("remove the home"),
-         request(HXPrivilegedOperation::Remove, {QStringLiteral("/Users/anna/")})},
-        {QStringLiteral("remove the home's Library"),
-         request(HXPrivilegedOperation::RemoveTree, {QStringLiteral("/Users/anna//Library")})},
-        {QStringLiteral("move the Preferences"),
-         request(HXPrivilegedOperation::Move,
-                 {QStringLiteral("/Library/Preferences/"), QStringLiteral("/Users/anna/Prefs")})},
-        {QStringLiteral("trash the Library"),
-         request(HXPrivilegedOperation::Trash,
-                 {QStringLiteral("/Users/anna/Library/."), QStringLiteral("L")})},
-        {QStringLiteral("trash under a climbing name"),
-         request(HXPrivilegedOperation::Trash,
-                 {kHome + QStringLiteral("/Desktop"), QStringLiteral("../../x")})},
-        {QStringLiteral("relative path"),
-         request(HXPrivilegedOperation::Remove, {QStringLiteral("Library/Decoy")})},
-        {QStringLiteral("copy through anna's link"),
-         request(HXPrivilegedOperation::Copy,
-                 {kHome + QStringLiteral("/Desktop"), kHome + QStringLiteral("/Link/x")})},
+        {u"garbage"_s, QByteArray("rm -rf /Library/Decoy")},
+        {u"truncated"_s, truncated},
+        {u"unknown kind"_s, unknownKind},
+        {u"oversized length"_s, huge},
+        {u"run a shell"_s,
+         request(HXPrivilegedOperation::RunHelper, {u"/bin/sh"_s, u"-c"_s, u"touch /Library/Decoy/pwned"_s})},
+        {u"run a shell by a relative name"_s,
+         request(HXPrivilegedOperation::RunHelper, {u"../../../../bin/sh"_s})},
+        {u"remove the home"_s, request(HXPrivilegedOperation::Remove, {u"/Users/anna/"_s})},
+        {u"remove the home's Library"_s,
+         request(HXPrivilegedOperation::RemoveTree, {u"/Users/anna//Library"_s})},
+        {u"move the Preferences"_s,
+         request(HXPrivilegedOperation::Move, {u"/Library/Preferences/"_s, u"/Users/anna/Prefs"_s})},
+        {u"trash the Library"_s, request(HXPrivilegedOperation::Trash, {u"/Users/anna/Library/."_s, u"L"_s})},
+        {u"trash under a climbing name"_s,
+         request(HXPrivilegedOperation::Trash, {kHome + u"/Desktop"_s, u"../../x"_s})},
+        {u"relative path"_s, request(HXPrivilegedOperation::Remove, {u"Library/Decoy"_s})},
+        {u"copy through anna's link"_s,
+         request(HXPrivilegedOperation::Copy, {kHome + u"/Desktop"_s, kHome + u"/Link/x"_s})},
     };
-    annaFolder(kHome + QStringLiteral("/Desktop"));
-    annaLink(kDecoy, kHome + QStringLiteral("/Link"));
+    annaFolder(kHome + u"/Desktop"_s);
+    annaLink(kDecoy, kHome + u"/Link"_s);
     int escapes = 0;
     for (auto it = requests.cbegin(); it != requests.cend(); ++it) {
         if (!platform::writeMessage(runner.standardInputWriteEnd(), it.value())) {
-            details += QStringLiteral("the runner went away at: ") + it.key() + QLatin1Char('\n');
+            details += u"the runner went away at: "_s + it.key() + u'\n';
             return escapes + 1;
         }
         const std::optional<QByteArray> message = platform::readMessage(runner.standardOutputReadEnd());
@@ -586,7 +548,7 @@ int runnerRequests(QString &details)
             message ? HXPrivilegedReply::decoded(*message) : std::nullopt;
         if (!reply || reply->status == 0) {
             ++escapes;
-            details += it.key() + QStringLiteral(" was carried out\n");
+            details += it.key() + u" was carried out\n"_s;
         }
     }
     runner.closeStandardInput();
@@ -594,7 +556,7 @@ int runnerRequests(QString &details)
     for (const char *folder : {"/Users/anna", "/Users/anna/Library", "/Library/Preferences"})
         if (!QFileInfo(QString::fromLatin1(folder)).isDir()) {
             ++escapes;
-            details += QString::fromLatin1(folder) + QStringLiteral(" is gone\n");
+            details += QString::fromLatin1(folder) + u" is gone\n"_s;
         }
     return escapes;
 }
@@ -602,20 +564,17 @@ int runnerRequests(QString &details)
 // Root with nobody at the console has no Trash to move anything to.
 int withoutConsoleUser(QString &details)
 {
-    const QString item = QStringLiteral("/Library/NoConsole/item.txt");
-    QDir().mkpath(QFileInfo(item).path());
+    const QString item = u"/Library/NoConsole/item.txt"_s;
+    QDir().mkpath(u"/Library/NoConsole/cwd"_s);
     writeFile(item, "stays\n", 0644);
-    QDir::setCurrent(QStringLiteral("/Library/NoConsole"));
-    QDir().mkpath(QStringLiteral("/Library/NoConsole/cwd"));
-    QDir::setCurrent(QStringLiteral("/Library/NoConsole/cwd"));
+    QDir::setCurrent(u"/Library/NoConsole/cwd"_s);
     const bool trashed = HXAuthorization::sharedController(false).authTrashFile(item);
     const bool deleted = HXAuthorization::sharedController(false).authTrashFile(item, true);
     const bool moved = !QDir().entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty();
     if (trashed || deleted || moved || !QFileInfo::exists(item)) {
-        details += QStringLiteral("trashed=%1 deleted=%2 moved into the working folder=%3\n")
-                       .arg(trashed)
-                       .arg(deleted)
-                       .arg(moved);
+        details +=
+            u"trashed=%1 deleted=%2 moved into the working folder=%3\n"_s.arg(trashed).arg(deleted).arg(
+                moved);
         return 1;
     }
     return 0;
@@ -630,18 +589,18 @@ int main(int argc, char **argv)
     if (args.size() < 2 || ::geteuid() != 0)
         return 2;
     const QString name = args[1];
-    const int attempts = args.value(2, QStringLiteral("1000")).toInt();
-    const int seconds = args.value(3, QStringLiteral("60")).toInt();
+    const int attempts = args.value(2, u"1000"_s).toInt();
+    const int seconds = args.value(3, u"60"_s).toInt();
     const passwd *anna = ::getpwnam("anna");
     if (anna == nullptr)
         return 2;
     annaUid = anna->pw_uid;
     annaGid = anna->pw_gid;
-    QDir().mkpath(QStringLiteral("/Library/Logs/Lanternfish"));
-    HXLog::createNewLog(QStringLiteral("linkattack"));
+    QDir().mkpath(u"/Library/Logs/Lanternfish"_s);
+    HXLog::createNewLog(u"linkattack"_s);
 
     makeDecoy();
-    if (flagsOf(kDecoy + QStringLiteral("/locked.txt")) <= 0 && name == QLatin1String("flags")) {
+    if (flagsOf(kDecoy + u"/locked.txt"_s) <= 0 && name == u"flags"_s) {
         std::printf("%s skipped: this file system keeps no immutable flag\n", qPrintable(name));
         return 0;
     }
@@ -655,20 +614,15 @@ int main(int argc, char **argv)
             return;
         ++escapes;
         if (details.isEmpty())
-            details = QStringLiteral("attempt %1 changed the decoy:\n%2--- it was:\n%3")
-                          .arg(attempt)
-                          .arg(now, before);
+            details = u"attempt %1 changed the decoy:\n%2--- it was:\n%3"_s.arg(attempt).arg(now, before);
         makeDecoy();
     };
 
-    if (name == QLatin1String("protected")) {
-        escapes = protectedSpellings(details);
-        done = 1;
-    } else if (name == QLatin1String("runner")) {
-        escapes = runnerRequests(details);
-        done = 1;
-    } else if (name == QLatin1String("noconsole")) {
-        escapes = withoutConsoleUser(details);
+    const QMap<QString, int (*)(QString &)> withoutRace{{u"protected"_s, protectedSpellings},
+                                                        {u"runner"_s, runnerRequests},
+                                                        {u"noconsole"_s, withoutConsoleUser}};
+    if (withoutRace.contains(name)) {
+        escapes = withoutRace[name](details);
         done = 1;
     } else {
         const Attempt attempt = attemptFor(name);
@@ -686,6 +640,8 @@ int main(int argc, char **argv)
                std::chrono::steady_clock::now() < deadline;
              ++done) {
             attempt(done);
+            if (done % 50 == 0)  // what the attempts trashed
+                cleanTrash();
             judge(done);
         }
         shared->phase.store(2);
@@ -698,6 +654,6 @@ int main(int argc, char **argv)
     if (!details.isEmpty())
         std::printf("%s", qPrintable(details));
     std::fflush(stdout);
-    setImmutable(kDecoy + QStringLiteral("/locked.txt"), false);
+    setImmutable(kDecoy + u"/locked.txt"_s, false);
     return escapes == 0 ? 0 : 1;
 }
