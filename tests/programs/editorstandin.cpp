@@ -5,11 +5,11 @@
 // "record-only"), because a relaunched application gets no arguments. Every start
 // and every SIGTERM is appended to the file named on the behaviour file's second
 // line: "launch uid=U home=H" (with " open=DOCUMENT" for each argument) and "term".
-// While it runs, each opening of its Info.plist is recorded as "look": someone
-// looking through the running applications, or finding and starting this one.
+// With "watch" it only runs, and records "look" whenever its Info.plist is opened:
+// each time someone looks through the running applications, and once when it
+// starts watching.
 
 #include <QByteArray>
-#include <QDeadlineTimer>
 #include <QFile>
 #include <QDir>
 #include <QFileInfo>
@@ -18,9 +18,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <poll.h>
+#include <fcntl.h>
 #include <sys/inotify.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 namespace {
@@ -50,40 +49,37 @@ int main(int argc, char **argv)
     const QByteArray behaviour = lines.value(0);
     const QByteArray recordPath = lines.value(1);
 
+    if (behaviour == "watch") {
+        // Opens and closes alternate, so no two opens merge into one event.
+        const QByteArray info =
+            QFile::encodeName(QFileInfo(behaviourPath).dir().filePath(QStringLiteral("../Info.plist")));
+        const int watch = ::inotify_init1(IN_CLOEXEC);
+        ::inotify_add_watch(watch, info.constData(), IN_OPEN | IN_CLOSE_NOWRITE);
+        ::close(::open(info.constData(), O_RDONLY | O_CLOEXEC));
+        inotify_event event{};  // a file's own events carry no name
+        while (::read(watch, &event, sizeof event) == sizeof event)
+            if (event.mask & IN_OPEN)
+                record(recordPath, "look");
+        return 1;
+    }
+
     sigset_t term;
     sigemptyset(&term);
     sigaddset(&term, SIGTERM);
     ::sigprocmask(SIG_BLOCK, &term, nullptr);
-    // Opens and closes alternate, so no two opens merge into one event.
-    const int watch = ::inotify_init1(IN_CLOEXEC);
-    ::inotify_add_watch(
-        watch,
-        QFile::encodeName(QFileInfo(behaviourPath).dir().filePath(QStringLiteral("../Info.plist")))
-            .constData(),
-        IN_OPEN | IN_CLOSE_NOWRITE);
-    const int signals = ::signalfd(-1, &term, SFD_CLOEXEC);
     QByteArray launch = "launch uid=" + QByteArray::number(::getuid()) + " home=" + qgetenv("HOME");
     for (int i = 1; i < argc; ++i)
         launch += QByteArray(" open=") + argv[i];
     record(recordPath, launch);
     if (behaviour == "record-only")
         return 0;
-    QDeadlineTimer quit(QDeadlineTimer::Forever);
-    while (!quit.hasExpired()) {
-        pollfd ready[2] = {{watch, POLLIN, 0}, {signals, POLLIN, 0}};
-        ::poll(ready, 2, int(quit.remainingTime()));
-        // Looks first: one taken before a SIGTERM was sent is already queued.
-        alignas(inotify_event) char events[4096];
-        const ssize_t length = (ready[0].revents & POLLIN) ? ::read(watch, events, sizeof events) : 0;
-        for (ssize_t at = 0; at < length; at += ssize_t(sizeof(inotify_event)))  // a file's: no names
-            if (reinterpret_cast<const inotify_event *>(events + at)->mask & IN_OPEN)
-                record(recordPath, "look");
-        signalfd_siginfo received{};
-        if (!(ready[1].revents & POLLIN) || ::read(signals, &received, sizeof received) != sizeof received)
-            continue;
+    for (;;) {
+        int received = 0;
+        ::sigwait(&term, &received);
         record(recordPath, "term");
-        if (behaviour.startsWith("quit-after ") && quit.isForever())
-            quit.setRemainingTime(1000 * behaviour.mid(11).toInt());
+        if (behaviour.startsWith("quit-after ")) {
+            ::sleep(behaviour.mid(11).toUInt());
+            return 0;
+        }
     }
-    return 0;
 }
