@@ -48,21 +48,9 @@ QByteArray patternBytes(qsizetype size)
     return data;
 }
 
-bool writeFile(const QString &path, const QByteArray &data)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size();
-}
-
 QString sha1Hex(const QByteArray &data)
 {
     return QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Sha1).toHex());
-}
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("(unreadable)");
 }
 
 // The messages of system-console lines, without the date and process prefix.
@@ -134,7 +122,7 @@ TEST(HXVerifiedCopyTest, AnEmptySourceGivesEmptyCopiesWithTheDigestOfNothing)
 {
     QTemporaryDir dir;
     const QString source = dir.filePath("empty.mov");
-    ASSERT_TRUE(writeFile(source, {}));
+    ASSERT_TRUE(disk::write(source, {}));
     const QStringList destinations{dir.filePath("a.mov"), dir.filePath("b.mov")};
     Recorder recorder;
     StderrCapture console;
@@ -158,7 +146,7 @@ TEST(HXVerifiedCopyTest, ReportsEvery40MiBWhileTheCopyHoldsExactlyThatMuch)
     QTemporaryDir dir;
     const QString source = dir.filePath("clip.mov");
     const QByteArray data = patternBytes(100 * kMiB);
-    ASSERT_TRUE(writeFile(source, data));
+    ASSERT_TRUE(disk::write(source, data));
     ASSERT_TRUE(QFile::setPermissions(source, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
                                                   QFileDevice::ReadGroup));
     const QDateTime taken = QDateTime::fromSecsSinceEpoch(1500000000);
@@ -180,7 +168,7 @@ TEST(HXVerifiedCopyTest, ReportsEvery40MiBWhileTheCopyHoldsExactlyThatMuch)
     if (!onMemoryFileSystem(destination)) {
         EXPECT_LT(residentPages(destination), 16u) << "the copy went through the page cache";
     }
-    EXPECT_TRUE(readFile(destination) == data);
+    EXPECT_TRUE(disk::read(destination) == data);
     const QFileInfo copied(destination);
     EXPECT_EQ(copied.permissions() & 0x0FFF, QFileInfo(source).permissions() & 0x0FFF);
     EXPECT_EQ(copied.lastModified(), taken);
@@ -190,7 +178,7 @@ TEST(HXVerifiedCopyTest, ADelegateThatSaysStopAt40MiBKeepsThatMuchAndNeverHearsF
 {
     QTemporaryDir dir;
     const QString source = dir.filePath("clip.mov");
-    ASSERT_TRUE(writeFile(source, patternBytes(50 * kMiB)));
+    ASSERT_TRUE(disk::write(source, patternBytes(50 * kMiB)));
     const QString destination = dir.filePath("clip copy.mov");
     Recorder recorder;
     recorder.continueAnswers = 0;
@@ -210,7 +198,7 @@ TEST(HXVerifiedCopyTest, TwoDestinationsAgreeWithTheSourceDigest)
     QTemporaryDir dir;
     const QString source = dir.filePath("A001C003.mov");
     const QByteArray data = patternBytes(3 * kMiB + 123);
-    ASSERT_TRUE(writeFile(source, data));
+    ASSERT_TRUE(disk::write(source, data));
     const QStringList destinations{dir.filePath("backup 1/A001C003.mov"),
                                    dir.filePath("backup 2/Day 1/Card A/A001C003.mov")};
     ASSERT_TRUE(QDir().mkpath(dir.filePath("backup 1")));
@@ -234,7 +222,7 @@ TEST(HXVerifiedCopyTest, TwoDestinationsAgreeWithTheSourceDigest)
     EXPECT_EQ(settings.value("delegate").value<HXFileCopyDelegate *>(), &recorder.delegate);
     EXPECT_EQ(recorder.reports, std::vector<std::uint64_t>{3 * kMiB + 123});
     for (const QString &destination : destinations)
-        EXPECT_TRUE(readFile(destination) == data) << destination.toStdString();
+        EXPECT_TRUE(disk::read(destination) == data) << destination.toStdString();
 }
 
 // Once the source's attributes could not be carried over to one copy, every later
@@ -246,7 +234,7 @@ TEST(HXVerifiedCopyTest, AnAttributeFailureIsReportedForEveryLaterCopy)
         GTEST_SKIP() << "only root leaves a file with a second name as it is";
     QTemporaryDir dir;
     const QString source = dir.filePath("clip.mov");
-    ASSERT_TRUE(writeFile(source, "frames"));
+    ASSERT_TRUE(disk::write(source, "frames"));
     const QStringList destinations{dir.filePath("a.mov"), dir.filePath("b.mov"), dir.filePath("c.mov")};
     Recorder recorder;
     recorder.delegate.fileCopyBytesWritten = [&](std::uint64_t, QVariantMap &) {
@@ -268,8 +256,8 @@ TEST(HXVerifiedCopyTest, RefusesWhatItCannotCopyWithItsMessages)
 {
     QTemporaryDir dir;
     const QString source = dir.filePath("clip.mov");
-    ASSERT_TRUE(writeFile(source, "frames"));
-    ASSERT_TRUE(writeFile(dir.filePath("plain file"), "x"));
+    ASSERT_TRUE(disk::write(source, "frames"));
+    ASSERT_TRUE(disk::write(dir.filePath("plain file"), "x"));
     ASSERT_TRUE(QDir().mkpath(dir.filePath("folder.mov")));
     const QString missing = dir.filePath("gone.mov");
     const QString underFile = dir.filePath("plain file/sub/clip.mov");
@@ -330,10 +318,10 @@ TEST(HXVerifiedCopyTest, RefusesWhatItCannotCopyWithItsMessages)
     StderrCapture console;
     EXPECT_FALSE(
         copyFileWithProgress(source, {source, dir.filePath("c.mov"), hardLink}, 1, &recorder.delegate));
-    EXPECT_EQ(readFile(source), "frames");
+    EXPECT_EQ(disk::read(source), "frames");
     EXPECT_EQ(QFileInfo(source).size(), 6);
     EXPECT_TRUE(consoleMessages(console.text()).contains(itself)) << console.text().toStdString();
-    EXPECT_EQ(readFile(dir.filePath("c.mov")), "frames");
+    EXPECT_EQ(disk::read(dir.filePath("c.mov")), "frames");
     ASSERT_TRUE(recorder.finished);
     EXPECT_EQ(recorder.finished->value("destinations").toStringList(), QStringList{dir.filePath("c.mov")});
 }
@@ -345,7 +333,7 @@ TEST(HXVerifiedCopyTest, AReadBackFaultIsReportedForThatCopyAlone)
     QTemporaryDir dir;
     const QString source = dir.filePath("clip.mov");
     const QByteArray data = patternBytes(5 * kMiB);
-    ASSERT_TRUE(writeFile(source, data));
+    ASSERT_TRUE(disk::write(source, data));
     const QString good = dir.filePath("good.mov");
     const QString bad = dir.filePath("bad.mov");
     QByteArray corrupted = data;
@@ -360,7 +348,7 @@ TEST(HXVerifiedCopyTest, AReadBackFaultIsReportedForThatCopyAlone)
     const QStringList lines = QString::fromUtf8(run.out).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     EXPECT_EQ(lines, QStringList({"written 5242880", "failed " + bad + " " + badSha1, "finished",
                                   "source " + sha1, "destinations " + sha1 + "," + badSha1, "result YES"}));
-    EXPECT_TRUE(readFile(bad) == data) << "the fault lies in reading back, not in the file";
+    EXPECT_TRUE(disk::read(bad) == data) << "the fault lies in reading back, not in the file";
 }
 
 // A destination on a small, full file system: one line per block it could not
@@ -370,7 +358,7 @@ TEST(HXVerifiedCopyTest, AFullVolumeReportsEveryBlockItCouldNotTake)
     QTemporaryDir dir;
     const QString source = dir.filePath("clip.mov");
     const QByteArray data = patternBytes(4 * kMiB);
-    ASSERT_TRUE(writeFile(source, data));
+    ASSERT_TRUE(disk::write(source, data));
     const QString small = dir.filePath("small");
     ASSERT_TRUE(QDir().mkpath(small));
     const QString good = dir.filePath("good.mov");
@@ -402,7 +390,7 @@ TEST(HXVerifiedCopyTest, AFullVolumeReportsEveryBlockItCouldNotTake)
     EXPECT_EQ(lines.filter(QStringLiteral("failed ")).size(), 1);
     EXPECT_TRUE(lines.filter(QStringLiteral("failed ")).value(0).startsWith("failed " + full + " "));
     EXPECT_TRUE(lines.contains("result YES"));
-    EXPECT_TRUE(readFile(good) == data);
+    EXPECT_TRUE(disk::read(good) == data);
 }
 
 namespace {
@@ -450,10 +438,9 @@ TEST(HXAsyncCopyTest, ReportsRunningThenCompleteOnTheMainThread)
 {
     QTemporaryDir dir;
     const QString source = dir.filePath("Project");
-    ASSERT_TRUE(QDir().mkpath(source + "/Media"));
     const QByteArray data = patternBytes(8 * kMiB);
-    ASSERT_TRUE(writeFile(source + "/Media/clip.mov", data));
-    ASSERT_TRUE(writeFile(source + "/edit.prproj", "timeline"));
+    ASSERT_TRUE(disk::write(source + "/Media/clip.mov", data));
+    ASSERT_TRUE(disk::write(source + "/edit.prproj", "timeline"));
     const QString destination = dir.filePath("Backup/Project copy");
     AsyncRecorder recorder;
     ASSERT_TRUE(copyFileWithProgressOld(source, destination, recorder.delegate, QStringLiteral("job 1")));
@@ -473,8 +460,8 @@ TEST(HXAsyncCopyTest, ReportsRunningThenCompleteOnTheMainThread)
     EXPECT_EQ(running.value(kHXOperationTotalObjectsKey).toULongLong(), 4u);
     EXPECT_EQ(recorder.finished->value("stage").toInt(), 3);
     EXPECT_FALSE(recorder.finished->contains(kHXOperationBytesCompleteKey));
-    EXPECT_TRUE(readFile(destination + "/Media/clip.mov") == data);
-    EXPECT_EQ(readFile(destination + "/edit.prproj"), QByteArray("timeline"));
+    EXPECT_TRUE(disk::read(destination + "/Media/clip.mov") == data);
+    EXPECT_EQ(disk::read(destination + "/edit.prproj"), QByteArray("timeline"));
 
     // An existing destination is not replaced.
     StderrCapture console;
