@@ -4,6 +4,7 @@
 #include "fs/HXFinderLabels.h"
 #include "platform/ExtendedAttributes.h"
 #include "platform/FileFlags.h"
+#include "tests/support/TestFiles.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -39,10 +40,7 @@ public:
     }
     void write(const QString &relative, const QByteArray &contents) const
     {
-        QDir().mkpath(QFileInfo(path(relative)).path());
-        QFile file(path(relative));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        ASSERT_EQ(file.write(contents), contents.size());
+        ASSERT_TRUE(disk::write(path(relative), contents));
     }
     bool isValid() const { return m_dir.isValid(); }
 
@@ -148,12 +146,9 @@ TEST(Permissions, SetsTheBitsAndSurvivesMissingFiles)
     ASSERT_TRUE(dir.isValid());
     dir.write(u"f"_s, "x");
     setPosixPermissions(0640, dir.path(u"f"_s));
-    struct stat info {};
-    ASSERT_EQ(::stat(encoded(dir.path(u"f"_s)), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0640u);
+    EXPECT_EQ(disk::info(dir.path(u"f"_s)).st_mode & 07777, 0640u);
     setPosixPermissions(04755, dir.path(u"f"_s));
-    ASSERT_EQ(::stat(encoded(dir.path(u"f"_s)), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 04755u);
+    EXPECT_EQ(disk::info(dir.path(u"f"_s)).st_mode & 07777, 04755u);
     setPosixPermissions(0600, dir.path(u"missing"_s));
 }
 

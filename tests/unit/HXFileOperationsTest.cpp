@@ -2,6 +2,7 @@
 // and go on to administrator rights, run in the sandbox: FileOperationsTest).
 
 #include "fs/HXFileOperations.h"
+#include "tests/support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -29,18 +30,8 @@ protected:
 
     QString write(const QString &relative, const QByteArray &contents = "x") const
     {
-        const QString target = path(relative);
-        QDir().mkpath(QFileInfo(target).path());
-        QFile file(target);
-        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(contents);
-        return target;
-    }
-
-    static QByteArray read(const QString &file)
-    {
-        QFile in(file);
-        return in.open(QIODevice::ReadOnly) ? in.readAll() : QByteArray();
+        EXPECT_TRUE(disk::write(path(relative), contents));
+        return path(relative);
     }
 
     QTemporaryDir m_dir;
@@ -79,7 +70,7 @@ TEST_F(FileOperationsTest, RemovalTakesLinksNotWhatTheyPointTo)
     ASSERT_TRUE(QFile::link(outside, path(QStringLiteral("tree/file-link"))));
     EXPECT_TRUE(fm::removeFile(path(QStringLiteral("tree")), false));
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("tree"))));
-    EXPECT_EQ(read(outside), QByteArray("keep"));
+    EXPECT_EQ(disk::read(outside), QByteArray("keep"));
     EXPECT_TRUE(fm::removeFile(outside, 1s));
     EXPECT_FALSE(QFileInfo::exists(outside));
 }
@@ -106,11 +97,11 @@ TEST_F(FileOperationsTest, FoldersAreCreatedWithTheirParentsExceptOnMissingVolum
 TEST_F(FileOperationsTest, CopiesKeepLinksAndPermissions)
 {
     const QString script = write(QStringLiteral("src/bin/run.sh"), "#!/bin/sh\n");
-    ASSERT_EQ(::chmod(QFile::encodeName(script).constData(), 0750), 0);
+    ASSERT_TRUE(disk::chmod(script, 0750));
     write(QStringLiteral("src/data.txt"), "data");
     ASSERT_TRUE(QFile::link(QStringLiteral("run.sh"), path(QStringLiteral("src/bin/latest"))));
     EXPECT_TRUE(fm::copyFile(path(QStringLiteral("src")), path(QStringLiteral("dst")), 5s));
-    EXPECT_EQ(read(path(QStringLiteral("dst/bin/run.sh"))), QByteArray("#!/bin/sh\n"));
+    EXPECT_EQ(disk::read(path(QStringLiteral("dst/bin/run.sh"))), QByteArray("#!/bin/sh\n"));
     EXPECT_EQ(QFileInfo(path(QStringLiteral("dst/bin/run.sh"))).permissions(),
               QFileInfo(script).permissions());
     EXPECT_EQ(QFileInfo(path(QStringLiteral("dst/bin/latest"))).symLinkTarget(),
@@ -119,7 +110,7 @@ TEST_F(FileOperationsTest, CopiesKeepLinksAndPermissions)
 
     QDir().mkpath(path(QStringLiteral("into")));
     EXPECT_TRUE(fm::copyContentsOfDirectory(path(QStringLiteral("src")), path(QStringLiteral("into")), 1s));
-    EXPECT_EQ(read(path(QStringLiteral("into/data.txt"))), QByteArray("data"));
+    EXPECT_EQ(disk::read(path(QStringLiteral("into/data.txt"))), QByteArray("data"));
     EXPECT_TRUE(
         fm::copyContentsOfDirectory(path(QStringLiteral("missing")), path(QStringLiteral("into")), 1s));
 }
@@ -129,16 +120,16 @@ TEST_F(FileOperationsTest, MovesRenameAndChangeLetterCaseThroughAFreeName)
     const QString source = write(QStringLiteral("abc"), "abc");
     const QString upper = path(QStringLiteral("ABC"));
     EXPECT_TRUE(fm::moveFile(source, upper, false));
-    EXPECT_EQ(read(upper), QByteArray("abc"));
+    EXPECT_EQ(disk::read(upper), QByteArray("abc"));
     EXPECT_FALSE(QFileInfo::exists(source));
     EXPECT_FALSE(QFileInfo::exists(path(QStringLiteral("ABC 2"))));
     EXPECT_TRUE(fm::moveFile(upper, source, 2s));
-    EXPECT_EQ(read(source), QByteArray("abc"));
+    EXPECT_EQ(disk::read(source), QByteArray("abc"));
 
     write(QStringLiteral("folder/inner.txt"), "inner");
     QDir().mkpath(path(QStringLiteral("moved")));
     EXPECT_TRUE(fm::moveFile(path(QStringLiteral("folder")), path(QStringLiteral("moved/folder")), 2s));
-    EXPECT_EQ(read(path(QStringLiteral("moved/folder/inner.txt"))), QByteArray("inner"));
+    EXPECT_EQ(disk::read(path(QStringLiteral("moved/folder/inner.txt"))), QByteArray("inner"));
 
     const QString empty = path(QStringLiteral("moved/empty"));
     EXPECT_TRUE(fm::createEmptyFile(empty));
@@ -152,7 +143,7 @@ TEST_F(FileOperationsTest, ArchivesAndReferences)
     const QString zip = path(QStringLiteral("Logs.zip"));
     EXPECT_TRUE(fm::compressFile(path(QStringLiteral("Logs")), zip));
     EXPECT_TRUE(fm::decompressFile(zip, path(QStringLiteral("out"))));
-    EXPECT_EQ(read(path(QStringLiteral("out/Logs/one.log"))), QByteArray("one"));
+    EXPECT_EQ(disk::read(path(QStringLiteral("out/Logs/one.log"))), QByteArray("one"));
     EXPECT_FALSE(fm::decompressFile(path(QStringLiteral("none.zip")), path(QStringLiteral("out2"))));
 
     const QString file = write(QStringLiteral("ref.txt"));

@@ -1,7 +1,7 @@
 #include "fs/HXFileAttributes.h"
+#include "tests/support/TestFiles.h"
 
 #include <QDateTime>
-#include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
 
@@ -15,10 +15,8 @@ TEST(TimeStamps, ModificationDateAndTouch)
     QTemporaryDir dir;
     ASSERT_TRUE(dir.isValid());
     const auto path = [&dir](const QString &name) { return dir.filePath(name); };
-    QFile created(path(u"f"_s));
-    ASSERT_TRUE(created.open(QIODevice::WriteOnly));
-    created.close();
     const QString file = path(u"f"_s);
+    ASSERT_TRUE(disk::write(file));
     const QDateTime past = QDateTime::fromSecsSinceEpoch(1000000000, Qt::UTC).addMSecs(250);
     EXPECT_TRUE(setModificationDate(past, file));
     EXPECT_EQ(QFileInfo(file).lastModified().toUTC(), past);

@@ -1,5 +1,6 @@
 #include "fs/HXFileAttributes.h"
 #include "fs/HXFileWaits.h"
+#include "tests/support/TestFiles.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -23,9 +24,7 @@ protected:
     QString path(const QString &name) const { return m_dir.path() + QLatin1Char('/') + name; }
     void write(const QString &name, const QByteArray &contents = "data") const
     {
-        QFile file(path(name));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(contents);
+        ASSERT_TRUE(disk::write(path(name), contents));
     }
     void age(const QString &name) const
     {

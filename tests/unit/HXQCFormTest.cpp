@@ -2,8 +2,8 @@
 // alphabet.
 
 #include "app/HXQC.h"
+#include "tests/support/TestFiles.h"
 
-#include <QFile>
 #include <QSet>
 #include <QTemporaryDir>
 
@@ -12,14 +12,12 @@
 TEST(HXQCFormTest, PartsFollowTheKeyOrderWithFilesAsOctetStreamsAndNoClosingLine)
 {
     QTemporaryDir folder;
-    QFile attachment(folder.filePath(QStringLiteral("crash.log")));
-    ASSERT_TRUE(attachment.open(QIODevice::WriteOnly));
-    attachment.write(QByteArray("bytes\0\r\nmore", 12));
-    attachment.close();
+    const QString attachment = folder.filePath(QStringLiteral("crash.log"));
+    ASSERT_TRUE(disk::write(attachment, QByteArray("bytes\0\r\nmore", 12)));
 
     const QVariantMap form{{QStringLiteral("version"), 100},
                            {QStringLiteral("app"), QStringLiteral("com.lanternfish.Mendwell")},
-                           {QStringLiteral("file"), QUrl::fromLocalFile(attachment.fileName())},
+                           {QStringLiteral("file"), QUrl::fromLocalFile(attachment)},
                            {QStringLiteral("page"), QUrl(QStringLiteral("https://example.org/x"))},
                            {QStringLiteral("note"), QStringLiteral("ü")}};
     const QByteArray expected =

@@ -1,9 +1,9 @@
 #include "fs/HXWildcardMatch.h"
 #include "fs/HXWildcardPaths.h"
+#include "tests/support/TestFiles.h"
 
 #include <QDir>
 #include <QDirIterator>
-#include <QFile>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -21,12 +21,7 @@ protected:
 
     QString path(const QString &relative) const { return m_dir.path() + QLatin1Char('/') + relative; }
 
-    void makeFile(const QString &relative) const
-    {
-        QDir().mkpath(QFileInfo(path(relative)).path());
-        QFile file(path(relative));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    }
+    void makeFile(const QString &relative) const { ASSERT_TRUE(disk::write(path(relative))); }
     void makeFolder(const QString &relative) const { ASSERT_TRUE(QDir().mkpath(path(relative))); }
 
     QTemporaryDir m_dir;

@@ -1,5 +1,6 @@
 #include "system/HXUserDefaults.h"
 #include "system/PropertyList.h"
+#include "tests/support/TestFiles.h"
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -48,11 +49,7 @@ TEST_F(UserDefaultsTest, StoredValuesWinOverRegisteredOnesAndTheFileHoldsOnlySto
 
 TEST_F(UserDefaultsTest, BrokenFilesReadAsEmptyAndAreReplacedWholeOnWrite)
 {
-    QDir().mkpath(prefs());
-    QFile broken(file());
-    ASSERT_TRUE(broken.open(QIODevice::WriteOnly));
-    broken.write("<?xml version=\"1.0\"?><plist><dict><key>half");
-    broken.close();
+    ASSERT_TRUE(disk::write(file(), "<?xml version=\"1.0\"?><plist><dict><key>half"));
 
     HXUserDefaults defaults(file());
     EXPECT_TRUE(defaults.dictionaryRepresentation().isEmpty());
