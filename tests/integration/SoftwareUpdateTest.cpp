@@ -69,11 +69,8 @@ protected:
     void SetUp() override
     {
         SKIP_WITHOUT_SANDBOX();
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Temp")));
-        ::chmod(QFile::encodeName(box.hostPath(QStringLiteral("/Library/Temp"))).constData(), 01777);
-        ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-softwareupdate"),
-                                box.hostPath(kDriver)));
-        ::chmod(QFile::encodeName(box.hostPath(kDriver)).constData(), 0755);
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Temp"), false, 01777));
+        ASSERT_EQ(box.installInBundle(QStringLiteral("app-softwareupdate")), kDriver);
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Library/Preferences"), true));
     }
 
@@ -151,11 +148,9 @@ TEST_F(SoftwareUpdateTest, TheNewerCarriedUpdaterRunsFromAPrivateCopyNeverFromAn
             .match(path);
     EXPECT_TRUE(match.hasMatch()) << path.toStdString();
     if (match.hasMatch()) {
-        struct stat folder {};
-        ASSERT_EQ(::stat(QFile::encodeName(box.hostPath(QStringLiteral("/Library/Temp/") + match.captured(1)))
-                             .constData(),
-                         &folder),
-                  0);
+        const struct stat folder =
+            disk::info(box.hostPath(QStringLiteral("/Library/Temp/") + match.captured(1)));
+        ASSERT_TRUE(S_ISDIR(folder.st_mode));
         EXPECT_EQ(folder.st_uid, Sandbox::userId());
         EXPECT_EQ(folder.st_mode & 07777, 0700u);
         // That copy stays for the updater it was made for; the check's goes when it ends.
@@ -187,8 +182,7 @@ TEST_F(SoftwareUpdateTest, TheNewerCarriedUpdaterRunsFromAPrivateCopyNeverFromAn
 TEST_F(SoftwareUpdateTest, AsRootOnlyTheCarriedUpdaterRunsWhileAnotherUserRaces)
 {
     constexpr int kRounds = 15;
-    ASSERT_TRUE(box.makeFolder(kRuns));
-    ASSERT_EQ(::chmod(QFile::encodeName(box.hostPath(kRuns)).constData(), 01777), 0);
+    ASSERT_TRUE(box.makeFolder(kRuns, false, 01777));
     ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
     installScriptUpdater(kEmbedded, 15, updaterScript(kRuns + QStringLiteral("/carried")), false);
     // Hers, version 99, to be planted at the old name, and her program for the folders.

@@ -111,12 +111,13 @@ QString Sandbox::hostPath(const QString &sandboxPath) const
     return m_root.path() + sandboxPath;
 }
 
-bool Sandbox::makeFolder(const QString &sandboxPath, bool ownedByUser) const
+bool Sandbox::makeFolder(const QString &sandboxPath, bool ownedByUser, int mode) const
 {
-    if (!ownedByUser)
-        return QDir().mkpath(hostPath(sandboxPath));
     const auto account = userAccount();
-    return account && disk::makePath(hostPath(sandboxPath), account->uid, account->gid);
+    const bool made = ownedByUser
+                          ? account && disk::makePath(hostPath(sandboxPath), account->uid, account->gid)
+                          : QDir().mkpath(hostPath(sandboxPath));
+    return made && (mode < 0 || disk::chmod(hostPath(sandboxPath), static_cast<mode_t>(mode)));
 }
 
 bool Sandbox::writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser) const
