@@ -1,12 +1,8 @@
 #include "system/PropertyList.h"
 #include "tests/support/Sandbox.h"
-
-#include <QFileInfo>
+#include "tests/support/TestFiles.h"
 
 #include <gtest/gtest.h>
-
-#include <pwd.h>
-#include <sys/stat.h>
 
 namespace {
 
@@ -109,9 +105,7 @@ TEST_F(CommandLineTest, RootRepairWithoutMachineLogFolderSaysItCannotCreateTheLo
     EXPECT_EQ(result.exitCode, 0);
     // The user's folder is made (and left to the user), the machine's is not.
     ASSERT_TRUE(box.exists(kUserLogs));
-    struct stat info {};
-    ASSERT_EQ(::stat(QFile::encodeName(box.hostPath(kUserLogs)).constData(), &info), 0);
-    EXPECT_EQ(info.st_uid, getpwnam("anna")->pw_uid);
+    EXPECT_EQ(disk::info(box.hostPath(kUserLogs)).st_uid, Sandbox::userId());
     EXPECT_FALSE(box.exists(kMachineLogs));
     EXPECT_TRUE(
         result.out.startsWith("Unable to create log file /Library/Logs/Lanternfish/Mendwell.task.1.log - No "

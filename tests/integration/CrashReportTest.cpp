@@ -125,9 +125,7 @@ TEST_F(CrashReportTest, ACrashLeavesAReportThatTheNextRunHandsToTheBugReporter)
         << report.toStdString();
     // It died sleeping in the step that ends the background processes.
     EXPECT_TRUE(report.contains(QStringLiteral("stopAll"))) << report.toStdString();
-    struct stat info {};
-    ASSERT_EQ(::stat(QFile::encodeName(box.hostPath(path)).constData(), &info), 0);
-    EXPECT_EQ(info.st_uid, Sandbox::userId());
+    EXPECT_EQ(disk::info(box.hostPath(path)).st_uid, Sandbox::userId());
 
     // The next run finds it and opens it with the bug reporter, as anna. (It starts
     // in a later second: the stamps keep whole seconds, so a run in the same second

@@ -4,6 +4,7 @@
 
 #include "tests/support/PolkitNamespace.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/TestFiles.h"
 
 #include <QDir>
 #include <QFile>
@@ -27,8 +28,7 @@ protected:
     {
         SKIP_WITHOUT_SANDBOX();
         // Inside the bundle, beside the privileged runner, as the program's own parts are.
-        ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/mendwell-fileops"),
-                                box.hostPath(kProgram)));
+        ASSERT_EQ(box.installInBundle(QStringLiteral("mendwell-fileops")), kProgram);
         ASSERT_TRUE(box.makeFolder(kHome + QStringLiteral("/Library/Logs"), true));
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
     }
@@ -51,10 +51,8 @@ protected:
 
     uid_t ownerOf(const QString &sandboxPath) const
     {
-        struct stat info {};
-        return ::lstat(QFile::encodeName(box.hostPath(sandboxPath)).constData(), &info) == 0
-                   ? info.st_uid
-                   : static_cast<uid_t>(-1);
+        const struct stat info = disk::info(box.hostPath(sandboxPath));
+        return info.st_mode != 0 ? info.st_uid : static_cast<uid_t>(-1);
     }
 
     // trash-cli as anna, on anna's home trash.
@@ -96,10 +94,8 @@ TEST_F(FileOperationsTest, TrashedByTypeAndNameTheDesktopListsAndRestoresThem)
         EXPECT_TRUE(QString::fromUtf8(result.out).contains(QLatin1Char(' ') + prefs + QLatin1String(item)))
             << describe(result).toStdString();
 
-    result =
-        box.runAsUser({QStringLiteral("sh"), QStringLiteral("-c"),
-                       QStringLiteral("echo 0 | trash-restore ") + prefs + QStringLiteral("/Sub/Layouts")},
-                      {QStringLiteral("XDG_DATA_HOME=/Users/anna/.local/share")});
+    result = trashCli({QStringLiteral("sh"), QStringLiteral("-c"),
+                       QStringLiteral("echo 0 | trash-restore ") + prefs + QStringLiteral("/Sub/Layouts")});
     ASSERT_EQ(result.exitCode, 0) << describe(result).toStdString();
     EXPECT_EQ(box.readFile(prefs + QStringLiteral("/Sub/Layouts/Workspace.plist")), QByteArray("w"));
 
@@ -223,7 +219,7 @@ TEST_F(FileOperationsTest, AsRootTheSameOperationsRunDirectlyAndTrashGoesToTheCo
     // In anna's home, behind a folder closed to her: her rights cannot, so only
     // the administrator's fallback (root's own rights) trashes it.
     ASSERT_TRUE(box.writeFile(kHome + QStringLiteral("/Closed/root.db"), "c"));
-    ::chmod(QFile::encodeName(box.hostPath(kHome + QStringLiteral("/Closed"))).constData(), 0700);
+    ASSERT_TRUE(disk::chmod(box.hostPath(kHome + QStringLiteral("/Closed")), 0700));
     EXPECT_EQ(
         asRoot({QStringLiteral("trash"), kHome + QStringLiteral("/Closed/root.db"), QStringLiteral("noauth")})
             .out,
@@ -250,10 +246,10 @@ TEST_F(FileOperationsTest, AsTheUserLinksAndClimbingPathsWorkAsOnThePlatform)
     const QString work = kHome + QStringLiteral("/Work");
     ASSERT_TRUE(box.makeFolder(work + QStringLiteral("/sub"), true));
     ASSERT_TRUE(box.makeFolder(kHome + QStringLiteral("/Shared"), true));
-    ::chmod(QFile::encodeName(box.hostPath(kHome + QStringLiteral("/Shared"))).constData(), 0775);
+    ASSERT_TRUE(disk::chmod(box.hostPath(kHome + QStringLiteral("/Shared")), 0775));
     auto link = [&](const QString &target, const QString &path, uid_t owner) {
         ASSERT_TRUE(QFile::link(target, box.hostPath(path)));
-        ASSERT_EQ(::lchown(QFile::encodeName(box.hostPath(path)).constData(), owner, owner), 0);
+        ASSERT_TRUE(disk::chown(box.hostPath(path), owner, owner));
     };
     link(work, kHome + QStringLiteral("/Shared/Projects"), Sandbox::userId());
     link(work, kHome + QStringLiteral("/Admins"), Sandbox::userId() + 1000);  // another account's
@@ -319,9 +315,7 @@ TEST_F(FileOperationsTest, AsRootAFolderBehindARefusedLinkIsNeitherEmptyNorDone)
     ASSERT_TRUE(box.writeFile(kHome + QStringLiteral("/Target/item.txt"), "hers", true));
     ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Application Support/Adobe")));
     ASSERT_TRUE(QFile::link(kHome + QStringLiteral("/Target"), box.hostPath(behind)));
-    ASSERT_EQ(::lchown(QFile::encodeName(box.hostPath(behind)).constData(), Sandbox::userId(),
-                       Sandbox::userGroupId()),
-              0);
+    ASSERT_TRUE(disk::chown(box.hostPath(behind), Sandbox::userId(), Sandbox::userGroupId()));
     EXPECT_EQ(asRoot({QStringLiteral("isempty"), behind}).out, QByteArray("NO\n"));
     EXPECT_EQ(asRoot({QStringLiteral("trashcontents"), behind}).out, QByteArray("NO\n"));
     EXPECT_EQ(asRoot({QStringLiteral("copycontents"), behind, QStringLiteral("/Library")}).out,
@@ -354,10 +348,7 @@ TEST(FileOperationsWithPolkitTest, RootOwnedItemsFallBackToAdministratorRights)
     for (const char *name : {"/remove.db", "/move.db", "/trash.db"})
         ASSERT_TRUE(polkit.writeFile(folder + QLatin1String(name), "root's", false));
     ASSERT_TRUE(polkit.makeFolder(kHome + QStringLiteral("/Library/Logs"), true));
-    auto logText = [&] {
-        QFile file(polkit.hostPath(kLog));
-        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-    };
+    auto logText = [&] { return QString::fromUtf8(disk::read(polkit.hostPath(kLog))); };
 
     PolkitNamespace::Result result =
         polkit.runAsUser({kProgram, QStringLiteral("remove"), folder + "/remove.db"});
@@ -380,9 +371,8 @@ TEST(FileOperationsWithPolkitTest, RootOwnedItemsFallBackToAdministratorRights)
     EXPECT_EQ(result.passwordPrompts, 1);
     EXPECT_FALSE(polkit.exists(folder + QStringLiteral("/trash.db")));
     EXPECT_TRUE(polkit.exists(kTrash + QStringLiteral("/files/trash.db")));
-    QFile record(polkit.hostPath(kTrash + QStringLiteral("/info/trash.db.trashinfo")));
-    ASSERT_TRUE(record.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(record.readAll().contains("\nPath=/Library/Application%20Support/Adobe/Common/trash.db\n"));
+    EXPECT_TRUE(disk::read(polkit.hostPath(kTrash + QStringLiteral("/info/trash.db.trashinfo")))
+                    .contains("\nPath=/Library/Application%20Support/Adobe/Common/trash.db\n"));
 }
 
 }  // namespace

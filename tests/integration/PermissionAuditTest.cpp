@@ -26,7 +26,6 @@ const QString kLocal = QStringLiteral("/Library/Application Support/Adobe");
 const QString kDocuments = QStringLiteral("/Users/anna/Documents/Adobe");
 const QString kAudit = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/app-audit");
 const QString kTool = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/permissiontool");
-const QString kRepairStep = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/app-setpermissions");
 
 enum Owner { Root, Anna };
 
@@ -48,8 +47,7 @@ protected:
     void SetUp() override
     {
         SKIP_WITHOUT_SANDBOX();
-        ASSERT_TRUE(
-            QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-audit"), box.hostPath(kAudit)));
+        ASSERT_EQ(box.installInBundle(QStringLiteral("app-audit")), kAudit);
         buildTree();
     }
 
@@ -80,9 +78,9 @@ protected:
 
     void set(const QString &path, Owner owner, mode_t mode)
     {
-        const QByteArray host = QFile::encodeName(box.hostPath(path));
-        ASSERT_EQ(::lchown(host.constData(), owner == Anna ? annaUid : 0, owner == Anna ? annaGid : 0), 0);
-        ASSERT_EQ(::chmod(host.constData(), mode), 0);
+        ASSERT_TRUE(
+            disk::chown(box.hostPath(path), owner == Anna ? annaUid : 0, owner == Anna ? annaGid : 0));
+        ASSERT_TRUE(disk::chmod(box.hostPath(path), mode));
     }
 
     void buildTree()
@@ -164,12 +162,7 @@ protected:
         return ordered;
     }
 
-    struct stat hostInfo(const QString &path) const
-    {
-        struct stat info {};
-        ::lstat(QFile::encodeName(box.hostPath(path)).constData(), &info);
-        return info;
-    }
+    struct stat hostInfo(const QString &path) const { return disk::info(box.hostPath(path)); }
 
     Sandbox box;
     const uid_t annaUid = Sandbox::userId();
@@ -221,9 +214,7 @@ TEST_F(PermissionAuditTest, PermissiontoolCorrectsEverythingButAHardLinkedFileAn
         before.push_back(hostInfo(path));
 
     // The repair's step runs the tool as a repair does, its status unread.
-    ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-setpermissions"),
-                            box.hostPath(kRepairStep)));
-    const ProcessResult step = box.runAsRoot({kRepairStep});
+    const ProcessResult step = box.runAsRoot({box.installInBundle(QStringLiteral("app-setpermissions"))});
     EXPECT_EQ(step.exitCode, 0) << step.err.constData();
 
     EXPECT_EQ(audit(true), QStringList{kUser + "/secret-link"});

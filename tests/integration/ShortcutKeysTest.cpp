@@ -8,11 +8,7 @@
 #include "tests/support/TestFiles.h"
 #include "tests/support/TestSessionBus.h"
 
-#include <QFile>
-
 #include <gtest/gtest.h>
-
-#include <sys/stat.h>
 
 namespace {
 
@@ -53,9 +49,7 @@ protected:
     {
         SKIP_WITHOUT_SANDBOX();
         ASSERT_TRUE(bus->isRunning());
-        ASSERT_TRUE(QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/app-shortcutkeys"),
-                                box.hostPath(kDriver)));
-        ::chmod(QFile::encodeName(box.hostPath(kDriver)).constData(), 0755);
+        ASSERT_EQ(box.installInBundle(QStringLiteral("app-shortcutkeys")), kDriver);
         const QVariantMap file{
             {QStringLiteral("watchlist"), QVariantList{kOtherApplication, kTrashPrefsOnCtrlReturn}},
             {QStringLiteral("managerVersion"), QVariantMap{{QStringLiteral("build"), 7}}}};
