@@ -21,14 +21,6 @@ namespace {
 
 const QString kCtl = u"/Applications/Mendwell.app/Contents/MacOS/mendwellctl"_s;
 
-// The four wrong items of the sample.
-const QStringList kSampleWrong = {
-    u"/Library/Application Support/Adobe/Common/Plugin Registry.txt"_s,
-    u"/Library/Application Support/Adobe/SLStore"_s,
-    u"/Users/anna/Documents/Adobe/Premiere Pro/7.0/Profile-root"_s,
-    u"/Users/anna/Library/Application Support/Adobe/Premiere Pro/7.0/Trace Database.txt"_s,
-};
-
 QJsonObject jsonOf(const ProcessResult &result)
 {
     return QJsonDocument::fromJson(result.out).object();
@@ -46,15 +38,6 @@ QStringList sorted(QStringList list)
 {
     std::sort(list.begin(), list.end());
     return list;
-}
-
-// The sample data (scripts/make-sample.sh) in the root whose host path is ROOT.
-bool makeSample(const QString &root)
-{
-    const ProcessResult made =
-        runProcess({u"bash"_s, QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"), root});
-    EXPECT_EQ(made.exitCode, 0) << made.err.constData();
-    return made.exitCode == 0;
 }
 
 class RunRecordTest : public ::testing::Test {

@@ -1,8 +1,11 @@
 #include "tests/support/TestFiles.h"
+#include "tests/support/Process.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+
+#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <unistd.h>
@@ -19,6 +22,21 @@ bool copyTree(const QString &from, const QString &to)
         return true;
     }
     return QFile::copy(from, to);
+}
+
+const QStringList kSampleWrong = {
+    QStringLiteral("/Library/Application Support/Adobe/Common/Plugin Registry.txt"),
+    QStringLiteral("/Library/Application Support/Adobe/SLStore"),
+    QStringLiteral("/Users/anna/Documents/Adobe/Premiere Pro/7.0/Profile-root"),
+    QStringLiteral("/Users/anna/Library/Application Support/Adobe/Premiere Pro/7.0/Trace Database.txt"),
+};
+
+bool makeSample(const QString &root)
+{
+    const ProcessResult made = runProcess(
+        {QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"), root});
+    EXPECT_EQ(made.exitCode, 0) << made.err.constData();
+    return made.exitCode == 0;
 }
 
 namespace disk {

@@ -12,6 +12,11 @@
 // Copies a file or a whole folder (links copied as their targets' contents).
 bool copyTree(const QString &from, const QString &to);
 
+// The sample tree (scripts/make-sample.sh) in the root whose host path is ROOT.
+bool makeSample(const QString &root);
+// The four items of the sample whose owner or mode is wrong, sorted.
+extern const QStringList kSampleWrong;
+
 // A user who keeps folder PATH elsewhere: it moves to ELSEWHERE (its missing
 // parents made for OWNER) and a link of OWNER's to it takes its place. Paths as a
 // sandbox names them; HOSTPATH gives each one's place on the host.
