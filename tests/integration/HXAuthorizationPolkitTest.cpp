@@ -3,6 +3,7 @@
 // right cannot be used by anyone else.
 
 #include "tests/support/PolkitNamespace.h"
+#include "tests/support/TestFiles.h"
 
 #include <gtest/gtest.h>
 
@@ -85,9 +86,8 @@ TEST_F(HXAuthorizationPolkitTest, OnePasswordCoversEveryOperationOfARun)
     EXPECT_FALSE(env.exists(kLocked + QStringLiteral("/trash.txt")));
     EXPECT_TRUE(env.exists(trash + QStringLiteral("/files/trash.txt")));
     EXPECT_TRUE(env.exists(trash + QStringLiteral("/files/tree/inner")));
-    QFile record(env.hostPath(trash + QStringLiteral("/info/trash.txt.trashinfo")));
-    ASSERT_TRUE(record.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(record.readAll().contains("Path=" + (kLocked + QStringLiteral("/trash.txt")).toUtf8()));
+    EXPECT_TRUE(disk::read(env.hostPath(trash + QStringLiteral("/info/trash.txt.trashinfo")))
+                    .contains("Path=" + (kLocked + QStringLiteral("/trash.txt")).toUtf8()));
 
     EXPECT_TRUE(env.exists(kLocked + QStringLiteral("/new/deeper")));
     EXPECT_TRUE(env.exists(QStringLiteral("/Users/anna/copied/deeper")));
@@ -123,9 +123,8 @@ TEST_F(HXAuthorizationPolkitTest, RunnerNeverFollowsALinkOutOfTheGivenFolders)
     ASSERT_TRUE(env.writeFile(QStringLiteral("/Library/Guarded/victim"), "keep me", false));
     ASSERT_TRUE(
         QFile::link(QStringLiteral("/Library/Guarded"), env.hostPath(kAdobe + QStringLiteral("/escape"))));
-    ASSERT_EQ(::lchown(QFile::encodeName(env.hostPath(kAdobe + QStringLiteral("/escape"))).constData(),
-                       getpwnam("anna")->pw_uid, getpwnam("anna")->pw_gid),
-              0);
+    ASSERT_TRUE(disk::chown(env.hostPath(kAdobe + QStringLiteral("/escape")), getpwnam("anna")->pw_uid,
+                            getpwnam("anna")->pw_gid));
     const PolkitNamespace::Result run = env.runAsUser({
         kClientInBundle,
         QStringLiteral("remove"),
@@ -179,9 +178,8 @@ TEST_F(HXAuthorizationPolkitTest, GivenCredentialsAreCheckedByPolkitWithoutAskin
     const QByteArray refused = "Authorization failed. Invalid username or password";
     EXPECT_EQ(run.errors.count(refused), 3) << errors;
     EXPECT_EQ(errors.find("Unable to create authRef"), std::string::npos) << errors;
-    QFile log(env.hostPath(QStringLiteral("/Users/anna/Library/Logs/Lanternfish/authclient.1.log")));
-    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
-    EXPECT_EQ(log.readAll().count(refused), 3);
+    const QString log = QStringLiteral("/Users/anna/Library/Logs/Lanternfish/authclient.1.log");
+    EXPECT_EQ(disk::read(env.hostPath(log)).count(refused), 3);
     EXPECT_TRUE(run.polkitLog.contains("mendwell-test: action com.lanternfish.mendwell.authtool for anna"))
         << run.polkitLog.toStdString();
 

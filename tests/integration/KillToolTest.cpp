@@ -201,10 +201,9 @@ protected:
     // Gives the sandbox's PATH (file or folder) to the account OWNER with MODE.
     void own(const QString &path, const char *owner, mode_t mode) const
     {
-        const QByteArray host = QFile::encodeName(box.hostPath(path));
         const auto [uid, gid] = idsOf(owner);
-        EXPECT_EQ(::lchown(host.constData(), uid, gid), 0) << host.constData();
-        EXPECT_EQ(::chmod(host.constData(), mode), 0) << host.constData();
+        EXPECT_TRUE(disk::chown(box.hostPath(path), uid, gid) && disk::chmod(box.hostPath(path), mode))
+            << path.toStdString();
     }
 
     // Installs the stand-in at PATH, owned by OWNER with MODE, in folders of anna's

@@ -47,8 +47,7 @@ protected:
     {
         SKIP_WITHOUT_SANDBOX();
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Desktop"), true));
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Temp")));
-        ::chmod(QFile::encodeName(box.hostPath(QStringLiteral("/Library/Temp"))).constData(), 01777);
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Temp"), false, 01777));
         program = box.installTestProgram(QStringLiteral("app-gatherlogs"));
     }
 
@@ -199,8 +198,7 @@ TEST_F(LogGatheringTest, TwoUsersGatherOneAfterTheOtherWhateverTheOtherLeftAtThe
 TEST_F(LogGatheringTest, AsRootNothingGoesThroughAnotherUsersLinkWhileSheRaces)
 {
     constexpr int kRounds = 15;
-    ASSERT_TRUE(box.makeFolder(kRuns));
-    ASSERT_EQ(::chmod(QFile::encodeName(box.hostPath(kRuns)).constData(), 01777), 0);
+    ASSERT_TRUE(box.makeFolder(kRuns, false, 01777));
     ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
     // Large enough that a run's folder is there a while.
     ASSERT_TRUE(box.writeFile(kLogs + QStringLiteral("/Lanternfish/Mendwell.1.log"),
