@@ -79,15 +79,6 @@ const QStringList kSampleTrash = {
     QStringLiteral("/Users/anna/Library/Preferences/com.adobe.crashreporter.plist"),
 };
 
-// The four wrong items of the sample, in no particular order (the audit lists
-// them in the file system's order).
-const QStringList kSampleWrong = {
-    QStringLiteral("/Library/Application Support/Adobe/Common/Plugin Registry.txt"),
-    QStringLiteral("/Library/Application Support/Adobe/SLStore"),
-    QStringLiteral("/Users/anna/Documents/Adobe/Premiere Pro/7.0/Profile-root"),
-    QStringLiteral("/Users/anna/Library/Application Support/Adobe/Premiere Pro/7.0/Trace Database.txt"),
-};
-
 const QString kWrongHeading = QStringLiteral("The following files have incorrect permissions:\n");
 
 struct RepairRun {
@@ -157,21 +148,11 @@ protected:
         ASSERT_TRUE(desktop->isRunning());
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
         // The driver writes its timing here whoever it runs as.
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/TestRuns")));
-        ::chmod(QFile::encodeName(box.hostPath(QStringLiteral("/Library/TestRuns"))).constData(), 01777);
-        QFile driver(box.hostPath(kDriver));
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Applications/TestPrograms")));
-        ASSERT_TRUE(driver.open(QIODevice::WriteOnly));
-        driver.write(kDriverScript);
+        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/TestRuns"), false, 01777));
+        ASSERT_TRUE(box.writeFile(kDriver, kDriverScript));
     }
 
-    void makeSample()
-    {
-        const ProcessResult made =
-            runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
-                        box.hostPath(QString())});
-        ASSERT_EQ(made.exitCode, 0) << made.err.constData();
-    }
+    void makeSample() { ASSERT_TRUE(::makeSample(box.hostPath({}))); }
 
     // An editor bundle with Premiere Pro's identifier, and a bystander beside it;
     // they run only when a run asks for the editor.
@@ -192,15 +173,6 @@ protected:
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Library/Application Support/Adobe"), true));
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Users/anna/Documents/Adobe"), true));
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Application Support/Adobe")));
-    }
-
-    // Test program NAME inside Mendwell.app, so that it finds the bundle's tools.
-    QString installInBundle(const QString &name) const
-    {
-        const QString inside = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/") + name;
-        QFile::copy(QStringLiteral(MENDWELL_TEST_PROGRAMS_DIR "/") + name, box.hostPath(inside));
-        ::chmod(QFile::encodeName(box.hostPath(inside)).constData(), 0755);
-        return inside;
     }
 
     RepairRun repair(const QStringList &switches, const QString &editor = QStringLiteral("none"),
@@ -481,7 +453,7 @@ TEST_F(RepairTest, AQuitRequestWithNothingToQuitIsLoggedAndToldToTheClient)
     TestCallbackClient client(QStringLiteral("com.lanternfish.HXMarlinClientCallback"),
                               QStringLiteral("postErrorString"));
     ASSERT_TRUE(client.isReady());
-    const QString program = installInBundle(QStringLiteral("app-cleanupstep"));
+    const QString program = box.installInBundle(QStringLiteral("app-cleanupstep"));
     const ProcessResult result =
         box.runAsRoot({program, QStringLiteral("quit"), QStringLiteral("Adobe Premiere Pro")},
                       {desktop->bus.environmentEntry()});
@@ -502,7 +474,7 @@ TEST_F(RepairTest, ThePrivilegedTrashStepsGoThroughTrashtoolIntoTheConsoleUsersT
     const QString folder = QStringLiteral("/Users/anna/Library/Caches/Adobe");
     for (const char *name : {"/single.dat", "/Media/one.cfa", "/Media/two.pek"})
         ASSERT_TRUE(box.writeFile(folder + QLatin1String(name), "cache", true));
-    const QString program = installInBundle(QStringLiteral("app-cleanupstep"));
+    const QString program = box.installInBundle(QStringLiteral("app-cleanupstep"));
     for (const QStringList &step :
          {QStringList{QStringLiteral("trashfile"), folder + QStringLiteral("/single.dat")},
           QStringList{QStringLiteral("trashcontents"), folder + QStringLiteral("/Media")}})
@@ -545,31 +517,26 @@ TEST_F(RepairTest, HerOwnLinkedFoldersAreRepairedLikeAnyOtherAndNoneElse)
     // Now her Adobe folder leads to the machine's: root gives her none of it.
     const QString machine = QStringLiteral("/Library/Application Support/Adobe");
     ASSERT_TRUE(box.writeFile(machine + QStringLiteral("/Common/root.db"), "root's"));
-    ::chmod(QFile::encodeName(box.hostPath(machine + QStringLiteral("/Common/root.db"))).constData(), 0600);
+    ASSERT_TRUE(disk::chmod(box.hostPath(machine + QStringLiteral("/Common/root.db")), 0600));
     ASSERT_TRUE(QFile::remove(box.hostPath(support)));
     ASSERT_TRUE(QFile::link(machine, box.hostPath(support)));
-    ASSERT_EQ(::lchown(QFile::encodeName(box.hostPath(support)).constData(), Sandbox::userId(),
-                       Sandbox::userGroupId()),
-              0);
+    ASSERT_TRUE(disk::chown(box.hostPath(support), Sandbox::userId(), Sandbox::userGroupId()));
     const RepairRun third = repair({QStringLiteral("-repair")});
     EXPECT_EQ(third.console.last(),
               QStringLiteral("Processing complete. Errors were found during processing."));
-    struct stat info {};
-    ASSERT_EQ(
-        ::lstat(QFile::encodeName(box.hostPath(machine + QStringLiteral("/Common/root.db"))).constData(),
-                &info),
-        0);
-    EXPECT_EQ(info.st_uid, 0u);
-    EXPECT_EQ(info.st_mode & 0777, 0644u) << "the machine's rule, not hers";
-    ASSERT_EQ(::lstat(QFile::encodeName(box.hostPath(machine)).constData(), &info), 0);
-    EXPECT_EQ(info.st_uid, 0u);
+    const struct stat file = disk::info(box.hostPath(machine + QStringLiteral("/Common/root.db")));
+    EXPECT_EQ(file.st_uid, 0u);
+    EXPECT_EQ(file.st_mode & 0777, 0644u) << "the machine's rule, not hers";
+    const struct stat folder = disk::info(box.hostPath(machine));
+    ASSERT_TRUE(S_ISDIR(folder.st_mode));
+    EXPECT_EQ(folder.st_uid, 0u);
 }
 
 TEST_F(RepairTest, TheWindowedRepairRunsOnItsOwnThreadAndAnswersWithASheet)
 {
     makeSample();
     const std::size_t signalsBefore = finished.size();
-    const QString program = installInBundle(QStringLiteral("app-windowedrepair"));
+    const QString program = box.installInBundle(QStringLiteral("app-windowedrepair"));
     const auto windowed = [&](bool asRoot, const QStringList &boxes) {
         const QStringList command = QStringList{program} + boxes;
         const QStringList environment{desktop->bus.environmentEntry(),
