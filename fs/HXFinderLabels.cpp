@@ -1,11 +1,9 @@
 #include "fs/HXFinderLabels.h"
 
+#include "fs/HXFileOperations.h"
 #include "platform/ExtendedAttributes.h"
 
 #include <QByteArray>
-#include <QFile>
-
-#include <sys/stat.h>
 
 #include <algorithm>
 
@@ -20,18 +18,12 @@ constexpr qsizetype kFinderInfoSize = 32;
 constexpr qsizetype kFlagsOffset = 8;
 constexpr std::uint16_t kLabelMask = 0x0E;
 
-bool exists(const QString &path)
-{
-    struct stat info {};
-    return ::stat(QFile::encodeName(path).constData(), &info) == 0;
-}
-
 // The item's Finder information, at least 32 bytes; zeros when it has none, like
 // a fresh catalog record. None when the item is missing or the information
 // cannot be read.
 std::optional<QByteArray> readFinderInfo(const QString &path)
 {
-    if (path.isEmpty() || !exists(path))
+    if (path.isEmpty() || !fileExistsAtPath(path))
         return std::nullopt;
     int error = 0;
     const long long size = platform::extendedAttributeSize(path, kFinderInfo, &error);

@@ -1,23 +1,14 @@
 #include "fs/HXVolumes.h"
 
+#include "fs/HXFileOperations.h"
 #include "platform/Platform.h"
 #include "platform/Volumes.h"
 #include "system/HXFormat.h"
 #include "system/HXPath.h"
 
-#include <QFile>
-
-#include <sys/stat.h>
-
 namespace HXFileManager {
 
 namespace {
-
-bool exists(const QString &path)
-{
-    struct stat info {};
-    return ::stat(QFile::encodeName(path).constData(), &info) == 0;
-}
 
 // The first three components joined with "/": "/", "Volumes", "Name" give
 // "//Volumes/Name", which the file system reads as "/Volumes/Name".
@@ -43,7 +34,7 @@ bool isVolumeMountedForPath(const QString &path)
     const QStringList components = HXPath::components(path);
     if (components.size() < 3)
         return true;
-    return exists(volumeFolder(components));
+    return fileExistsAtPath(volumeFolder(components));
 }
 
 bool isDriveMountedForPath(const QString &path)
@@ -55,7 +46,7 @@ bool isDriveMountedForPath(const QString &path)
         return true;
     const QString mountPoint = volumeFolder(components);
     platform::systemLog(HXFormat(u"mountpoint: %@", mountPoint));
-    return exists(mountPoint);
+    return fileExistsAtPath(mountPoint);
 }
 
 std::optional<QString> volumeMountPointForPath(const QString &path)

@@ -1,5 +1,6 @@
 #include "fs/HXWildcardPaths.h"
 
+#include "fs/HXFileOperations.h"
 #include "fs/HXWildcardMatch.h"
 #include "system/HXPath.h"
 #include "system/HXUsersTree.h"
@@ -7,19 +8,10 @@
 #include <QFile>
 
 #include <dirent.h>
-#include <sys/stat.h>
 
 namespace HXFileManager {
 
 namespace {
-
-// Existence as the file manager sees it: links are followed, so a dangling link
-// does not exist.
-bool exists(const QString &path)
-{
-    struct stat info {};
-    return ::stat(QFile::encodeName(path).constData(), &info) == 0;
-}
 
 // Entry names of FOLDER in the order the file system returns them, hidden names
 // included, "." and ".." left out. A folder that cannot be listed has none.
@@ -73,14 +65,14 @@ QStringList filesMatchingWildcardPath(const QString &pattern, const QString &bas
                     if (!HXWildcardMatches(name, component))
                         continue;
                     const QString path = HXPath::appendingComponent(folder, name);
-                    if (exists(path))
+                    if (fileExistsAtPath(path))
                         next.append(path);
                 }
             }
         } else {
             for (const QString &folder : std::as_const(candidates)) {
                 const QString path = HXPath::appendingComponent(folder, component);
-                if (exists(path))
+                if (fileExistsAtPath(path))
                     next.append(path);
             }
         }
