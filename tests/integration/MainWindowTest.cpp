@@ -8,6 +8,7 @@
 #include "tests/support/PolkitNamespace.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestDisplay.h"
+#include "tests/support/TestFiles.h"
 
 #include "system/PropertyList.h"
 
@@ -238,11 +239,7 @@ protected:
 
     virtual QString hostPath(const QString &path) const = 0;
 
-    QByteArray readFile(const QString &path) const
-    {
-        QFile file(hostPath(path));
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray readFile(const QString &path) const { return disk::read(hostPath(path)); }
 
     // The figures SCENE wrote at SCALE.
     QMap<QString, QString> figures(const QString &scene, int scale) const
@@ -283,9 +280,7 @@ protected:
         SKIP_WITHOUT_SANDBOX();
         ASSERT_TRUE(display->isRunning());
         ASSERT_TRUE(box.makeFolder(QStringLiteral("/Library/Logs/Lanternfish")));
-        ASSERT_TRUE(box.makeFolder(kRuns));
-        ::chmod(QFile::encodeName(box.hostPath(kRuns)).constData(), 01777);
-        ASSERT_TRUE(box.makeFolder(QStringLiteral("/Applications/TestPrograms")));
+        ASSERT_TRUE(box.makeFolder(kRuns, false, 01777));
         ASSERT_TRUE(box.writeFile(kDriver, kDriverScript));
     }
 
@@ -315,23 +310,18 @@ protected:
     {
         SKIP_WITHOUT_POLKIT();
         ASSERT_TRUE(display->isRunning());
-        const ProcessResult made =
-            runProcess({QStringLiteral("bash"), QStringLiteral(MENDWELL_SOURCE_DIR "/scripts/make-sample.sh"),
-                        hostPath({})});
-        ASSERT_EQ(made.exitCode, 0) << made.err.constData();
+        ASSERT_TRUE(makeSample(hostPath({})));
         ASSERT_TRUE(polkit.makeFolder(kRuns, false));
-        ::chmod(QFile::encodeName(hostPath(kRuns)).constData(), 01777);
+        ASSERT_TRUE(disk::chmod(hostPath(kRuns), 01777));
         ASSERT_TRUE(polkit.makeFolder(QStringLiteral("/Applications/TestPrograms"), false));
         ASSERT_TRUE(polkit.writeFile(kDriver, kDriverScript, false));
         ASSERT_TRUE(polkit.makeFolder(QStringLiteral("/Users/anna/.runtime"), true));
-        ::chmod(QFile::encodeName(hostPath(QStringLiteral("/Users/anna/.runtime"))).constData(), 0700);
+        ASSERT_TRUE(disk::chmod(hostPath(QStringLiteral("/Users/anna/.runtime")), 0700));
         // Past the first run the statistics question would come up; it is answered.
         const QString consent = QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.qc.plist");
         ASSERT_TRUE(
             PropertyList::writeXmlFile(hostPath(consent), QVariantMap{{QStringLiteral("logQC"), false}}));
-        ASSERT_EQ(::lchown(QFile::encodeName(hostPath(consent)).constData(), Sandbox::userId(),
-                           Sandbox::userGroupId()),
-                  0);
+        ASSERT_TRUE(disk::chown(hostPath(consent), Sandbox::userId(), Sandbox::userGroupId()));
     }
 
     QString hostPath(const QString &path) const override { return polkit.hostPath(path); }
@@ -375,7 +365,7 @@ TEST_F(MainWindowRepairTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWi
                                   false));
     ASSERT_TRUE(
         polkit.writeFile(manager, "#!/bin/sh\necho \"$*\" >>/Library/TestRuns/manager.record\n", false));
-    ASSERT_EQ(::chmod(QFile::encodeName(hostPath(manager)).constData(), 0755), 0);
+    ASSERT_TRUE(disk::chmod(hostPath(manager), 0755));
 
     int prompts = 0;
     QMap<QString, QString> figures = act(QStringLiteral("repair"), 1, 4, &prompts);
@@ -395,9 +385,7 @@ TEST_F(MainWindowRepairTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWi
     const QVariantMap settings = PropertyList::readDictionary(hostPath(kSettings));
     EXPECT_EQ(settings.value(QStringLiteral("shouldTrash")).toLongLong(), 1);
     EXPECT_EQ(settings.value(QStringLiteral("shouldTrashWorkspaces")).toLongLong(), 1);
-    struct stat owner {};
-    ASSERT_EQ(::stat(QFile::encodeName(hostPath(kSettings)).constData(), &owner), 0);
-    EXPECT_EQ(owner.st_uid, Sandbox::userId());
+    EXPECT_EQ(disk::info(hostPath(kSettings)).st_uid, Sandbox::userId());
     // Trashed by the repair, and back in place after Undo Last Repair.
     const QByteArray trashed = readFile(kRuns + QStringLiteral("/trashed-1.txt"));
     const QByteArray listed = readFile(kRuns + QStringLiteral("/listed-1.txt"));
