@@ -93,8 +93,7 @@ protected:
     {
         SKIP_WITHOUT_SANDBOX();
         ASSERT_TRUE(box.writeProgram(kDriver, kDriverScript));
-        ASSERT_TRUE(box.makeFolder(u"/Library/TestRuns"_s));
-        ASSERT_TRUE(disk::chmod(box.hostPath(u"/Library/TestRuns"_s), 01777));
+        ASSERT_TRUE(box.makeFolder(u"/Library/TestRuns"_s, false, 01777));
         ASSERT_TRUE(box.makeFolder(kMachineLogs));
         ASSERT_TRUE(box.makeFolder(kRecords, true));
         ASSERT_TRUE(box.makeFolder(kPreferences, true));
@@ -126,9 +125,8 @@ protected:
                                   PropertyList::toXml(record(kGoodRun, u"No errors were found."_s)), true));
         // An application of anna's, running while the repair looks at what runs.
         ASSERT_TRUE(box.makeFolder(kApplication + u"/Contents/MacOS"_s, true));
-        QFile sleep(u"/usr/bin/sleep"_s);
-        ASSERT_TRUE(sleep.open(QIODevice::ReadOnly));
-        ASSERT_TRUE(box.writeFile(kApplication + u"/Contents/MacOS/Hostile"_s, sleep.readAll(), true));
+        ASSERT_TRUE(box.writeFile(kApplication + u"/Contents/MacOS/Hostile"_s,
+                                  disk::read(u"/usr/bin/sleep"_s), true));
         ASSERT_TRUE(disk::chmod(box.hostPath(kApplication + u"/Contents/MacOS/Hostile"_s), 0755));
     }
 
