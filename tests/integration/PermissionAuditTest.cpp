@@ -14,8 +14,6 @@
 #include <QSet>
 
 #include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,19 +27,6 @@ const QString kTool = QStringLiteral("/Applications/Mendwell.app/Contents/MacOS/
 
 enum Owner { Root, Anna };
 
-bool setLocked(const QString &hostPath, bool locked)
-{
-    const int fd =
-        ::open(QFile::encodeName(hostPath).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    int flags = 0;
-    bool done = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    flags = locked ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-    done = done && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    if (fd >= 0)
-        ::close(fd);
-    return done;
-}
-
 class PermissionAuditTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -54,7 +39,7 @@ protected:
     void TearDown() override
     {
         for (const QString &locked : lockedItems)
-            setLocked(box.hostPath(locked), false);
+            disk::setLocked(box.hostPath(locked), false);
         // The deep tree outgrows the paths the sandbox's removal takes; rm walks by
         // descriptors.
         runProcess({QStringLiteral("rm"), QStringLiteral("-rf"), box.hostPath(kUser + "/d")});
@@ -71,7 +56,7 @@ protected:
         ASSERT_TRUE(box.writeFile(path, "contents of " + path.toUtf8(), false));
         set(path, owner, mode);
         if (locked) {
-            ASSERT_TRUE(setLocked(box.hostPath(path), true));
+            ASSERT_TRUE(disk::setLocked(box.hostPath(path), true));
             lockedItems.append(path);
         }
     }

@@ -14,6 +14,7 @@
 #include "platform/Folder.h"
 #include "system/HXAuthorization.h"
 #include "system/HXPrivilegedRequest.h"
+#include "tests/support/TestFiles.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
@@ -26,12 +27,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <functional>
 #include <grp.h>
-#include <linux/fs.h>
 #include <pwd.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -55,41 +53,6 @@ QByteArray encode(const QString &path)
     return QFile::encodeName(path);
 }
 
-void writeFile(const QString &path, const QByteArray &contents, mode_t mode)
-{
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-        file.write(contents);
-    file.close();
-    ::chmod(encode(path).constData(), mode);
-}
-
-bool setImmutable(const QString &path, bool on)
-{
-    const int fd = ::open(encode(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    int flags = 0;
-    bool ok = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    if (ok) {
-        flags = on ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
-        ok = ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    }
-    if (fd >= 0)
-        ::close(fd);
-    return ok;
-}
-
-int flagsOf(const QString &path)
-{
-    const int fd = ::open(encode(path).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    int flags = -1;
-    if (fd >= 0) {
-        if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0)
-            flags = -1;
-        ::close(fd);
-    }
-    return flags;
-}
-
 // Everything about the decoy an escape could change: names, kinds, owners,
 // modes, link counts, flags, contents.
 QString fingerprint(const QString &path, const QString &relative = u"."_s)
@@ -102,7 +65,7 @@ QString fingerprint(const QString &path, const QString &relative = u"."_s)
                        .arg(info.st_uid)
                        .arg(info.st_gid)
                        .arg(info.st_nlink)
-                       .arg(flagsOf(path));
+                       .arg(disk::flags(path));
     if (S_ISREG(info.st_mode)) {
         QFile file(path);
         line +=
@@ -123,18 +86,18 @@ QString fingerprint(const QString &path, const QString &relative = u"."_s)
 void makeDecoy()
 {
     if (QFileInfo::exists(kDecoy + u"/locked.txt"_s))
-        setImmutable(kDecoy + u"/locked.txt"_s, false);
+        disk::setLocked(kDecoy + u"/locked.txt"_s, false);
     QDir(kDecoy).removeRecursively();
     QDir().mkpath(kDecoy + u"/sub"_s);
     ::chmod(encode(kDecoy).constData(), 0755);
-    writeFile(kDecoy + u"/secret"_s, "root's secret\n", 0600);
+    disk::write(kDecoy + u"/secret"_s, "root's secret\n", 0600);
     for (const char *name : {"item.txt", "pref.xml", "Workspace.plist", "sub/inner.txt", "locked.txt"})
-        writeFile(kDecoy + u'/' + QLatin1String(name), QByteArray("decoy ") + name + '\n', 0644);
-    setImmutable(kDecoy + u"/locked.txt"_s, true);
+        disk::write(kDecoy + u'/' + QLatin1String(name), QByteArray("decoy ") + name + '\n', 0644);
+    disk::setLocked(kDecoy + u"/locked.txt"_s, true);
     QDir(kLinkedDecoy).removeRecursively();
     QDir().mkpath(kLinkedDecoy);
     ::chmod(encode(kLinkedDecoy).constData(), 0700);
-    writeFile(kLinkedDecoy + u"/shadow"_s, "root's other secret\n", 0600);
+    disk::write(kLinkedDecoy + u"/shadow"_s, "root's other secret\n", 0600);
 }
 
 QString decoys()
@@ -230,18 +193,13 @@ void swapWhile(const QString &path, const QString &target, int mode, const std::
 // Folders and files of anna's, made fresh for an attempt.
 void annaFolder(const QString &path)
 {
-    QStringList made;
-    for (QString probe = path; !QFileInfo::exists(probe); probe = QFileInfo(probe).path())
-        made.prepend(probe);
-    QDir().mkpath(path);
-    for (const QString &folder : made)
-        ::lchown(encode(folder).constData(), annaUid, annaGid);
+    disk::makePath(path, annaUid, annaGid);
 }
 
 void annaFile(const QString &path, const QByteArray &contents = "anna's\n")
 {
     annaFolder(QFileInfo(path).path());
-    writeFile(path, contents, 0644);
+    disk::write(path, contents, 0644);
     ::lchown(encode(path).constData(), annaUid, annaGid);
 }
 
@@ -254,12 +212,12 @@ void annaLink(const QString &target, const QString &path)
 // Clears the locked flag of PATH and of everything below it, links left alone.
 void unlockEverything(const QString &path)
 {
-    setImmutable(path, false);
+    disk::setLocked(path, false);
     QDirIterator it(path, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
                     QDirIterator::Subdirectories);
     while (it.hasNext())
         if (!QFileInfo(it.next()).isSymLink())
-            setImmutable(it.filePath(), false);
+            disk::setLocked(it.filePath(), false);
 }
 
 void cleanTrash()
@@ -566,7 +524,7 @@ int withoutConsoleUser(QString &details)
 {
     const QString item = u"/Library/NoConsole/item.txt"_s;
     QDir().mkpath(u"/Library/NoConsole/cwd"_s);
-    writeFile(item, "stays\n", 0644);
+    disk::write(item, "stays\n", 0644);
     QDir::setCurrent(u"/Library/NoConsole/cwd"_s);
     const bool trashed = HXAuthorization::sharedController(false).authTrashFile(item);
     const bool deleted = HXAuthorization::sharedController(false).authTrashFile(item, true);
@@ -600,7 +558,7 @@ int main(int argc, char **argv)
     HXLog::createNewLog(u"linkattack"_s);
 
     makeDecoy();
-    if (flagsOf(kDecoy + u"/locked.txt"_s) <= 0 && name == u"flags"_s) {
+    if (disk::flags(kDecoy + u"/locked.txt"_s) <= 0 && name == u"flags"_s) {
         std::printf("%s skipped: this file system keeps no immutable flag\n", qPrintable(name));
         return 0;
     }
@@ -654,6 +612,6 @@ int main(int argc, char **argv)
     if (!details.isEmpty())
         std::printf("%s", qPrintable(details));
     std::fflush(stdout);
-    setImmutable(kDecoy + u"/locked.txt"_s, false);
+    disk::setLocked(kDecoy + u"/locked.txt"_s, false);
     return escapes == 0 ? 0 : 1;
 }

@@ -8,6 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 bool copyTree(const QString &from, const QString &to)
@@ -85,6 +88,35 @@ bool makePath(const QString &path, uid_t owner, gid_t group)
         if (!chown(folder, owner, group))
             return false;
     return true;
+}
+
+// PATH itself for its flags: never through a link, never waiting on a FIFO.
+static int openForFlags(const QString &path)
+{
+    return ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+}
+
+int flags(const QString &path)
+{
+    const int fd = openForFlags(path);
+    int flags = -1;
+    if (fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0)
+        flags = -1;
+    if (fd >= 0)
+        ::close(fd);
+    return flags;
+}
+
+bool setLocked(const QString &path, bool locked)
+{
+    const int fd = openForFlags(path);
+    int flags = 0;
+    bool done = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+    flags = locked ? (flags | FS_IMMUTABLE_FL) : (flags & ~FS_IMMUTABLE_FL);
+    done = done && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+    if (fd >= 0)
+        ::close(fd);
+    return done;
 }
 
 }  // namespace disk

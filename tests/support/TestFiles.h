@@ -36,6 +36,11 @@ bool chmod(const QString &path, mode_t mode);
 bool chown(const QString &path, uid_t owner, gid_t group);
 // Makes PATH with its missing parents, each folder made given to OWNER.
 bool makePath(const QString &path, uid_t owner, gid_t group);
+// The file system's flags of PATH (a link itself, never what it names); -1 when
+// they cannot be read.
+int flags(const QString &path);
+// Sets or clears the locked (immutable) flag of PATH.
+bool setLocked(const QString &path, bool locked);
 }  // namespace disk
 
 // Readable failure messages for Qt strings in GoogleTest expectations.
