@@ -9,7 +9,7 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 bash scripts/setup-tests.sh
 # Only the bundle and its tools: the test command builds the tests into the same tree.
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMENDWELL_BUILD_TESTS=OFF
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMENDWELL_BUILD_TESTS=OFF -DMENDWELL_UNITY_BUILD=ON
 cmake --build build
 
 sandbox=$(mktemp -d /tmp/mendwell-sample-XXXXXX)
