@@ -8,13 +8,11 @@
 #include "tests/support/TestFiles.h"
 
 #include <QDir>
-#include <QDirIterator>
-#include <QFileInfo>
+#include <QFile>
 
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <sys/stat.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -59,26 +57,7 @@ protected:
         decoy = fingerprint();
     }
 
-    // Names, owners, modes and contents of everything in the decoy.
-    QString fingerprint() const
-    {
-        QStringList lines;
-        QDirIterator it(box.hostPath(kDecoy),
-                        QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
-                        QDirIterator::Subdirectories);
-        while (it.hasNext()) {
-            const QString path = it.next();
-            const struct stat info = disk::info(path);
-            const QByteArray contents = QFileInfo(path).isFile() ? disk::read(path) : QByteArray();
-            lines.append(u"%1 %2 %3 %4 %5"_s.arg(path.mid(box.hostPath(kDecoy).size()))
-                             .arg(info.st_mode, 0, 8)
-                             .arg(info.st_uid)
-                             .arg(info.st_nlink)
-                             .arg(QString::fromLatin1(contents.toHex())));
-        }
-        lines.sort();
-        return lines.join(u'\n');
-    }
+    QString fingerprint() const { return disk::fingerprint(box.hostPath(kDecoy)); }
 
     // An item of anna's in her Trash, as a repair would have left it.
     Entry trashedItem(const QString &name) const

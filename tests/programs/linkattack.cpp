@@ -53,36 +53,6 @@ QByteArray encode(const QString &path)
     return QFile::encodeName(path);
 }
 
-// Everything about the decoy an escape could change: names, kinds, owners,
-// modes, link counts, flags, contents.
-QString fingerprint(const QString &path, const QString &relative = u"."_s)
-{
-    struct stat info {};
-    if (::lstat(encode(path).constData(), &info) != 0)
-        return relative + u" missing\n"_s;
-    QString line = u"%1 mode=%2 uid=%3 gid=%4 links=%5 flags=%6"_s.arg(relative)
-                       .arg(info.st_mode, 0, 8)
-                       .arg(info.st_uid)
-                       .arg(info.st_gid)
-                       .arg(info.st_nlink)
-                       .arg(disk::flags(path));
-    if (S_ISREG(info.st_mode)) {
-        QFile file(path);
-        line +=
-            u" content="_s +
-            QString::fromLatin1((file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("?")).toHex());
-    }
-    line += u'\n';
-    if (S_ISDIR(info.st_mode)) {
-        QStringList names =
-            QDir(path).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
-        names.sort();
-        for (const QString &name : names)
-            line += fingerprint(path + u'/' + name, relative + u'/' + name);
-    }
-    return line;
-}
-
 void makeDecoy()
 {
     if (QFileInfo::exists(kDecoy + u"/locked.txt"_s))
@@ -102,7 +72,7 @@ void makeDecoy()
 
 QString decoys()
 {
-    return fingerprint(kDecoy) + fingerprint(kLinkedDecoy, u"linked"_s);
+    return disk::fingerprint(kDecoy) + disk::fingerprint(kLinkedDecoy, u"linked"_s);
 }
 
 // --- anna's side

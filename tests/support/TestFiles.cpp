@@ -119,6 +119,31 @@ bool setLocked(const QString &path, bool locked)
     return done;
 }
 
+QString fingerprint(const QString &path, const QString &relative)
+{
+    const struct stat item = info(path);
+    if (item.st_mode == 0)
+        return relative + QStringLiteral(" missing\n");
+    QString line = QStringLiteral("%1 mode=%2 uid=%3 gid=%4 links=%5 flags=%6")
+                       .arg(relative)
+                       .arg(item.st_mode, 0, 8)
+                       .arg(item.st_uid)
+                       .arg(item.st_gid)
+                       .arg(item.st_nlink)
+                       .arg(flags(path));
+    if (S_ISREG(item.st_mode))
+        line += QStringLiteral(" content=") + QString::fromLatin1(read(path).toHex());
+    line += QLatin1Char('\n');
+    if (S_ISDIR(item.st_mode)) {
+        QStringList names =
+            QDir(path).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System);
+        names.sort();
+        for (const QString &name : names)
+            line += fingerprint(path + QLatin1Char('/') + name, relative + QLatin1Char('/') + name);
+    }
+    return line;
+}
+
 }  // namespace disk
 
 bool moveBehindUsersLink(const std::function<QString(const QString &)> &hostPath, const QString &path,

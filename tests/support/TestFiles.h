@@ -41,6 +41,9 @@ bool makePath(const QString &path, uid_t owner, gid_t group);
 int flags(const QString &path);
 // Sets or clears the locked (immutable) flag of PATH.
 bool setLocked(const QString &path, bool locked);
+// Everything about PATH and what lies below it that a change could touch: names,
+// kinds, owners, modes, link counts, flags, contents. Links are not followed.
+QString fingerprint(const QString &path, const QString &relative = QStringLiteral("."));
 }  // namespace disk
 
 // Readable failure messages for Qt strings in GoogleTest expectations.
