@@ -197,7 +197,9 @@ std::optional<HXPrivilegedReply> HXPrivilegedReply::decoded(const QByteArray &by
     std::optional<QString> trashedPath = reader.text();
     std::optional<QString> infoPath = reader.text();
     std::optional<QByteArray> output = reader.chunk();
-    if (!output || *magic != kReplyMagic || reader.position != bytes.size() ||
+    // A field that fails to read leaves the reader past some of its bytes, and the
+    // fields after it may still read: every one is checked.
+    if (!trashedPath || !infoPath || !output || *magic != kReplyMagic || reader.position != bytes.size() ||
         output->size() > kMaximumOutput)
         return std::nullopt;
     HXPrivilegedReply reply;
