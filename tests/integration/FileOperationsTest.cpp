@@ -245,8 +245,7 @@ TEST_F(FileOperationsTest, AsTheUserLinksAndClimbingPathsWorkAsOnThePlatform)
 {
     const QString work = kHome + QStringLiteral("/Work");
     ASSERT_TRUE(box.makeFolder(work + QStringLiteral("/sub"), true));
-    ASSERT_TRUE(box.makeFolder(kHome + QStringLiteral("/Shared"), true));
-    ASSERT_TRUE(disk::chmod(box.hostPath(kHome + QStringLiteral("/Shared")), 0775));
+    ASSERT_TRUE(box.makeFolder(kHome + QStringLiteral("/Shared"), true, 0775));
     auto link = [&](const QString &target, const QString &path, uid_t owner) {
         ASSERT_TRUE(QFile::link(target, box.hostPath(path)));
         ASSERT_TRUE(disk::chown(box.hostPath(path), owner, owner));

@@ -118,16 +118,14 @@ protected:
         secret.insert(u"disable-logging"_s, true);
         secret.insert(u"LSArchitecturesForX86_64"_s,
                       QVariantMap{{u"com.adobe.AdobePremierePro"_s, QVariantList{u"x86_64"_s, u"i386"_s}}});
-        ASSERT_TRUE(box.writeFile(u"/root/secret.plist"_s, PropertyList::toXml(secret)));
-        ASSERT_TRUE(disk::chmod(box.hostPath(u"/root/secret.plist"_s), 0600));
+        ASSERT_TRUE(box.writeFile(u"/root/secret.plist"_s, PropertyList::toXml(secret), false, 0600));
 
         ASSERT_TRUE(box.writeFile(kRecords + u'/' + kGoodRun + u".plist"_s,
                                   PropertyList::toXml(record(kGoodRun, u"No errors were found."_s)), true));
         // An application of anna's, running while the repair looks at what runs.
         ASSERT_TRUE(box.makeFolder(kApplication + u"/Contents/MacOS"_s, true));
         ASSERT_TRUE(box.writeFile(kApplication + u"/Contents/MacOS/Hostile"_s,
-                                  disk::read(u"/usr/bin/sleep"_s), true));
-        ASSERT_TRUE(disk::chmod(box.hostPath(kApplication + u"/Contents/MacOS/Hostile"_s), 0755));
+                                  disk::read(u"/usr/bin/sleep"_s), true, 0755));
     }
 
     static QVariantMap record(const QString &identifier, const QString &verdict)

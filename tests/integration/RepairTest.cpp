@@ -516,8 +516,7 @@ TEST_F(RepairTest, HerOwnLinkedFoldersAreRepairedLikeAnyOtherAndNoneElse)
 
     // Now her Adobe folder leads to the machine's: root gives her none of it.
     const QString machine = QStringLiteral("/Library/Application Support/Adobe");
-    ASSERT_TRUE(box.writeFile(machine + QStringLiteral("/Common/root.db"), "root's"));
-    ASSERT_TRUE(disk::chmod(box.hostPath(machine + QStringLiteral("/Common/root.db")), 0600));
+    ASSERT_TRUE(box.writeFile(machine + QStringLiteral("/Common/root.db"), "root's", false, 0600));
     ASSERT_TRUE(QFile::remove(box.hostPath(support)));
     ASSERT_TRUE(QFile::link(machine, box.hostPath(support)));
     ASSERT_TRUE(disk::chown(box.hostPath(support), Sandbox::userId(), Sandbox::userGroupId()));

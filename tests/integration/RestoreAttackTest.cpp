@@ -48,11 +48,9 @@ protected:
         ASSERT_TRUE(box.makeFolder(kTrash + u"/info"_s, true));
         ASSERT_TRUE(box.makeFolder(u"/Library/Preferences"_s));
         ASSERT_TRUE(box.makeFolder(u"/Library/Logs/Lanternfish"_s));
-        ASSERT_TRUE(box.writeFile(kDecoy + u"/secret"_s, "root's secret\n"));
+        ASSERT_TRUE(box.writeFile(kDecoy + u"/secret"_s, "root's secret\n", false, 0600));
         ASSERT_TRUE(box.writeFile(kDecoy + u"/info.trashinfo"_s, "root's record\n"));
-        ASSERT_TRUE(box.makeFolder(kDecoy + u"/Private"_s));
         ASSERT_TRUE(box.writeFile(kDecoy + u"/Private/key"_s, "root's key\n"));
-        ASSERT_TRUE(disk::chmod(box.hostPath(kDecoy + u"/secret"_s), 0600));
         ASSERT_TRUE(disk::chmod(box.hostPath(kDecoy + u"/Private"_s), 0700));
         decoy = fingerprint();
     }

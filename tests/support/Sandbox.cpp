@@ -120,10 +120,11 @@ bool Sandbox::makeFolder(const QString &sandboxPath, bool ownedByUser, int mode)
     return made && (mode < 0 || disk::chmod(hostPath(sandboxPath), static_cast<mode_t>(mode)));
 }
 
-bool Sandbox::writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser) const
+bool Sandbox::writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser,
+                        int mode) const
 {
     if (!makeFolder(QFileInfo(sandboxPath).path(), ownedByUser) ||
-        !disk::write(hostPath(sandboxPath), contents))
+        !disk::write(hostPath(sandboxPath), contents, mode))
         return false;
     const auto account = userAccount();
     return !ownedByUser || (account && disk::chown(hostPath(sandboxPath), account->uid, account->gid));
@@ -131,7 +132,7 @@ bool Sandbox::writeFile(const QString &sandboxPath, const QByteArray &contents, 
 
 bool Sandbox::writeProgram(const QString &sandboxPath, const QByteArray &script) const
 {
-    return writeFile(sandboxPath, script) && disk::chmod(hostPath(sandboxPath), 0755);
+    return writeFile(sandboxPath, script, false, 0755);
 }
 
 QByteArray Sandbox::readFile(const QString &sandboxPath) const

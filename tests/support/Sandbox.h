@@ -32,10 +32,11 @@ public:
     // /Applications).
     QString hostPath(const QString &sandboxPath) const;
 
-    // Creates a folder (with its parents) inside the sandbox, owned by root or anna,
-    // with MODE when one is given (01777: everyone's, as /tmp is).
+    // Creates a folder (with its parents) or a file inside the sandbox, owned by root
+    // or anna, with MODE when one is given (01777: everyone's, as /tmp is).
     bool makeFolder(const QString &sandboxPath, bool ownedByUser = false, int mode = -1) const;
-    bool writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser = false) const;
+    bool writeFile(const QString &sandboxPath, const QByteArray &contents, bool ownedByUser = false,
+                   int mode = -1) const;
     // A stand-in program: SCRIPT written at SANDBOXPATH, executable, owned by root.
     bool writeProgram(const QString &sandboxPath, const QByteArray &script) const;
     QByteArray readFile(const QString &sandboxPath) const;
