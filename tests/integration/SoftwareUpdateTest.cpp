@@ -97,12 +97,7 @@ protected:
                                 "<key>CFBundleVersion</key><string>" +
                                 QByteArray::number(version) + "</string></dict></plist>\n";
         ASSERT_TRUE(box.writeFile(path + QStringLiteral("/Contents/Info.plist"), info, annas));
-        ASSERT_TRUE(box.writeFile(path + QStringLiteral("/Contents/MacOS/Updater"), script, annas));
-        ASSERT_EQ(
-            ::chmod(
-                QFile::encodeName(box.hostPath(path + QStringLiteral("/Contents/MacOS/Updater"))).constData(),
-                0755),
-            0);
+        ASSERT_TRUE(box.writeFile(path + QStringLiteral("/Contents/MacOS/Updater"), script, annas, 0755));
     }
 
     // The run folders left in the shared temporary folder.
