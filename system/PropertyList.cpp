@@ -183,8 +183,12 @@ plist_t fromVariant(const QVariant &value)
         return plist_new_data(bytes.constData(), static_cast<uint64_t>(bytes.size()));
     }
     case QMetaType::QDateTime: {
+        // libplist keeps the seconds since 2001 in 32 bits: a date beyond them
+        // (before 1933 or after 2068) would be written as another date.
         const qint64 msecs = value.toDateTime().toMSecsSinceEpoch();
         const qint64 seconds = msecs / 1000 - kSecondsFrom1970To2001;
+        if (seconds < std::numeric_limits<int32_t>::min() || seconds > std::numeric_limits<int32_t>::max())
+            return nullptr;
         return plist_new_date(static_cast<int32_t>(seconds), static_cast<int32_t>(msecs % 1000) * 1000);
     }
     case QMetaType::QVariantList:
