@@ -82,7 +82,8 @@ private:
     std::vector<int> m_inherited;
     QString m_workingDirectory;
     std::atomic<int> m_parentEnds[3] = {-1, -1, -1};
-    pid_t m_pid = -1;
+    // Set by launch while a time limit's thread may already be asking isRunning.
+    std::atomic<pid_t> m_pid{-1};
 
     std::mutex m_mutex;  // guards the reaped state, so no signal reaches a reused pid
     bool m_reaped = false;
