@@ -20,12 +20,15 @@ struct ConsoleAccount {
 // The console user's account and home. A repair asks for them once per file it
 // touches, so who sits at the console is asked at most once a second, and the
 // account again only when someone else sits there.
+// Never freed: the log's writer may still ask while the process's statics are
+// destroyed at exit.
 ConsoleAccount consoleAccountAndHome()
 {
-    static std::mutex mutex;
-    static ConsoleAccount cached;
+    static auto *mutex = new std::mutex;
+    static auto *cachedAccount = new ConsoleAccount;
     static std::chrono::steady_clock::time_point asked;
-    const std::lock_guard lock(mutex);
+    ConsoleAccount &cached = *cachedAccount;
+    const std::lock_guard lock(*mutex);
     const auto now = std::chrono::steady_clock::now();
     if (asked != std::chrono::steady_clock::time_point() && now - asked < std::chrono::seconds(1))
         return cached;
