@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <vector>
+
 #include <sys/stat.h>
 
 namespace {
@@ -175,6 +178,49 @@ TEST_F(LogTest, WillTerminateWritesWhatLittleIsQueuedThenCloses)
     EXPECT_EQ(textOf(logged.last()), QStringLiteral("before quit 4"));
     EXPECT_EQ(logged.filter(QStringLiteral("before quit")).size(), 5);
     EXPECT_TRUE(logged.filter(QStringLiteral("after quit")).isEmpty());
+}
+
+// Eight threads through many turnovers: what the five generations still hold is,
+// for every thread still writing then, an unbroken run of its lines ending with its
+// last, each once (a thread done before them has none left).
+TEST_F(LogTest, LinesFromManyThreadsSurviveTurnoversWholeAndInOrder)
+{
+    constexpr int kThreads = 8;
+    constexpr int kLines = 100000;
+    const ProcessResult result = drive({QStringLiteral("stress"), QStringLiteral("Stress"),
+                                        QString::number(kThreads), QString::number(kLines)});
+    ASSERT_EQ(result.exitCode, 0) << result.out.toStdString();
+
+    static const QRegularExpression pattern(QStringLiteral("^s(\\d) (\\d{6})$"));
+    std::vector<int> next(kThreads, -1);
+    qsizetype found = 0;
+    for (int number = 5; number >= 1; --number) {
+        const QString path = generation(QStringLiteral("Stress"), number);
+        if (number > 1) {
+            EXPECT_GE(QFileInfo(box.hostPath(path)).size(), 500000) << path.toStdString();
+        }
+        for (const QString &line : lines(path)) {
+            const QRegularExpressionMatch match = pattern.match(textOf(line));
+            if (!match.hasMatch())
+                continue;
+            const int thread = match.captured(1).toInt();
+            const int n = match.captured(2).toInt();
+            ASSERT_LT(thread, kThreads) << line.toStdString();
+            if (next[thread] >= 0) {
+                ASSERT_EQ(n, next[thread]) << "thread " << thread << " in " << path.toStdString();
+            }
+            next[thread] = n + 1;
+            ++found;
+        }
+    }
+    for (int thread = 0; thread < kThreads; ++thread) {
+        if (next[thread] >= 0) {
+            EXPECT_EQ(next[thread], kLines) << "thread " << thread;
+        }
+    }
+    EXPECT_GT(found, 40000);
+    std::printf("lines written %d, found in the five generations %lld\n", kThreads * kLines,
+                static_cast<long long>(found));
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 //   available NAME          list the existing generations
 //   quit NAME COUNT         in an application that quits, log COUNT lines just
 //                           before it ends and one line after
+//   stress NAME THREADS LINES  from THREADS threads at once, log "s<thread> <n>"
+//                           for n from 0 to LINES - 1
 
 #include "diagnostics/HXLog.h"
 
@@ -20,6 +22,7 @@
 #include <cstdio>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -51,6 +54,19 @@ int main(int argc, char **argv)
             HXLog::finishWriting();
             total += 100 + 28;  // text, date and separator
         }
+    } else if (command == QLatin1String("stress")) {
+        HXLog::createNewLog(argument(argc, argv, 2));
+        const int lines = argument(argc, argv, 4).toInt();
+        std::vector<std::thread> threads;
+        for (int t = 0; t < argument(argc, argv, 3).toInt(); ++t)
+            threads.emplace_back([t, lines] {
+                for (int n = 0; n < lines; ++n)
+                    HXLog::appendLog(u"s%@ %@", QString::number(t),
+                                     QStringLiteral("%1").arg(n, 6, 10, QLatin1Char('0')));
+            });
+        for (std::thread &thread : threads)
+            thread.join();
+        HXLog::finishWriting();
     } else if (command == QLatin1String("worker")) {
         HXLog::createNewLog(argument(argc, argv, 2));
         HXLog::finishWriting();
