@@ -1,5 +1,7 @@
 #include "fuzz/FuzzSupport.h"
 
+#include "system/HXPrivateFolder.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -8,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 
 namespace fuzz {
 
@@ -23,15 +26,15 @@ void ensureApplication()
 
 const QString &privateFolder()
 {
-    // Never destroyed, so that the removal at exit still has it.
-    static const QString *const folder = [] {
-        QByteArray pattern = QDir::tempPath().toLocal8Bit() + "/mendwell-fuzz-XXXXXX";
-        if (!mkdtemp(pattern.data()))
-            failed("mkdtemp", __FILE__, __LINE__);
-        std::atexit([] { QDir(privateFolder()).removeRecursively(); });
-        return new QString(QString::fromLocal8Bit(pattern));
+    // Never destroyed by the runtime: removed, with what is inside, at exit.
+    static HXPrivateFolder *folder = [] {
+        std::optional<HXPrivateFolder> made = HXPrivateFolder::make(QStringLiteral("mendwell-fuzz"));
+        if (!made)
+            failed("making a private folder", __FILE__, __LINE__);
+        std::atexit([] { delete folder; });
+        return new HXPrivateFolder(std::move(*made));
     }();
-    return *folder;
+    return folder->path();
 }
 
 QString writeFile(const QString &relativePath, const std::uint8_t *data, std::size_t size)
