@@ -10,6 +10,7 @@ for setup in scripts/setup-*-tests.sh; do
   [ -e "$setup" ] && bash "$setup"
 done
 
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMENDWELL_BUILD_TESTS=ON -DMENDWELL_UNITY_BUILD=ON
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DMENDWELL_BUILD_TESTS=ON -DMENDWELL_UNITY_BUILD=ON \
+  -DMENDWELL_HARDENED=ON
 cmake --build build
 ctest --test-dir build --output-on-failure "$@"
