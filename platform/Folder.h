@@ -26,6 +26,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <utility>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -77,6 +78,12 @@ public:
     // A new file NAME (never an existing one, never through a link): a writable
     // descriptor the caller closes, or -1 with ERROR.
     int createFile(const QString &name, mode_t mode, int *error = nullptr) const;
+    // Writes CONTENTS as the file NAME, which appears whole or not at all, even if
+    // the process is killed while writing; given to OWNER when set. Without
+    // REPLACE, NAME must be new (EEXIST when taken); with it, NAME's file or link
+    // is replaced. 0 or errno.
+    int writeWholeFile(const QString &name, const QByteArray &contents, mode_t mode,
+                       std::optional<std::pair<uid_t, gid_t>> owner, bool replace) const;
     // An existing regular file NAME for reading, not through a link; -1 with ERROR.
     int openFileForReading(const QString &name, int *error = nullptr) const;
     std::optional<QByteArray> linkTarget(const QString &name) const;

@@ -187,12 +187,20 @@ QVariantMap HXUserDefaults::dictionaryRepresentation() const
     return m_values;
 }
 
+// A change is made to the file as it is now, not to what this process read
+// earlier: another process's settings written since stay.
+void HXUserDefaults::reloadLocked() const
+{
+    m_loaded = false;
+    loadLocked();
+}
+
 bool HXUserDefaults::setObject(const QVariant &value, const QString &key)
 {
     if (!value.isValid())
         return removeObjectForKey(key);
     std::lock_guard lock(m_mutex);
-    loadLocked();
+    reloadLocked();
     m_values.insert(key, value);
     return writeLocked();
 }
@@ -210,7 +218,7 @@ bool HXUserDefaults::setInteger(qint64 value, const QString &key)
 bool HXUserDefaults::removeObjectForKey(const QString &key)
 {
     std::lock_guard lock(m_mutex);
-    loadLocked();
+    reloadLocked();
     if (m_values.remove(key) == 0)
         return true;
     return writeLocked();
@@ -225,8 +233,7 @@ void HXUserDefaults::registerDefaults(const QVariantMap &defaults)
 void HXUserDefaults::synchronize()
 {
     std::lock_guard lock(m_mutex);
-    m_loaded = false;
-    loadLocked();
+    reloadLocked();
 }
 
 QString HXUserDefaults::path() const

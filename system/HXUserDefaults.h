@@ -88,6 +88,7 @@ public:
 
 private:
     void loadLocked() const;
+    void reloadLocked() const;
     bool writeLocked();
 
     mutable std::mutex m_mutex;

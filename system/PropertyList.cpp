@@ -823,21 +823,11 @@ bool writeXmlFileInUsersTree(const QString &path, const QVariant &value, std::op
         platform::Folder::openMakingPath(slash == 0 ? QStringLiteral("/") : path.left(slash), 0755, owner);
     if (!folder || name.isEmpty())
         return false;
-    const QString temporary = QStringLiteral(".%1.%2.tmp").arg(name).arg(::getpid());
-    const int fd = folder->createFile(temporary, 0644);
-    if (fd < 0)
-        return false;
-    bool written = true;
-    for (qsizetype done = 0; written && done < xml.size();) {
-        const ssize_t count = ::write(fd, xml.constData() + done, static_cast<size_t>(xml.size() - done));
-        written = count > 0;
-        done += count > 0 ? count : 0;
-    }
-    written = ::close(fd) == 0 && written;
-    if (written && owner && platform::hasRootRights())
-        written = folder->setOwner(temporary, *owner, platform::primaryGroupOf(*owner)) == 0;
-    if (!written || folder->rename(temporary, *folder, name, true) != 0) {
-        folder->removeEntry(temporary);
+    std::optional<std::pair<uid_t, gid_t>> handedTo;
+    if (owner && platform::hasRootRights())
+        handedTo.emplace(*owner, platform::primaryGroupOf(*owner));
+    if (const int error = folder->writeWholeFile(name, xml, 0644, handedTo, true)) {
+        errno = error;
         return false;
     }
     return true;

@@ -548,6 +548,76 @@ int Folder::createFile(const QString &name, mode_t mode, int *error) const
     return fd >= 0 ? fd : fail(error, errno);
 }
 
+namespace {
+
+bool writeAll(int fd, const QByteArray &contents)
+{
+    for (qsizetype done = 0; done < contents.size();) {
+        const ssize_t count =
+            ::write(fd, contents.constData() + done, static_cast<size_t>(contents.size() - done));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return false;
+        done += count;
+    }
+    return true;
+}
+
+}  // namespace
+
+int Folder::writeWholeFile(const QString &name, const QByteArray &contents, mode_t mode,
+                           std::optional<std::pair<uid_t, gid_t>> owner, bool replace) const
+{
+    const QByteArray entry = encoded(name);
+    if (!isPlainName(entry))
+        return EINVAL;
+    auto prepare = [&](int fd) {
+        errno = 0;
+        if (!writeAll(fd, contents) || (owner && ::fchown(fd, owner->first, owner->second) != 0))
+            return errno ? errno : EIO;
+        return 0;
+    };
+    // A replacement is linked under a hidden name first and renamed over NAME; a
+    // new file is linked under NAME itself, which claims it as O_EXCL would.
+    const QByteArray temporary = "." + entry + "." + QByteArray::number(::getpid()) + ".tmp";
+    const QByteArray &linkName = replace ? temporary : entry;
+    auto publish = [&](int error) {
+        if (!replace)
+            return error;
+        error = ::renameat(m_fd, temporary.constData(), m_fd, entry.constData()) == 0 ? 0 : errno;
+        if (error != 0)
+            ::unlinkat(m_fd, temporary.constData(), 0);
+        return error;
+    };
+    ::unlinkat(m_fd, temporary.constData(), 0);  // a killed writer's, of the same number
+    // Written as a file without a name, then linked: a kill while writing leaves
+    // nothing behind.
+    const Descriptor unnamed(::openat(m_fd, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
+    if (unnamed.get() >= 0) {
+        if (const int error = prepare(unnamed.get()))
+            return error;
+        const QByteArray self = "/proc/self/fd/" + QByteArray::number(unnamed.get());
+        if (::linkat(AT_FDCWD, self.constData(), m_fd, linkName.constData(), AT_SYMLINK_FOLLOW) == 0 ||
+            ::linkat(unnamed.get(), "", m_fd, linkName.constData(), AT_EMPTY_PATH) == 0)
+            return publish(0);
+        if (errno == EEXIST)
+            return EEXIST;
+    }
+    // Without unnamed files (or /proc): the hidden file is written in place.
+    const Descriptor named(
+        ::openat(m_fd, temporary.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    if (named.get() < 0)
+        return errno;
+    int error = prepare(named.get());
+    if (error == 0 && replace)
+        return publish(0);
+    if (error == 0 && ::linkat(m_fd, temporary.constData(), m_fd, entry.constData(), 0) != 0)
+        error = errno;
+    ::unlinkat(m_fd, temporary.constData(), 0);
+    return error;
+}
+
 int Folder::openFileForReading(const QString &name, int *error) const
 {
     const QByteArray entry = encoded(name);

@@ -187,24 +187,15 @@ std::shared_ptr<TrashFolders> homeTrash(const QString &root, int &error)
     return trash;
 }
 
-// Writes the record NAME.trashinfo into the trash; false with ERROR when the
-// name is taken there or the write fails.
+// Writes the record NAME.trashinfo into the trash, whole or not at all; false
+// with ERROR when the name is taken there or the write fails.
 bool writeRecord(const TrashFolders &trash, const QString &name, const QByteArray &record, int &error)
 {
-    const int fd = trash.info.createFile(name + QStringLiteral(".trashinfo"), 0600, &error);
-    if (fd < 0)
-        return false;
-    bool written = ::write(fd, record.constData(), static_cast<size_t>(record.size())) == record.size();
-    error = written ? 0 : (errno ? errno : EIO);
-    if (written && hasRootRights() && trash.owner != 0 &&
-        ::fchown(fd, trash.owner, primaryGroupOf(trash.owner)) != 0) {
-        written = false;
-        error = errno;
-    }
-    ::close(fd);
-    if (!written)
-        trash.info.removeEntry(name + QStringLiteral(".trashinfo"));
-    return written;
+    std::optional<std::pair<uid_t, gid_t>> owner;
+    if (hasRootRights() && trash.owner != 0)
+        owner.emplace(trash.owner, primaryGroupOf(trash.owner));
+    error = trash.info.writeWholeFile(name + QStringLiteral(".trashinfo"), record, 0600, owner, false);
+    return error == 0;
 }
 
 // Moves ITEM to NAME in the trash's files folder: a rename, or across mounts a

@@ -57,7 +57,7 @@ TEST_F(UserDefaultsTest, BrokenFilesReadAsEmptyAndAreReplacedWholeOnWrite)
     EXPECT_EQ(PropertyList::readDictionary(file()), (QVariantMap{{u"launch"_s, u"value"_s}}));
 }
 
-TEST_F(UserDefaultsTest, SynchronizeSeesWhatOtherProcessesWrote)
+TEST_F(UserDefaultsTest, OtherProcessesWritesAreSeenOnSynchronizeAndKeptOnWrite)
 {
     HXUserDefaults defaults(file());
     ASSERT_TRUE(defaults.setInteger(1, u"launchCount"_s));
@@ -65,6 +65,13 @@ TEST_F(UserDefaultsTest, SynchronizeSeesWhatOtherProcessesWrote)
     EXPECT_EQ(defaults.integerForKey(u"launchCount"_s), 1) << "cached until synchronised";
     defaults.synchronize();
     EXPECT_EQ(defaults.integerForKey(u"launchCount"_s), 7);
+
+    // A write goes to the file as it is now: the other process's keys stay.
+    ASSERT_TRUE(PropertyList::writeXmlFile(file(), QVariantMap{{u"launchCount"_s, 8}, {u"other"_s, 1}}));
+    ASSERT_TRUE(defaults.setBool(true, u"shouldTrash"_s));
+    ASSERT_TRUE(PropertyList::writeXmlFile(file(), QVariantMap{{u"launchCount"_s, 9}}));
+    ASSERT_TRUE(defaults.removeObjectForKey(u"shouldTrash"_s));
+    EXPECT_EQ(PropertyList::readDictionary(file()), (QVariantMap{{u"launchCount"_s, 9}}));
 }
 
 TEST_F(UserDefaultsTest, ConcurrentWritersLoseNoKey)
