@@ -170,13 +170,15 @@ void annaFile(const QString &path, const QByteArray &contents = "anna's\n")
 {
     annaFolder(QFileInfo(path).path());
     disk::write(path, contents, 0644);
-    ::lchown(encode(path).constData(), annaUid, annaGid);
+    if (::lchown(encode(path).constData(), annaUid, annaGid) != 0)
+        std::perror("lchown");
 }
 
 void annaLink(const QString &target, const QString &path)
 {
-    ::symlink(encode(target).constData(), encode(path).constData());
-    ::lchown(encode(path).constData(), annaUid, annaGid);
+    if (::symlink(encode(target).constData(), encode(path).constData()) != 0 ||
+        ::lchown(encode(path).constData(), annaUid, annaGid) != 0)
+        std::perror("annaLink");
 }
 
 // Clears the locked flag of PATH and of everything below it, links left alone.
@@ -367,7 +369,8 @@ Attempt attemptFor(const QString &name)
             for (int i = 0; i < 20; ++i) {
                 const QString item = sub + u"/root%1.prefs"_s.arg(i);
                 annaFile(item);
-                ::lchown(encode(item).constData(), 0, 0);
+                if (::lchown(encode(item).constData(), 0, 0) != 0)
+                    std::perror("lchown");
                 ::chmod(encode(item).constData(), 0600);
             }
             // Planted beforehand: a second name of a root file, as a system without
