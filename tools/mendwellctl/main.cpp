@@ -6,15 +6,12 @@
 #include "app/HXCommandLine.h"
 #include "app/HXRepairPreview.h"
 #include "app/HXRunRecord.h"
+#include "app/HXRunRecordText.h"
 #include "app/HXRunRestore.h"
 #include "app/audit/HXMendwellUtils.h"
 #include "system/HXFormat.h"
 
 #include <QCoreApplication>
-#include <QDateTime>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 #include <cstdio>
 #include <unistd.h>
@@ -69,16 +66,8 @@ int fail(int status, const QString &message)
 
 void printJson(const QVariant &value)
 {
-    const QJsonDocument document = value.typeId() == QMetaType::QVariantList
-                                       ? QJsonDocument(QJsonArray::fromVariantList(value.toList()))
-                                       : QJsonDocument(QJsonObject::fromVariantMap(value.toMap()));
-    std::fputs(document.toJson(QJsonDocument::Indented).constData(), g_out);
+    std::fputs(HXRunRecordText::json(value).constData(), g_out);
     std::fflush(g_out);
-}
-
-QString localTime(const QVariant &date)
-{
-    return date.toDateTime().toLocalTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss"));
 }
 
 int preview(const QStringList &switches, bool json)
@@ -132,13 +121,8 @@ int history(bool json)
     }
     if (runs.isEmpty())
         print(QStringLiteral("No repair has been recorded."));
-    for (const QVariant &run : runs) {
-        const QVariantMap record = run.toMap();
-        print(HXFormat(u"%@  %@  %@  %i trashed  %@", record.value("identifier").toString(),
-                       localTime(record.value("start")), record.value("mode").toString(),
-                       static_cast<int>(record.value("trashed").toList().size()),
-                       record.value("verdict").toString()));
-    }
+    for (const QVariant &run : runs)
+        print(HXRunRecordText::historyLine(run.toMap()));
     return kDone;
 }
 
@@ -169,22 +153,8 @@ int report(const QStringList &arguments, bool json)
         printJson(*record);
         return kDone;
     }
-    print(HXFormat(u"Repair %@ (%@)", record->value("identifier").toString(),
-                   record->value("mode").toString()));
-    print(HXFormat(u"Started %@, ended %@", localTime(record->value("start")),
-                   localTime(record->value("end"))));
-    print(HXFormat(u"Verdict: %@", record->value("verdict").toString()));
-    print(QStringLiteral("Steps:"));
-    for (const QVariant &step : record->value("steps").toList())
-        print(HXFormat(u"  %@  %.2f s", step.toMap().value("name").toString(),
-                       step.toMap().value("seconds").toDouble()));
-    const QVariantList trashed = record->value("trashed").toList();
-    print(HXFormat(u"Moved to the Trash (%i):", static_cast<int>(trashed.size())));
-    for (const QVariant &item : trashed) {
-        const QVariantMap map = item.toMap();
-        print(HXFormat(u"  %@%@", map.value("path").toString(),
-                       map.contains("restoredTo") ? QStringLiteral(" (restored)") : QString()));
-    }
+    for (const QString &line : HXRunRecordText::reportLines(*record))
+        print(line);
     return kDone;
 }
 
