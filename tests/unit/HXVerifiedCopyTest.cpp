@@ -238,8 +238,9 @@ TEST(HXVerifiedCopyTest, AnAttributeFailureIsReportedForEveryLaterCopy)
     const QStringList destinations{dir.filePath("a.mov"), dir.filePath("b.mov"), dir.filePath("c.mov")};
     Recorder recorder;
     recorder.delegate.fileCopyBytesWritten = [&](std::uint64_t, QVariantMap &) {
-        ::link(QFile::encodeName(destinations[1]).constData(),
-               QFile::encodeName(dir.filePath("b2")).constData());
+        // Fails with EEXIST after the first block, which is all the test needs.
+        [[maybe_unused]] const int linked = ::link(QFile::encodeName(destinations[1]).constData(),
+                                                   QFile::encodeName(dir.filePath("b2")).constData());
     };
     StderrCapture console;
     ASSERT_TRUE(copyFileWithProgress(source, destinations, kHXVerificationMD5, &recorder.delegate));
