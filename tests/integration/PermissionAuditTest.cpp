@@ -228,7 +228,7 @@ TEST_F(PermissionAuditTest, ATreeDeeperThanAnyPathEndsTheWalkWithoutHarm)
     int fd = ::open(QFile::encodeName(box.hostPath(kUser)).constData(), O_RDONLY | O_DIRECTORY);
     for (int depth = 0; depth < 3000 && fd >= 0; ++depth) {
         ::mkdirat(fd, "d", 0755);
-        ::fchownat(fd, "d", annaUid, annaGid, AT_SYMLINK_NOFOLLOW);
+        ASSERT_EQ(::fchownat(fd, "d", annaUid, annaGid, AT_SYMLINK_NOFOLLOW), 0) << depth;
         const int next = ::openat(fd, "d", O_RDONLY | O_DIRECTORY);
         ::close(fd);
         fd = next;
