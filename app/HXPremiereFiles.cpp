@@ -1,5 +1,7 @@
 #include "app/HXPremiereFiles.h"
 
+#include "app/HXMediaCache.h"
+
 #include "fs/HXWildcardPaths.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
@@ -57,16 +59,17 @@ QStringList memoryBalancerPaths()
 
 QStringList trashedFromFolders()
 {
-    return {
-        HXPath::appendingComponent(HXLocalPaths::appSupportDirectory(kUserDomain),
-                                   QStringLiteral("Adobe/Premiere Pro")),
-        HXLocalPaths::prefsDirectory(kUserDomain),
-        HXLocalPaths::prefsDirectory(kLocalDomain),
-        HXPath::appendingComponent(HXLocalPaths::documentDirectory(kUserDomain),
-                                   QStringLiteral("Adobe/Premiere Pro")),
-        HXPath::appendingComponent(HXLocalPaths::cacheDirectory(kUserDomain),
-                                   QStringLiteral("TemporaryItems")),
-    };
+    return QStringList{
+               HXPath::appendingComponent(HXLocalPaths::appSupportDirectory(kUserDomain),
+                                          QStringLiteral("Adobe/Premiere Pro")),
+               HXLocalPaths::prefsDirectory(kUserDomain),
+               HXLocalPaths::prefsDirectory(kLocalDomain),
+               HXPath::appendingComponent(HXLocalPaths::documentDirectory(kUserDomain),
+                                          QStringLiteral("Adobe/Premiere Pro")),
+               HXPath::appendingComponent(HXLocalPaths::cacheDirectory(kUserDomain),
+                                          QStringLiteral("TemporaryItems")),
+           } +
+           HXMediaCache::folders();
 }
 
 std::optional<QString> applicationIn32BitMode(const QString &bundleIdentifier)

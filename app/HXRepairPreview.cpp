@@ -10,6 +10,8 @@
 #include "system/HXPath.h"
 #include "system/HXWorkspace.h"
 
+#include <QSet>
+
 #include <algorithm>
 
 namespace {
@@ -32,7 +34,7 @@ bool isTrashedBefore(const QString &path, const QStringList &trash)
 
 }  // namespace
 
-HXRepairPreview HXRepairPreview::gather(bool trashPreferences, bool trashWorkspaces)
+HXRepairPreview HXRepairPreview::gather(bool trashPreferences, bool trashWorkspaces, bool clearMediaCache)
 {
     HXRepairPreview preview;
     preview.premiereRunning =
@@ -43,6 +45,17 @@ HXRepairPreview HXRepairPreview::gather(bool trashPreferences, bool trashWorkspa
         addExisting(preview.trash, HXPremiereFiles::windowLayoutPaths());
     addExisting(preview.trash, HXPremiereFiles::dynamicLinkCachePaths());
     addExisting(preview.trash, HXPremiereFiles::memoryBalancerPaths());
+    // Files the clean-up moves are no permission finding of the audit after it.
+    QSet<QString> clearedFromCache;
+    if (clearMediaCache) {
+        preview.mediaCache = HXMediaCache::survey({});
+        for (const HXMediaCache::Folder &folder : preview.mediaCache->folders)
+            for (const HXMediaCache::Item &item : folder.cleared)
+                clearedFromCache.insert(item.path);
+    }
+    const auto trashedBefore = [&](const QString &path) {
+        return isTrashedBefore(path, preview.trash) || clearedFromCache.contains(path);
+    };
 
     for (const platform::PinnedProcess &process : adobeProcessesToEnd())
         preview.processes.push_back(
@@ -56,10 +69,10 @@ HXRepairPreview HXRepairPreview::gather(bool trashPreferences, bool trashWorkspa
         for (const QString &root : HXMendwellUtils::auditedFolders()) {
             const PermissionPreview found = previewPermissions(root, auditRules, correction, *account);
             for (const HXPermissionFinding &finding : found.findings)
-                if (!isTrashedBefore(finding.path, preview.trash))
+                if (!trashedBefore(finding.path))
                     preview.permissionFindings.push_back(finding);
             for (const QVariant &change : HXToolReport::permissionChangesIn(found.changes))
-                if (!isTrashedBefore(change.toMap().value(QStringLiteral("path")).toString(), preview.trash))
+                if (!trashedBefore(change.toMap().value(QStringLiteral("path")).toString()))
                     preview.permissionChanges.append(change);
         }
     }
@@ -80,10 +93,14 @@ QVariantMap HXRepairPreview::toVariant() const
     for (const HXPermissionFinding &finding : permissionFindings)
         findings.append(QVariantMap{{QStringLiteral("path"), finding.path},
                                     {QStringLiteral("reason"), HXMendwellUtils::describe(finding.problem)}});
-    return {{QStringLiteral("premiereWasRunning"), premiereRunning},
-            {QStringLiteral("trash"), trash},
-            {QStringLiteral("processes"), processList},
-            {QStringLiteral("permissionFindings"), findings},
-            {QStringLiteral("permissionChanges"), permissionChanges},
-            {QStringLiteral("32BitMode"), thirtyTwoBitApplication.has_value()}};
+    QVariantMap map{{QStringLiteral("premiereWasRunning"), premiereRunning},
+                    {QStringLiteral("trash"), trash},
+                    {QStringLiteral("processes"), processList},
+                    {QStringLiteral("permissionFindings"), findings},
+                    {QStringLiteral("permissionChanges"), permissionChanges},
+                    {QStringLiteral("32BitMode"), thirtyTwoBitApplication.has_value()}};
+    if (mediaCache)
+        map.insert(QStringLiteral("mediaCache"),
+                   HXMediaCache::toVariant(*mediaCache, HXMediaCache::Detail::Files));
+    return map;
 }

@@ -5,6 +5,7 @@
 // order, the processes killtool would end, the permission audit's findings, the
 // 32-bit setting and whether Premiere Pro runs (and would be asked to quit).
 
+#include "app/HXMediaCache.h"
 #include "app/audit/HXMendwellUtils.h"
 
 #include <QString>
@@ -32,8 +33,10 @@ struct HXRepairPreview {
     QVariantList permissionChanges;
     // The application's name when it is set to start in 32-bit mode.
     std::optional<QString> thirtyTwoBitApplication;
+    // What clearing the media cache would move, when asked for.
+    std::optional<HXMediaCache::Outcome> mediaCache;
 
-    static HXRepairPreview gather(bool trashPreferences, bool trashWorkspaces);
+    static HXRepairPreview gather(bool trashPreferences, bool trashWorkspaces, bool clearMediaCache = false);
     // As a dictionary with the run record's key names.
     QVariantMap toVariant() const;
 };

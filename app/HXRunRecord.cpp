@@ -147,6 +147,11 @@ void note32BitMode(bool on)
     note(QStringLiteral("32BitMode"), on);
 }
 
+void noteMediaCache(const QVariantMap &mediaCache)
+{
+    note(QStringLiteral("mediaCache"), mediaCache);
+}
+
 std::optional<QString> finish(bool errorsFound, const QString &verdict)
 {
     HXFileManager::setTrashObserver({});

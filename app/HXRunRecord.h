@@ -24,6 +24,7 @@ inline constexpr int kKeptRuns = 50;
 
 inline const QString kModeWindow = QStringLiteral("window");
 inline const QString kModeCommandLine = QStringLiteral("command line");
+inline const QString kModeMediaCache = QStringLiteral("media cache");
 
 // Starts the record of a run in MODE with its OPTIONS ("trashPreferences",
 // "trashWorkspaces", "silent") and the process's switches; items trashed from now
@@ -37,6 +38,8 @@ void noteEndedProcesses(const QVariantList &processes);
 void notePermissionChanges(const QVariantList &changes);
 void notePremiereWasRunning(bool running);
 void note32BitMode(bool on);
+// What the media cache's clean-up did (app/HXMediaCache.h, with where each file went).
+void noteMediaCache(const QVariantMap &mediaCache);
 // Ends the last step, stores the verdict and writes the record; its path, none
 // when there was no run or it could not be written.
 std::optional<QString> finish(bool errorsFound, const QString &verdict);

@@ -11,6 +11,7 @@
 #include "system/HXUsersTree.h"
 
 #include <QDateTime>
+#include <QUrl>
 #include <QVariantList>
 
 #include <algorithm>
@@ -25,6 +26,10 @@ namespace {
 
 const QString kTrashed = QStringLiteral("trashed");
 const QString kRestoredTo = QStringLiteral("restoredTo");
+const QString kMediaCache = QStringLiteral("mediaCache");
+const QString kFolders = QStringLiteral("folders");
+// A restore lists this many of the media cache files it could not restore.
+constexpr int kListedFailures = 100;
 
 QString reasonOf(int error)
 {
@@ -132,6 +137,32 @@ Item restoreOne(const QString &identifier, const QString &path, const QString &t
     return item;
 }
 
+// The media cache files a run moved: "TRASHEDPATH ORIGINALPATH" lines,
+// percent-encoded (app/HXMediaCache.h).
+struct MovedFile {
+    QString trashPath;
+    QString path;
+};
+
+std::vector<MovedFile> movedFiles(const QString &lines)
+{
+    std::vector<MovedFile> files;
+    for (const QStringView line : QStringView(lines).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        const qsizetype space = line.indexOf(QLatin1Char(' '));
+        if (space > 0)
+            files.push_back({QUrl::fromPercentEncoding(line.left(space).toLatin1()),
+                             QUrl::fromPercentEncoding(line.mid(space + 1).toLatin1())});
+    }
+    return files;
+}
+
+QString infoPathOf(const QString &trashPath)
+{
+    const QString trashRoot = HXPath::deletingLastComponent(HXPath::deletingLastComponent(trashPath));
+    return trashRoot + QStringLiteral("/info/") + HXPath::lastComponent(trashPath) +
+           QStringLiteral(".trashinfo");
+}
+
 }  // namespace
 
 QVariantMap Item::toVariant() const
@@ -141,7 +172,7 @@ QVariantMap Item::toVariant() const
 
 int Outcome::restored() const
 {
-    int count = 0;
+    int count = mediaCacheRestored;
     for (const Item &item : items)
         count += item.restoredTo.isEmpty() ? 0 : 1;
     return count;
@@ -149,7 +180,7 @@ int Outcome::restored() const
 
 int Outcome::failed() const
 {
-    return static_cast<int>(items.size()) - restored();
+    return static_cast<int>(items.size()) - (restored() - mediaCacheRestored) + mediaCacheFailed;
 }
 
 int pendingItems(const QVariantMap &record)
@@ -157,6 +188,8 @@ int pendingItems(const QVariantMap &record)
     int pending = 0;
     for (const QVariant &entry : record.value(kTrashed).toList())
         pending += entry.toMap().contains(kRestoredTo) ? 0 : 1;
+    for (const QVariant &folder : record.value(kMediaCache).toMap().value(kFolders).toList())
+        pending += static_cast<int>(movedFiles(folder.toMap().value(kTrashed).toString()).size());
     return pending;
 }
 
@@ -192,11 +225,44 @@ Outcome restore(QVariantMap &record)
         restoreItems.append(item.toVariant());
         outcome.items.push_back(item);
     }
-    if (outcome.items.empty())
+    // The media cache's files, counted rather than listed one by one; those
+    // restored leave the folder's list.
+    QVariantMap mediaCache = record.value(kMediaCache).toMap();
+    QVariantList cacheFolders = mediaCache.value(kFolders).toList();
+    QVariantList cacheFailures;
+    for (QVariant &folder : cacheFolders) {
+        QVariantMap map = folder.toMap();
+        QString left;
+        for (const MovedFile &file : movedFiles(map.value(kTrashed).toString())) {
+            const Item item =
+                nobody ? Item{file.path, {}, QStringLiteral("nobody is at the console to restore it for")}
+                       : restoreOne(identifier, file.path, file.trashPath, infoPathOf(file.trashPath), user,
+                                    false);
+            if (!item.restoredTo.isEmpty()) {
+                ++outcome.mediaCacheRestored;
+                continue;
+            }
+            ++outcome.mediaCacheFailed;
+            if (cacheFailures.size() < kListedFailures)
+                cacheFailures.append(item.toVariant());
+            left += QString::fromLatin1(QUrl::toPercentEncoding(file.trashPath, "/") + ' ' +
+                                        QUrl::toPercentEncoding(file.path, "/") + '\n');
+        }
+        map.insert(kTrashed, left);
+        folder = map;
+    }
+    if (outcome.items.empty() && outcome.mediaCacheRestored + outcome.mediaCacheFailed == 0)
         return outcome;
     record.insert(kTrashed, trashed);
+    QVariantMap restoreEntry{{QStringLiteral("date"), now}, {QStringLiteral("items"), restoreItems}};
+    if (outcome.mediaCacheRestored + outcome.mediaCacheFailed > 0) {
+        mediaCache.insert(kFolders, cacheFolders);
+        record.insert(kMediaCache, mediaCache);
+        restoreEntry.insert(QStringLiteral("mediaCacheRestored"), outcome.mediaCacheRestored);
+        restoreEntry.insert(QStringLiteral("mediaCacheFailed"), cacheFailures);
+    }
     QVariantList restores = record.value(QStringLiteral("restores")).toList();
-    restores.append(QVariantMap{{QStringLiteral("date"), now}, {QStringLiteral("items"), restoreItems}});
+    restores.append(restoreEntry);
     record.insert(QStringLiteral("restores"), restores);
     return outcome;
 }

@@ -30,6 +30,9 @@ struct Item {
 
 struct Outcome {
     std::vector<Item> items;
+    // The media cache's files, too many to list one by one.
+    int mediaCacheRestored = 0;
+    int mediaCacheFailed = 0;
     int restored() const;
     int failed() const;
 };

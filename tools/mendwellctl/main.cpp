@@ -4,14 +4,18 @@
 // -repair runs.
 
 #include "app/HXCommandLine.h"
+#include "app/HXMediaCache.h"
+#include "app/HXPremiereFiles.h"
 #include "app/HXRepairPreview.h"
 #include "app/HXRunRecord.h"
 #include "app/HXRunRecordText.h"
 #include "app/HXRunRestore.h"
 #include "app/audit/HXMendwellUtils.h"
 #include "system/HXFormat.h"
+#include "system/HXWorkspace.h"
 
 #include <QCoreApplication>
+#include <QFileInfo>
 
 #include <cstdio>
 #include <unistd.h>
@@ -26,25 +30,30 @@ enum Status : int {
     kPartlyRestored = 4,
 };
 
-const char *const kUsage = "usage: mendwellctl COMMAND [ARGUMENTS] [--json]\n"
-                           "\n"
-                           "  preview [-trash|-trashprefs|-trashworkspace]\n"
-                           "      What 'Mendwell -repair' with the same switches would do now: the items it\n"
-                           "      would move to the Trash in order, the processes it would end, the wrong\n"
-                           "      permissions it would correct, the 32-bit setting. Changes nothing.\n"
-                           "  history\n"
-                           "      The recorded repairs, newest first.\n"
-                           "  report [RUN]\n"
-                           "      One recorded repair, the last by default.\n"
-                           "  restore [RUN]\n"
-                           "      Puts back what that repair (the last by default) moved to the Trash. An\n"
-                           "      item whose place is taken again is put beside it; nothing is overwritten.\n"
-                           "\n"
-                           "RUN is an identifier that 'history' lists. --json prints the result as JSON.\n"
-                           "Run as root to act for the user at the console, as 'Mendwell -repair' does.\n"
-                           "\n"
-                           "Exit status: 0 done, 1 failed (the message says why), 2 bad arguments or an\n"
-                           "unknown RUN, 3 nothing to restore, 4 partly restored.\n";
+const char *const kUsage =
+    "usage: mendwellctl COMMAND [ARGUMENTS] [--json]\n"
+    "\n"
+    "  preview [-trash|-trashprefs|-trashworkspace|-mediacache]\n"
+    "      What 'Mendwell -repair' with the same switches would do now: the items it\n"
+    "      would move to the Trash in order, the processes it would end, the wrong\n"
+    "      permissions it would correct, the 32-bit setting. Changes nothing.\n"
+    "      -mediacache adds the media cache files 'mediacache' would move, with sizes.\n"
+    "  mediacache [--older-than DAYS]\n"
+    "      Moves Premiere Pro's media cache files (only those older than DAYS days)\n"
+    "      to the Trash and records it like a repair; refused while it runs.\n"
+    "  history\n"
+    "      The recorded repairs, newest first.\n"
+    "  report [RUN]\n"
+    "      One recorded repair, the last by default.\n"
+    "  restore [RUN]\n"
+    "      Puts back what that repair (the last by default) moved to the Trash. An\n"
+    "      item whose place is taken again is put beside it; nothing is overwritten.\n"
+    "\n"
+    "RUN is an identifier that 'history' lists. --json prints the result as JSON.\n"
+    "Run as root to act for the user at the console, as 'Mendwell -repair' does.\n"
+    "\n"
+    "Exit status: 0 done, 1 failed (the message says why), 2 bad arguments or an\n"
+    "unknown RUN, 3 nothing to restore, 4 partly restored.\n";
 
 // Our results only: anything the libraries print goes to standard error, so the
 // output (JSON above all) stays whole. Flushed at once, so nothing waits in a
@@ -72,13 +81,18 @@ void printJson(const QVariant &value)
 
 int preview(const QStringList &switches, bool json)
 {
-    for (const QString &option : switches)
-        if (!QStringList{"-trash", "-trashprefs", "-trashworkspace"}.contains(option.toLower()))
+    bool mediaCache = false;
+    for (const QString &option : switches) {
+        if (option.toLower() == QLatin1String("-mediacache"))
+            mediaCache = true;
+        else if (!QStringList{"-trash", "-trashprefs", "-trashworkspace"}.contains(option.toLower()))
             return fail(kBadArguments,
-                        HXFormat(u"preview takes -trash, -trashprefs or -trashworkspace, not %@", option));
+                        HXFormat(u"preview takes -trash, -trashprefs, -trashworkspace or -mediacache, not %@",
+                                 option));
+    }
     const HXCommandLine options = HXCommandLine::parse(switches);
     const HXRepairPreview preview =
-        HXRepairPreview::gather(options.trashPreferences, options.trashWorkspaces);
+        HXRepairPreview::gather(options.trashPreferences, options.trashWorkspaces, mediaCache);
     if (json) {
         printJson(preview.toVariant());
         return kDone;
@@ -102,6 +116,18 @@ int preview(const QStringList &switches, bool json)
                        map.value("ownerBefore").toString(), map.value("ownerAfter").toString(),
                        map.value("modeBefore").toString(), map.value("modeAfter").toString(),
                        map.value("lockedBefore").toBool() ? QStringLiteral(", unlocked") : QString()));
+    }
+    if (preview.mediaCache) {
+        print(HXFormat(u"Would move from the media cache (%i files, %@):", preview.mediaCache->clearedFiles(),
+                       HXMediaCache::describeSize(preview.mediaCache->clearedBytes())));
+        for (const HXMediaCache::Folder &folder : preview.mediaCache->folders) {
+            for (const HXMediaCache::Item &item : folder.cleared)
+                print(HXFormat(u"  %@ (%lli bytes)", item.path, static_cast<long long>(item.bytes)));
+            for (const HXMediaCache::Item &item : folder.kept)
+                print(HXFormat(u"  kept, newer: %@", item.path));
+            for (const HXMediaCache::Item &item : folder.others)
+                print(HXFormat(u"  left, not a cache file: %@", item.path));
+        }
     }
     print(preview.thirtyTwoBitApplication
               ? HXFormat(u"%@ is set to run in 32-bit mode.", *preview.thirtyTwoBitApplication)
@@ -166,17 +192,27 @@ int restore(const QStringList &arguments, bool json)
         return status;
     const QString identifier = record->value("identifier").toString();
     const HXRunRestore::Outcome outcome = HXRunRestore::restore(*record);
-    if (!outcome.items.empty() && !HXRunRecord::store(*record))
+    const int cacheFiles = outcome.mediaCacheRestored + outcome.mediaCacheFailed;
+    const bool nothing = outcome.items.empty() && cacheFiles == 0;
+    if (!nothing && !HXRunRecord::store(*record))
         std::fprintf(stderr, "mendwellctl: the restore could not be written into the record of %s\n",
                      identifier.toUtf8().constData());
     if (json) {
         QVariantList items;
         for (const HXRunRestore::Item &item : outcome.items)
             items.append(item.toVariant());
-        printJson(QVariantMap{{"run", identifier}, {"items", items}});
-    } else if (outcome.items.empty()) {
+        printJson(QVariantMap{{"run", identifier},
+                              {"items", items},
+                              {"mediaCacheRestored", outcome.mediaCacheRestored},
+                              {"mediaCacheFailed", outcome.mediaCacheFailed}});
+    } else if (nothing) {
         print(HXFormat(u"Nothing to restore from repair %@.", identifier));
     } else {
+        if (cacheFiles > 0)
+            print(HXFormat(u"Restored %i of %i media cache files%@", outcome.mediaCacheRestored, cacheFiles,
+                           outcome.mediaCacheFailed > 0
+                               ? QStringLiteral("; the record lists those not restored.")
+                               : QStringLiteral(".")));
         for (const HXRunRestore::Item &item : outcome.items) {
             if (item.restoredTo.isEmpty())
                 print(HXFormat(u"Not restored: %@: %@", item.path, item.problem));
@@ -186,9 +222,47 @@ int restore(const QStringList &arguments, bool json)
                 print(HXFormat(u"Restored %@", item.path));
         }
     }
-    if (outcome.items.empty())
+    if (nothing)
         return kNothingToRestore;
     return outcome.failed() == 0 ? kDone : outcome.restored() == 0 ? kFailed : kPartlyRestored;
+}
+
+int mediaCache(const QStringList &arguments, bool json)
+{
+    HXMediaCache::Rule rule;
+    if (!arguments.isEmpty()) {
+        bool number = false;
+        const int days = arguments.value(1).toInt(&number);
+        if (arguments.size() != 2 || arguments[0] != QLatin1String("--older-than") || !number || days < 0)
+            return fail(kBadArguments,
+                        QStringLiteral("mediacache takes only --older-than DAYS (a whole number)"));
+        rule.olderThanDays = days;
+    }
+    if (HXWorkspace::runningBundleIdentifiers().contains(HXPremiereFiles::kBundleIdentifier))
+        return fail(kFailed,
+                    QStringLiteral("Premiere Pro is running; quit it before its media cache is cleared."));
+    HXRunRecord::begin(HXRunRecord::kModeMediaCache,
+                       rule.olderThanDays ? QVariantMap{{"olderThanDays", *rule.olderThanDays}}
+                                          : QVariantMap(),
+                       QStringList{QStringLiteral("mediacache")} + arguments);
+    HXRunRecord::beginStep(QStringLiteral("Trashing media cache"));
+    const HXMediaCache::Outcome outcome = HXMediaCache::clear(rule);
+    HXRunRecord::noteMediaCache(HXMediaCache::toVariant(outcome, HXMediaCache::Detail::TrashedPlaces));
+    int failed = 0;
+    for (const HXMediaCache::Folder &folder : outcome.folders)
+        failed += static_cast<int>(folder.failed.size());
+    const QStringList lines = HXMediaCache::summaryLines(outcome);
+    const std::optional<QString> recorded = HXRunRecord::finish(failed > 0, lines.join(QLatin1Char('\n')));
+    if (json) {
+        QVariantMap map = HXMediaCache::toVariant(outcome, HXMediaCache::Detail::Totals);
+        map.insert(QStringLiteral("run"), recorded ? QFileInfo(*recorded).completeBaseName() : QString());
+        map.insert(QStringLiteral("note"), lines.constLast());
+        printJson(map);
+    } else {
+        for (const QString &line : lines)
+            print(line);
+    }
+    return failed > 0 ? kFailed : kDone;
 }
 
 }  // namespace
@@ -217,5 +291,7 @@ int main(int argc, char **argv)
         return report(arguments, json);
     if (command == QLatin1String("restore"))
         return restore(arguments, json);
+    if (command == QLatin1String("mediacache"))
+        return mediaCache(arguments, json);
     return fail(kBadArguments, HXFormat(u"unknown command %@; try 'mendwellctl --help'", command));
 }
