@@ -84,15 +84,18 @@ public:
     // --- The repair
 
     // The repair button's action: starts threadedRepair on a thread of its own with
-    // the two options read from the check boxes, and returns at once.
+    // the options read from the check boxes, and returns at once.
     void repair();
-    // The windowed repair's thread: { "shouldTrash", "shouldTrashWorkspaces" }.
+    // The windowed repair's thread: { "shouldTrash", "shouldTrashWorkspaces", "shouldTrashMediaCache" }.
     void threadedRepair(const QVariantMap &parameters);
     // The repair with one choice for preferences and layouts alike.
     void startRepair(bool trash, bool silent);
     // The repair itself: every step in order, the verdict, the notices, and the
     // editor started again when it had been running.
     void startRepair(bool shouldTrash, bool shouldTrashWorkspaces, bool silent);
+    // The window's repair may also clear the media cache (app/HXMediaCache.h)
+    // once Premiere Pro has quit; the command line never does.
+    void startRepair(bool shouldTrash, bool shouldTrashWorkspaces, bool silent, bool clearMediaCache);
     // True from the repair button's action until its thread has finished.
     bool isRepairing() const { return m_repairing.load(); }
     // Main thread: the controls while a windowed repair runs, and after.
@@ -161,6 +164,7 @@ public:
         QPointer<QProgressBar> spinner;
         QPointer<QAbstractButton> trashPrefs;
         QPointer<QAbstractButton> resetLayoutCheck;
+        QPointer<QAbstractButton> mediaCacheCheck;
     };
     void setRepairControls(const RepairControls &controls) { m_controls = controls; }
     QWidget *windowMain() const { return m_controls.windowMain; }

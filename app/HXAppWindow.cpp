@@ -134,9 +134,12 @@ bool HXAppController::loadMainInterface()
     if (window == nullptr)
         return false;
     m_ownedMainWindow.reset(window);
-    m_controls = {window, outlet<QAbstractButton>(window, "repairButton"),
-                  outlet<QProgressBar>(window, "spinner"), outlet<QAbstractButton>(window, "trashPrefs"),
-                  outlet<QAbstractButton>(window, "resetLayoutCheck")};
+    m_controls = {window,
+                  outlet<QAbstractButton>(window, "repairButton"),
+                  outlet<QProgressBar>(window, "spinner"),
+                  outlet<QAbstractButton>(window, "trashPrefs"),
+                  outlet<QAbstractButton>(window, "resetLayoutCheck"),
+                  outlet<QAbstractButton>(window, "mediaCacheCheck")};
     m_errorText = outlet<QTextEdit>(window, "errorText");
     m_logoImageView = outlet<QLabel>(window, "logoImageView");
 
@@ -158,6 +161,7 @@ void HXAppController::connectMainWindow()
         QObject::connect(button, &QAbstractButton::clicked, button, [this] { repair(); });
     rememberOption(m_controls.trashPrefs, kShouldTrash);
     rememberOption(m_controls.resetLayoutCheck, kShouldTrashWorkspaces);
+    rememberOption(m_controls.mediaCacheCheck, QStringLiteral("shouldTrashMediaCache"));
 
     const std::pair<const char *, void (HXAppController::*)()> commands[] = {
         {"actionAbout", &HXAppController::showAboutDialog},

@@ -2,6 +2,7 @@
 // of its own) and on the command line (on the main thread).
 
 #include "app/HXAppController.h"
+#include "app/HXMediaCache.h"
 #include "app/HXPremiereFiles.h"
 #include "app/HXRunRecord.h"
 
@@ -27,6 +28,7 @@ const QString kScanFinished = QStringLiteral("hxMendwellScanFinished");
 const QString kOutputKey = QStringLiteral("output");
 const QString kShouldTrash = QStringLiteral("shouldTrash");
 const QString kShouldTrashWorkspaces = QStringLiteral("shouldTrashWorkspaces");
+const QString kShouldTrashMediaCache = QStringLiteral("shouldTrashMediaCache");
 const QString kNoticeTitle = QStringLiteral("Mendwell");
 const QString kErrorsFound = QStringLiteral("Errors were found during processing.");
 const QString kNoErrorsFound = QStringLiteral("No errors were found.");
@@ -102,6 +104,25 @@ bool correctFilePermissions(HXAppController &controller, const Console &console)
     return true;
 }
 
+// The media cache goes only once the editor has quit: the wait above may have
+// ended with it still running.
+void clearPremiereMediaCache(const Console &console)
+{
+    console.step(&HXAppController::insertText, QStringLiteral("Clearing media cache..."));
+    if (HXWorkspace::runningBundleIdentifiers().contains(HXPremiereFiles::kBundleIdentifier)) {
+        HXLog::appendLog(u"Premiere Pro is still running; its media cache was left alone.");
+        console.say(&HXAppController::insertErrorText,
+                    QStringLiteral("Premiere Pro is still running; its media cache was left alone."));
+        return;
+    }
+    const HXMediaCache::Outcome outcome = HXMediaCache::clear({});
+    HXRunRecord::noteMediaCache(HXMediaCache::toVariant(outcome, HXMediaCache::Detail::TrashedPlaces));
+    const QStringList lines = HXMediaCache::summaryLines(outcome);
+    HXLog::appendLog(u"%@", lines.join(QLatin1Char('\n')));
+    for (const QString &line : lines)
+        console.say(&HXAppController::insertText, line);
+}
+
 // The verdict: on the console, then as a sheet in the window or as the closing
 // signal and a notice on the command line.
 void reportVerdict(HXAppController &controller, const Console &console, bool errorsFound, bool silent)
@@ -132,7 +153,8 @@ void HXAppController::repair()
 {
     const auto isOn = [](const QPointer<QAbstractButton> &box) { return box && box->isChecked(); };
     const QVariantMap parameters{{kShouldTrash, isOn(m_controls.trashPrefs)},
-                                 {kShouldTrashWorkspaces, isOn(m_controls.resetLayoutCheck)}};
+                                 {kShouldTrashWorkspaces, isOn(m_controls.resetLayoutCheck)},
+                                 {kShouldTrashMediaCache, isOn(m_controls.mediaCacheCheck)}};
     // One repair at a time, also when a second click arrives before the thread
     // has disabled the button.
     if (m_repairing.exchange(true))
@@ -151,7 +173,7 @@ void HXAppController::threadedRepair(const QVariantMap &parameters)
     const bool shouldTrash = parameters.value(kShouldTrash).toBool();
     const bool shouldTrashWorkspaces = parameters.value(kShouldTrashWorkspaces).toBool();
     HXPerformOnMainThread([this] { repairStart(); }, true);
-    startRepair(shouldTrash, shouldTrashWorkspaces, false);
+    startRepair(shouldTrash, shouldTrashWorkspaces, false, parameters.value(kShouldTrashMediaCache).toBool());
     HXPerformOnMainThread([this] { repairEnd(); }, true);
 }
 
@@ -178,6 +200,12 @@ void HXAppController::startRepair(bool trash, bool silent)
 
 void HXAppController::startRepair(bool shouldTrash, bool shouldTrashWorkspaces, bool silent)
 {
+    startRepair(shouldTrash, shouldTrashWorkspaces, silent, false);
+}
+
+void HXAppController::startRepair(bool shouldTrash, bool shouldTrashWorkspaces, bool silent,
+                                  bool clearMediaCache)
+{
     try {
         const Console console(*this, silent);
         if (!m_hasGUI && !silent)
@@ -186,7 +214,8 @@ void HXAppController::startRepair(bool shouldTrash, bool shouldTrashWorkspaces, 
         HXRunRecord::begin(m_hasGUI ? HXRunRecord::kModeWindow : HXRunRecord::kModeCommandLine,
                            {{QStringLiteral("trashPreferences"), shouldTrash},
                             {QStringLiteral("trashWorkspaces"), shouldTrashWorkspaces},
-                            {QStringLiteral("silent"), silent}},
+                            {QStringLiteral("silent"), silent},
+                            {QStringLiteral("clearMediaCache"), clearMediaCache}},
                            m_hasGUI ? QStringList() : platform::processArguments().mid(1));
 
         HXAuthorization &authorization = HXAuthorization::sharedController();
@@ -224,6 +253,8 @@ void HXAppController::startRepair(bool shouldTrash, bool shouldTrashWorkspaces, 
             console.step(&HXAppController::insertText, QStringLiteral("Trashing workspaces..."));
             trashWorkspaces(false);
         }
+        if (clearMediaCache)
+            clearPremiereMediaCache(console);
         console.step(&HXAppController::insertText, QStringLiteral("Terminating processes..."));
         stopAll();
         console.step(&HXAppController::insertText, QStringLiteral("Trashing dynamic link caches..."));

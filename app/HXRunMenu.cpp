@@ -15,9 +15,10 @@ namespace {
 // At most this many lines per list in a sheet; a count stands for the rest.
 constexpr qsizetype kListedLines = 12;
 
-QString listing(const QString &heading, const QStringList &lines)
+// HEADING and the first of LINES.
+QString listing(const QString &heading, const QStringList &lines, bool countInHeading = true)
 {
-    QString text = HXFormat(u"%@ (%i)", heading, static_cast<int>(lines.size()));
+    QString text = countInHeading ? HXFormat(u"%@ (%i)", heading, static_cast<int>(lines.size())) : heading;
     for (qsizetype i = 0; i < lines.size() && i < kListedLines; ++i)
         text += QStringLiteral("\n  ") + lines[i];
     if (lines.size() > kListedLines)
@@ -39,6 +40,22 @@ QString previewText(const HXRepairPreview &preview)
     parts.append(listing(QStringLiteral("Moved to the Trash:"), preview.trash));
     parts.append(listing(QStringLiteral("Processes ended:"), processes));
     parts.append(listing(QStringLiteral("Permissions corrected:"), permissions));
+    if (preview.mediaCache) {
+        QStringList cleared;
+        QStringList left;
+        for (const HXMediaCache::Folder &folder : preview.mediaCache->folders) {
+            for (const HXMediaCache::Item &item : folder.cleared)
+                cleared.append(item.path);
+            for (const HXMediaCache::Item &item : folder.others)
+                left.append(item.path);
+        }
+        parts.append(listing(HXFormat(u"Media cache moved to the Trash (%i files, %@):",
+                                      static_cast<int>(cleared.size()),
+                                      HXMediaCache::describeSize(preview.mediaCache->clearedBytes())),
+                             cleared, false));
+        if (!left.isEmpty())
+            parts.append(listing(QStringLiteral("Left in the media cache folders:"), left));
+    }
     if (preview.thirtyTwoBitApplication)
         parts.append(HXFormat(u"%@ is set to run in 32-bit mode.", *preview.thirtyTwoBitApplication));
     return parts.join(QStringLiteral("\n\n"));
@@ -49,8 +66,8 @@ QString previewText(const HXRepairPreview &preview)
 void HXAppController::menuPreviewRepair()
 {
     const auto isOn = [](const QPointer<QAbstractButton> &box) { return box && box->isChecked(); };
-    const HXRepairPreview preview =
-        HXRepairPreview::gather(isOn(m_controls.trashPrefs), isOn(m_controls.resetLayoutCheck));
+    const HXRepairPreview preview = HXRepairPreview::gather(
+        isOn(m_controls.trashPrefs), isOn(m_controls.resetLayoutCheck), isOn(m_controls.mediaCacheCheck));
     const qint64 answer = HXAlert::alertSheetWithMessageText(
         QStringLiteral("What the repair will do"), QStringLiteral("Repair"), QStringLiteral("Cancel"),
         std::nullopt, previewText(preview), windowMain(), true);
@@ -92,7 +109,7 @@ void HXAppController::menuUndoLastRepair()
         if (!item.problem.isEmpty())
             problems.append(HXFormat(u"%@: %@", item.path, item.problem));
     HXAlert::alertSheetWithMessageText(
-        HXFormat(u"Restored %i of %i items", outcome.restored(), static_cast<int>(outcome.items.size())),
+        HXFormat(u"Restored %i of %i items", outcome.restored(), outcome.restored() + outcome.failed()),
         problems.isEmpty() ? QStringLiteral("Everything is back where it was.")
                            : listing(QStringLiteral("Notes:"), problems),
         windowMain());

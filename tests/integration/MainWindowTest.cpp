@@ -15,9 +15,11 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QImage>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -156,6 +158,20 @@ adminpass)
         cp "$machine" "$runs/admin-$state.plist"
         figure owner_$state "$(stat -c %U "$machine")"
     done
+    press "$main" ctrl+q
+    finish
+    ;;
+mediacache)
+    # The media cache box, then what the preview says it would move; cancelled.
+    main=$(waitfor '^Mendwell$') || { figure status nowindow; kill "$pid"; exit 0; }
+    click "$main" 60 195
+    shot mediacache-box
+    menu "$main" alt+e v
+    sleep 0.3
+    count 2
+    shot mediacache-preview
+    press "$(ours | grep -vx "$main" | head -1)" Escape
+    count 1
     press "$main" ctrl+q
     finish
     ;;
@@ -542,6 +558,28 @@ TEST_F(MainWindowTest, PreferencesAndHelpPagesAsTheUserSeesThem)
               "https://support.lanternfish.example/kestrelkit/bugreport?app=kestrelkit&version=1.0.0\n");
     EXPECT_FALSE(shot(QStringLiteral("general-1")).isNull());
     EXPECT_FALSE(shot(QStringLiteral("refused-1")).isNull());
+}
+
+TEST_F(MainWindowTest, TheMediaCacheBoxIsRememberedAndItsPreviewChangesNothing)
+{
+    const QString cache =
+        QStringLiteral("/Users/anna/Library/Application Support/Adobe/Common/Media Cache Files");
+    for (const char *name : {"clip 1.cfa", "clip 1.pek", "notes.txt"})
+        ASSERT_TRUE(box.writeFile(cache + QLatin1Char('/') + QLatin1String(name), "cache\n", true));
+    // A large conformed audio file, sparse: the preview adds up sizes, not blocks.
+    ASSERT_EQ(::truncate(QFile::encodeName(box.hostPath(cache + QStringLiteral("/clip 1.cfa"))).constData(),
+                         1500000000),
+              0);
+    const QMap<QString, QString> figures = act(QStringLiteral("mediacache"), 1);
+    ASSERT_EQ(figures.value(QStringLiteral("status")), QStringLiteral("0"))
+        << runOutput("mediacache", 1, "err").data();
+    EXPECT_EQ(
+        PropertyList::readDictionary(box.hostPath(kSettings)).value(QStringLiteral("shouldTrashMediaCache")),
+        QVariant(qint64{1}));
+    EXPECT_EQ(QFileInfo(box.hostPath(cache + QStringLiteral("/clip 1.cfa"))).size(), 1500000000);
+    EXPECT_TRUE(QFileInfo::exists(box.hostPath(cache + QStringLiteral("/clip 1.pek"))));
+    EXPECT_FALSE(shot(QStringLiteral("mediacache-box-1")).isNull());
+    EXPECT_FALSE(shot(QStringLiteral("mediacache-preview-1")).isNull());
 }
 
 TEST_F(MainWindowTest, ARequiredPasswordThatIsNotGivenEndsTheProgram)

@@ -83,7 +83,7 @@ int main(int argc, char **argv)
     HXAppController controller;
     controller.setHasGUI(true);
     controller.setErrorText(console);
-    controller.setRepairControls({&window, button, spinner, trashPrefs, layouts});
+    controller.setRepairControls({&window, button, spinner, trashPrefs, layouts, nullptr});
 
     // The repair's end: the button switched on again.
     SwitchWatch switches;
