@@ -10,33 +10,7 @@
 set -euo pipefail
 bundle=$(realpath "${1:?usage: restore_bench.sh BUNDLE [N]}")
 n=${2:-1000}
-top=$(mktemp -d /tmp/mendwell-restore-bench-XXXXXX)
-trap 'rm -rf "$top"' EXIT
-mkdir -p "$top/Users/anna" "$top/Library/Logs/Lanternfish"
-chown anna:anna "$top/Users/anna"
-
-# A fresh root holding every top-level folder of the machine but /Users and
-# /Library, which are the run's own: nothing is made on the machine itself.
-root=()
-for entry in /*; do
-    case ${entry#/} in Users | Library | proc | dev) continue ;; esac
-    if [ -L "$entry" ]; then
-        root+=(--symlink "$(readlink "$entry")" "$entry")
-    elif [ -d "$entry" ]; then
-        root+=(--bind "$entry" "$entry")
-    else
-        root+=(--ro-bind "$entry" "$entry")
-    fi
-done
-seats=()
-[ -d /run/systemd/seats ] && seats=(--tmpfs /run/systemd/seats)
-box() {
-    bwrap "${root[@]}" --bind "$top/Users" /Users --bind "$top/Library" /Library "${seats[@]}" \
-        --proc /proc --dev-bind /dev /dev --unshare-pid --die-with-parent \
-        env SUDO_USER=anna PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin "$@"
-}
-as_anna() { setpriv --reuid=anna --regid=anna --init-groups -- env HOME=/Users/anna "$@"; }
-export -f as_anna
+. "$(dirname "$0")/bench-root.sh"
 
 # N files in anna's Work folder, trashed, and the record of a run that trashed them.
 prepare() {
@@ -62,7 +36,6 @@ prepare() {
 }
 
 restored() { box bash -c 'ls /Users/anna/Work | wc -l'; }
-now() { date +%s%N; }
 
 prepare 20260101-000000-000-1
 start=$(now)
