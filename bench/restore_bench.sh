@@ -12,12 +12,12 @@ bundle=$(realpath "${1:?usage: restore_bench.sh BUNDLE [N]}")
 n=${2:-1000}
 . "$(dirname "$0")/bench-root.sh"
 
-# N files in anna's Work folder, trashed, and the record of a run that trashed them.
+# N files in a folder a repair trashes from (anna's TemporaryItems), trashed, and the record of a run that trashed them.
 prepare() {
     box bash -c '
         set -euo pipefail
         n=$1 run=$2
-        as_anna bash -c "mkdir -p /Users/anna/Work && cd /Users/anna/Work &&
+        as_anna bash -c "mkdir -p /Users/anna/Library/Caches/TemporaryItems/Work && cd /Users/anna/Library/Caches/TemporaryItems/Work &&
             for i in \$(seq 1 $n); do echo clip \$i > clip_\$i.txt; done && trash-put clip_*.txt"
         folder=/Users/anna/Library/Logs/Lanternfish/Repairs
         as_anna mkdir -p "$folder"
@@ -26,7 +26,7 @@ prepare() {
             echo "<plist version=\"1.0\"><dict><key>version</key><integer>1</integer>"
             echo "<key>identifier</key><string>$run</string><key>trashed</key><array>"
             for i in $(seq 1 "$n"); do
-                echo "<dict><key>path</key><string>/Users/anna/Work/clip_$i.txt</string>"
+                echo "<dict><key>path</key><string>/Users/anna/Library/Caches/TemporaryItems/Work/clip_$i.txt</string>"
                 echo "<key>trashPath</key><string>/Users/anna/.local/share/Trash/files/clip_$i.txt</string>"
                 echo "<key>infoPath</key><string>/Users/anna/.local/share/Trash/info/clip_$i.txt.trashinfo</string></dict>"
             done
@@ -35,18 +35,18 @@ prepare() {
     ' bash "$n" "$1"
 }
 
-restored() { box bash -c 'ls /Users/anna/Work | wc -l'; }
+restored() { box bash -c 'ls /Users/anna/Library/Caches/TemporaryItems/Work | wc -l'; }
 
 prepare 20260101-000000-000-1
 start=$(now)
 box "$bundle/Contents/MacOS/mendwellctl" restore 20260101-000000-000-1 >/dev/null
 mendwell=$(($(now) - start))
 [ "$(restored)" = "$n" ] || { echo "mendwellctl restored $(restored) of $n" >&2; exit 1; }
-box rm -rf /Users/anna/Work
+box rm -rf /Users/anna/Library/Caches/TemporaryItems/Work
 
 prepare 20260101-000000-000-2
 start=$(now)
-box bash -c 'for i in $(seq 1 "$1"); do echo 0 | as_anna trash-restore "/Users/anna/Work/clip_$i.txt" >/dev/null; done' \
+box bash -c 'for i in $(seq 1 "$1"); do echo 0 | as_anna trash-restore "/Users/anna/Library/Caches/TemporaryItems/Work/clip_$i.txt" >/dev/null; done' \
     bash "$n"
 cli=$(($(now) - start))
 [ "$(restored)" = "$n" ] || { echo "trash-restore restored $(restored) of $n" >&2; exit 1; }
