@@ -12,6 +12,7 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     const HXMediaCache::Outcome outcome = HXMediaCache::survey({});
-    std::printf("%d files, %lld bytes\n", outcome.clearedFiles(), static_cast<long long>(outcome.clearedBytes()));
+    std::printf("%d files, %lld bytes\n", outcome.clearedFiles(),
+                static_cast<long long>(outcome.clearedBytes()));
     return 0;
 }
