@@ -165,7 +165,7 @@ TEST_F(RunRecordTest, RestoreKeepsBothSaysWhatIsLostAndRefusesBadArguments)
     const std::pair<QStringList, const char *> bad[] = {
         {{"bogus"}, "unknown command bogus"},
         {{"report", "19990101-000000-000-1"}, "no recorded repair 19990101-000000-000-1"},
-        {{"preview", "-silent"}, "preview takes -trash, -trashprefs or -trashworkspace, not -silent"},
+        {{"preview", "-silent"}, "preview takes -trash, -trashprefs, -trashworkspace or -mediacache, not -silent"},
         {{"history", "extra"}, "history takes no arguments"},
     };
     for (const auto &[arguments, message] : bad) {
