@@ -180,7 +180,10 @@ int Outcome::restored() const
 
 int Outcome::failed() const
 {
-    return static_cast<int>(items.size()) - (restored() - mediaCacheRestored) + mediaCacheFailed;
+    int count = mediaCacheFailed;
+    for (const Item &item : items)
+        count += item.restoredTo.isEmpty() ? 1 : 0;
+    return count;
 }
 
 int pendingItems(const QVariantMap &record)
