@@ -80,13 +80,63 @@ void walk(const platform::Folder &folder, const QString &path, int depth, Folder
     }
 }
 
+// Moves one cache folder's files into a single collection in the Trash (one
+// record, a rename per file); a file the collection cannot take because it lies
+// on another file system goes to the Trash on its own.
+class Mover {
+public:
+    Mover(const QString &folderPath, QStringList &trashedPaths)
+        : m_folderPath(folderPath), m_trashedPaths(trashedPaths)
+    {
+    }
+    ~Mover()
+    {
+        if (m_collection)
+            m_collection->discardIfEmpty();
+    }
+    Mover(const Mover &) = delete;
+    Mover &operator=(const Mover &) = delete;
+
+    bool move(const platform::Folder &folder, const QString &name, const QString &entry)
+    {
+        if (!m_collection && !m_collectionFailed) {
+            int error = 0;
+            m_collection = platform::trash::Collection::make(m_folderPath, m_trash, &error);
+            if (!m_collection) {
+                HXLog::appendLog(u"Unable to make a folder for %@ in the Trash: %@", m_folderPath,
+                                 qt_error_string(error));
+                m_collectionFailed = true;
+            }
+        }
+        platform::trash::Outcome trashed;
+        trashed.error = EXDEV;
+        if (m_collection)
+            trashed = m_collection->add(folder, name, entry.mid(m_folderPath.size() + 1));
+        if (trashed.error == EXDEV)
+            trashed = platform::trash::moveToTrash(folder, name, entry, m_trash);
+        if (!trashed.trashed) {
+            HXLog::appendLog(u"Unable to move %@ to the Trash: %@", entry, qt_error_string(trashed.error));
+            return false;
+        }
+        m_trashedPaths.append(trashed.trashedPath);
+        return true;
+    }
+
+private:
+    const QString m_folderPath;
+    const QString m_trash = HXLocalPaths::trashDirectory();
+    QStringList &m_trashedPaths;
+    std::optional<platform::trash::Collection> m_collection;
+    bool m_collectionFailed = false;
+};
+
 Outcome run(const Rule &rule, bool move)
 {
     Outcome outcome{rule, {}, {}};
-    const QString trash = HXLocalPaths::trashDirectory();
     for (const QString &path : folders()) {
         Folder result{path, {}, {}, {}, {}};
         const HXActingForUser acting(path);
+        Mover mover(path, outcome.trashedPaths);
         if (const std::optional<platform::Folder> top = platform::Folder::open(path)) {
             walk(*top, path, 0, result,
                  [&](const platform::Folder &folder, const QString &name, const QString &entry,
@@ -102,20 +152,10 @@ Outcome run(const Rule &rule, bool move)
                      case Verdict::Clear:
                          break;
                      }
-                     if (!move) {
+                     if (!move || mover.move(folder, name, entry))
                          result.cleared.push_back(item);
-                         return;
-                     }
-                     const platform::trash::Outcome trashed =
-                         platform::trash::moveToTrash(folder, name, entry, trash);
-                     if (trashed.trashed) {
-                         result.cleared.push_back(item);
-                         outcome.trashedPaths.append(trashed.trashedPath);
-                     } else {
-                         HXLog::appendLog(u"Unable to move %@ to the Trash: %@", entry,
-                                          qt_error_string(trashed.error));
+                     else
                          result.failed.push_back(item);
-                     }
                  });
         }
         outcome.folders.push_back(std::move(result));

@@ -6,6 +6,7 @@
 
 #include "fs/HXFileNames.h"
 #include "platform/Folder.h"
+#include "platform/Trash.h"
 #include "system/HXLocalPaths.h"
 #include "system/HXPath.h"
 #include "system/HXUsersTree.h"
@@ -59,15 +60,41 @@ bool isUsersTrash(const QString &root, uid_t user)
            root.endsWith(QStringLiteral("/.Trash/") + uid);
 }
 
-// Why the record's entry cannot be restored as it stands; empty when it can.
-QString refusalOf(const QString &path, const QString &trashPath, const QString &infoPath, uid_t user)
+// Where a trashed path lies: the user's trash it is in, and the item of that
+// trash's files folder that is it or, for a collection's file, holds it.
+struct TrashPlace {
+    QString root;
+    QString item;
+    bool inside = false;
+};
+
+std::optional<TrashPlace> trashPlaceOf(const QString &trashPath, uid_t user)
 {
-    const QString files = HXPath::deletingLastComponent(trashPath);
-    const QString trashRoot = HXPath::deletingLastComponent(files);
-    const QString name = HXPath::lastComponent(trashPath);
-    if (!isPlainPath(trashPath) || HXPath::lastComponent(files) != u"files" ||
-        !isUsersTrash(trashRoot, user) ||
-        infoPath != trashRoot + QStringLiteral("/info/") + name + QStringLiteral(".trashinfo"))
+    if (!isPlainPath(trashPath))
+        return std::nullopt;
+    const QString files = QStringLiteral("/files/");
+    for (qsizetype at = trashPath.indexOf(files); at > 0; at = trashPath.indexOf(files, at + 1)) {
+        const QString root = trashPath.left(at);
+        if (!isUsersTrash(root, user))
+            continue;
+        const QString rest = trashPath.mid(at + files.size());
+        const qsizetype slash = rest.indexOf(QLatin1Char('/'));
+        return TrashPlace{root, slash < 0 ? rest : rest.left(slash), slash >= 0};
+    }
+    return std::nullopt;
+}
+
+QString infoPathOf(const TrashPlace &place)
+{
+    return place.root + QStringLiteral("/info/") + place.item + QStringLiteral(".trashinfo");
+}
+
+// Why the record's entry cannot be restored as it stands; empty when it can. Only
+// a media cache file may lie inside a trashed item (its clean-up's collection).
+QString refusalOf(const QString &path, const std::optional<TrashPlace> &place, const QString &infoPath,
+                  bool mayLieInside)
+{
+    if (!place || (place->inside && !mayLieInside) || infoPath != infoPathOf(*place))
         return QStringLiteral("the record does not name an item of your Trash; nothing was moved");
     const QStringList places = HXPremiereFiles::trashedFromFolders();
     if (!isPlainPath(path) || std::none_of(places.begin(), places.end(),
@@ -76,31 +103,29 @@ QString refusalOf(const QString &path, const QString &trashPath, const QString &
     return QString();
 }
 
-// The record beside the files folder TRASHPATH lies in, removed by its name there.
-void removeTrashRecord(const QString &trashPath, const QString &infoPath)
+// The record of the trashed item, removed by its name in the trash's info folder.
+void removeTrashRecord(const TrashPlace &place)
 {
-    const std::optional<platform::Folder> files =
-        platform::Folder::open(HXPath::deletingLastComponent(trashPath));
-    const std::optional<platform::Folder> trashRoot = files ? files->parent() : std::nullopt;
     if (const std::optional<platform::Folder> info =
-            trashRoot ? trashRoot->folder(QStringLiteral("info")) : std::nullopt)
-        info->removeEntry(HXPath::lastComponent(infoPath));
+            platform::Folder::open(place.root + QStringLiteral("/info")))
+        info->removeEntry(place.item + QStringLiteral(".trashinfo"));
 }
 
 // Moves the trashed item back to PATH, or beside it when PATH is taken again.
 // An item root trashed from the machine's folders goes back, by root, only as
 // root's own ledger of run IDENTIFIER says.
 Item restoreOne(const QString &identifier, const QString &path, const QString &trashPath,
-                const QString &infoPath, uid_t user, bool machineItem)
+                const QString &infoPath, uid_t user, bool machineItem, bool mayLieInside = false)
 {
     Item item{path, {}, {}};
-    item.problem = refusalOf(path, trashPath, infoPath, user);
+    const std::optional<TrashPlace> place = trashPlaceOf(trashPath, user);
+    item.problem = refusalOf(path, place, infoPath, mayLieInside);
     if (!item.problem.isEmpty())
         return item;
     if (machineItem) {
         if (const std::optional<QString> restored = HXRunLedger::restore(identifier, path, item.problem)) {
             item.restoredTo = *restored;
-            removeTrashRecord(trashPath, infoPath);
+            removeTrashRecord(*place);
         }
         return item;
     }
@@ -133,7 +158,9 @@ Item restoreOne(const QString &identifier, const QString &path, const QString &t
         return item;
     }
     item.restoredTo = destination;
-    removeTrashRecord(trashPath, infoPath);
+    // A collection's record goes with its last file (removeEmptyCollections).
+    if (!place->inside)
+        removeTrashRecord(*place);
     return item;
 }
 
@@ -156,11 +183,21 @@ std::vector<MovedFile> movedFiles(const QString &lines)
     return files;
 }
 
-QString infoPathOf(const QString &trashPath)
+// The collections media cache files were restored from, removed with their
+// records once every file has gone back.
+void removeEmptyCollections(const std::vector<MovedFile> &files, uid_t user)
 {
-    const QString trashRoot = HXPath::deletingLastComponent(HXPath::deletingLastComponent(trashPath));
-    return trashRoot + QStringLiteral("/info/") + HXPath::lastComponent(trashPath) +
-           QStringLiteral(".trashinfo");
+    std::vector<std::pair<QString, QString>> collections;
+    for (const MovedFile &file : files)
+        if (const std::optional<TrashPlace> place = trashPlaceOf(file.trashPath, user);
+            place && place->inside)
+            if (std::find(collections.begin(), collections.end(), std::pair(place->root, place->item)) ==
+                collections.end())
+                collections.emplace_back(place->root, place->item);
+    for (const auto &[root, item] : collections)
+        if (const std::optional<platform::Folder> files =
+                platform::Folder::open(root + QStringLiteral("/files")))
+            platform::trash::removeIfOnlyEmptyFolders(*files, item);
 }
 
 }  // namespace
@@ -236,11 +273,13 @@ Outcome restore(QVariantMap &record)
     for (QVariant &folder : cacheFolders) {
         QVariantMap map = folder.toMap();
         QString left;
-        for (const MovedFile &file : movedFiles(map.value(kTrashed).toString())) {
+        const std::vector<MovedFile> files = movedFiles(map.value(kTrashed).toString());
+        for (const MovedFile &file : files) {
+            const std::optional<TrashPlace> place = trashPlaceOf(file.trashPath, user);
             const Item item =
                 nobody ? Item{file.path, {}, QStringLiteral("nobody is at the console to restore it for")}
-                       : restoreOne(identifier, file.path, file.trashPath, infoPathOf(file.trashPath), user,
-                                    false);
+                       : restoreOne(identifier, file.path, file.trashPath,
+                                    place ? infoPathOf(*place) : QString(), user, false, true);
             if (!item.restoredTo.isEmpty()) {
                 ++outcome.mediaCacheRestored;
                 continue;
@@ -251,6 +290,8 @@ Outcome restore(QVariantMap &record)
             left += QString::fromLatin1(QUrl::toPercentEncoding(file.trashPath, "/") + ' ' +
                                         QUrl::toPercentEncoding(file.path, "/") + '\n');
         }
+        if (!nobody)
+            removeEmptyCollections(files, user);
         map.insert(kTrashed, left);
         folder = map;
     }

@@ -13,6 +13,9 @@
 #include <QDateTime>
 #include <QString>
 
+#include <memory>
+#include <optional>
+
 namespace platform::trash {
 
 struct Outcome {
@@ -37,6 +40,40 @@ Outcome moveToTrash(const Folder &folder, const QString &name, const QString &or
 // Moves PATH into the home trash under exactly NAME, with its record; EEXIST when
 // NAME is taken there. Across file systems the item is copied, then removed.
 Outcome moveToTrashAs(const QString &path, const QString &trashFilesFolder, const QString &name);
+
+// Many items of one clean-up in a single folder of the home trash with a single
+// record: the trash lists one item where it would list thousands, and moving an
+// item costs a rename alone. The folder is named after the folder the items came
+// from, its record gives that folder's path, and below it every item keeps its
+// path relative to that folder, so each can still be put back on its own.
+class Collection {
+public:
+    // Makes the collection for items of ORIGINALFOLDER (absolute) in the trash
+    // whose files folder is TRASHFILESFOLDER, under a free name; none with ERROR.
+    static std::optional<Collection> make(const QString &originalFolder, const QString &trashFilesFolder,
+                                          int *error = nullptr);
+    // Moves the entry NAME of FOLDER in as RELATIVEPATH (its path below the
+    // original folder), making the sub-folders on the way. EXDEV for an item on
+    // another file system than the trash: the caller trashes it on its own.
+    Outcome add(const Folder &folder, const QString &name, const QString &relativePath);
+    // The collection's place in the trash and its record.
+    QString path() const;
+    QString infoPath() const;
+    // Takes the collection, and its record, out of the trash again when nothing
+    // was added to it.
+    void discardIfEmpty();
+
+    struct State;
+
+private:
+    explicit Collection(std::shared_ptr<State> state) : m_state(std::move(state)) {}
+    std::shared_ptr<State> m_state;
+};
+
+// Removes the item NAME of the trash's files folder TRASHFILES (and its record)
+// when it is a folder holding nothing but empty folders: a collection whose
+// items all went back. True when it was removed.
+bool removeIfOnlyEmptyFolders(const Folder &trashFiles, const QString &name);
 
 // The ATTEMPT-th candidate name for NAME in the trash: the name itself first, then
 // "name.2.ext", "name.3.ext"... (number before the first dot, as GLib numbers them).

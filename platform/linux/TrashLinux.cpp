@@ -7,6 +7,7 @@
 #include <QUrl>
 
 #include <cerrno>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -239,6 +240,139 @@ Outcome failed(int error)
 }
 
 }  // namespace
+
+struct Collection::State {
+    std::shared_ptr<TrashFolders> trash;
+    QString name;
+    Folder folder;
+    // Sub-folders made or opened so far, by their path below the collection.
+    std::map<QString, Folder> subfolders;
+    int added = 0;
+};
+
+std::optional<Collection> Collection::make(const QString &originalFolder, const QString &trashFilesFolder,
+                                           int *error)
+{
+    int failure = EINVAL;
+    auto fail = [&]() -> std::optional<Collection> {
+        if (error)
+            *error = failure;
+        return std::nullopt;
+    };
+    if (originalFolder.isEmpty() || trashFilesFolder.isEmpty())
+        return fail();
+    auto state = std::make_shared<State>();
+    state->trash = homeTrash(withoutLastComponent(absoluteItemPath(trashFilesFolder)), failure);
+    if (!state->trash)
+        return fail();
+    const QString original = absoluteItemPath(originalFolder);
+    const QByteArray record = trashInfo(original, QDateTime::currentDateTime());
+    const QString name = lastComponent(original);
+    const uid_t owner = state->trash->owner;
+    for (int attempt = 1; attempt <= kMaxAttempts; ++attempt) {
+        const QString candidate = candidateName(name, attempt);
+        if (!writeRecord(*state->trash, candidate, record, failure)) {
+            if (failure == EEXIST)
+                continue;
+            return fail();
+        }
+        std::optional<Folder> made = state->trash->files.makeFolder(candidate, 0700, &failure);
+        if (made && hasRootRights() && owner != 0 &&
+            ::fchownat(made->descriptor(), "", owner, primaryGroupOf(owner), AT_EMPTY_PATH) != 0) {
+            failure = errno;
+            state->trash->files.removeEntry(candidate);
+            made.reset();
+        }
+        if (made) {
+            state->name = candidate;
+            state->folder = std::move(*made);
+            return Collection(std::move(state));
+        }
+        state->trash->info.removeEntry(candidate + QStringLiteral(".trashinfo"));
+        if (failure != EEXIST)
+            return fail();
+    }
+    failure = EEXIST;
+    return fail();
+}
+
+Outcome Collection::add(const Folder &folder, const QString &name, const QString &relativePath)
+{
+    State &state = *m_state;
+    const qsizetype slash = relativePath.lastIndexOf(QLatin1Char('/'));
+    const QString leaf = relativePath.mid(slash + 1);
+    if (leaf.isEmpty() || leaf == QLatin1String(".") || leaf == QLatin1String(".."))
+        return failed(EINVAL);
+    const Folder *destination = &state.folder;
+    if (slash > 0) {
+        const QString subpath = relativePath.left(slash);
+        auto found = state.subfolders.find(subpath);
+        if (found == state.subfolders.end()) {
+            // Made one level at a time below the collection; none of the names
+            // may climb out of it.
+            std::optional<Folder> current = state.folder.duplicate();
+            int error = 0;
+            for (const QString &component : subpath.split(QLatin1Char('/'))) {
+                if (component.isEmpty() || component == QLatin1String(".") ||
+                    component == QLatin1String(".."))
+                    return failed(EINVAL);
+                current = current ? openOrMake(*current, component, state.trash->owner, error) : std::nullopt;
+            }
+            if (!current)
+                return failed(error ? error : ENOENT);
+            found = state.subfolders.emplace(subpath, std::move(*current)).first;
+        }
+        destination = &found->second;
+    }
+    if (const int error = folder.rename(name, *destination, leaf, false); error != 0)
+        return failed(error);
+    ++state.added;
+    Outcome outcome = trashedAs(*state.trash, state.name);
+    outcome.trashedPath += QLatin1Char('/') + relativePath;
+    return outcome;
+}
+
+QString Collection::path() const
+{
+    return m_state->trash->root + QStringLiteral("/files/") + m_state->name;
+}
+
+QString Collection::infoPath() const
+{
+    return trashedAs(*m_state->trash, m_state->name).infoPath;
+}
+
+void Collection::discardIfEmpty()
+{
+    if (m_state->added == 0)
+        removeIfOnlyEmptyFolders(m_state->trash->files, m_state->name);
+}
+
+namespace {
+
+// Removes the folder NAME of PARENT when it holds nothing but empty folders.
+bool removeEmptyFolders(const Folder &parent, const QString &name, int depth)
+{
+    const std::optional<Folder> folder = depth < 64 ? parent.realFolder(name) : std::nullopt;
+    if (!folder)
+        return false;
+    bool empty = true;
+    for (const QString &entry : folder->entries())
+        empty = removeEmptyFolders(*folder, entry, depth + 1) && empty;
+    return empty && parent.removeEntry(name) == 0;
+}
+
+}  // namespace
+
+bool removeIfOnlyEmptyFolders(const Folder &trashFiles, const QString &name)
+{
+    if (name.isEmpty() || name.contains(QLatin1Char('/')) || !removeEmptyFolders(trashFiles, name, 0))
+        return false;
+    if (const std::optional<Folder> root = trashFiles.parent())
+        if (const std::optional<Folder> info = root->realFolder(QStringLiteral("info")))
+            info->removeEntry(name + QStringLiteral(".trashinfo"));
+    return true;
+}
 
 QString candidateName(const QString &name, int attempt)
 {

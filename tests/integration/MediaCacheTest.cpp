@@ -8,6 +8,7 @@
 #include "tests/support/TestFiles.h"
 
 #include <QDateTime>
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -77,6 +78,16 @@ protected:
 
     bool exists(const QString &path) const { return QFileInfo::exists(box.hostPath(path)); }
 
+    // What her file manager lists in the Trash (trash-cli), without the dates.
+    QStringList trashList() const
+    {
+        QStringList lines =
+            QString::fromUtf8(box.runAsUser({u"trash-list"_s}).out).split(u'\n', Qt::SkipEmptyParts);
+        for (QString &line : lines)
+            line = line.mid(20);
+        return sorted(lines);
+    }
+
     Sandbox box;
     QString before;
 };
@@ -110,6 +121,12 @@ TEST_F(MediaCacheTest, PreviewListsWhatTheCleanUpMovesAndRestoreBringsItAllBack)
         EXPECT_FALSE(exists(path)) << qPrintable(path);
     for (const QString &path : kOthers)
         EXPECT_TRUE(exists(path)) << qPrintable(path);
+    // One Trash item per folder and clean-up, whatever the number of files; each
+    // file lies there at its place below the folder.
+    EXPECT_EQ(trashList(), sorted({kFiles, kFiles, kDatabase}));
+    const QString trash = u"/Users/anna/.local/share/Trash/files/"_s;
+    EXPECT_TRUE(exists(trash + u"Media Cache Files.2/Sub/a.mpgindex"_s));
+    EXPECT_TRUE(exists(trash + u"Media Cache/cache.mcdb"_s));
     const QJsonObject record = ctl({u"report"_s});
     EXPECT_EQ(record.value(u"mode"_s).toString(), u"media cache"_s);
     EXPECT_EQ(record.value(u"mediaCache"_s).toObject().value(u"files"_s).toInt(), kNewCacheFiles.size());
@@ -120,6 +137,9 @@ TEST_F(MediaCacheTest, PreviewListsWhatTheCleanUpMovesAndRestoreBringsItAllBack)
     const QJsonObject again = ctl({u"restore"_s, oldRun});
     EXPECT_EQ(again.value(u"mediaCacheRestored"_s).toInt(), kOldCacheFiles.size());
     EXPECT_EQ(disk::fingerprint(box.hostPath(kCommon)), before) << "every file back, as it was";
+    EXPECT_EQ(trashList(), QStringList{});
+    EXPECT_EQ(QDir(box.hostPath(trash)).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+              QStringList{});
     ctl({u"restore"_s, oldRun}, 3);
 }
 

@@ -9,6 +9,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QUrl>
 
 #include <gtest/gtest.h>
 
@@ -24,6 +25,7 @@ const QString kTrash = u"/Users/anna/.local/share/Trash"_s;
 const QString kPrefs = u"/Users/anna/Library/Preferences"_s;
 const QString kRecords = u"/Users/anna/Library/Logs/Lanternfish/Repairs"_s;
 const QString kDecoy = u"/Library/Decoy"_s;
+const QString kCache = u"/Users/anna/Library/Application Support/Adobe/Common/Media Cache Files"_s;
 
 struct Entry {
     QString path;
@@ -52,6 +54,7 @@ protected:
         ASSERT_TRUE(box.writeFile(kDecoy + u"/info.trashinfo"_s, "root's record\n"));
         ASSERT_TRUE(box.writeFile(kDecoy + u"/Private/key"_s, "root's key\n"));
         ASSERT_TRUE(disk::chmod(box.hostPath(kDecoy + u"/Private"_s), 0700));
+        ASSERT_TRUE(box.makeFolder(kDecoy + u"/Empty/Inner"_s));
         decoy = fingerprint();
     }
 
@@ -67,8 +70,9 @@ protected:
         return entry;
     }
 
-    // Writes the newest record, as anna could.
-    void plant(const QList<Entry> &entries) const
+    // Writes the newest record, as anna could; CACHELINES are a media cache
+    // clean-up's "TRASHEDPATH ORIGINALPATH" lines.
+    void plant(const QList<Entry> &entries, const QByteArray &cacheLines = {}) const
     {
         QVariantList trashed;
         for (const Entry &entry : entries)
@@ -80,7 +84,12 @@ protected:
         const QString path = kRecords + u'/' + identifier + u".plist"_s;
         ASSERT_TRUE(PropertyList::writeXmlFile(
             box.hostPath(path),
-            QVariantMap{{u"version"_s, 1}, {u"identifier"_s, identifier}, {u"trashed"_s, trashed}}));
+            QVariantMap{{u"version"_s, 1},
+                        {u"identifier"_s, identifier},
+                        {u"trashed"_s, trashed},
+                        {u"mediaCache"_s, QVariantMap{{u"folders"_s, QVariantList{QVariantMap{
+                                                                         {u"path"_s, kCache},
+                                                                         {u"trashed"_s, cacheLines}}}}}}}));
         ASSERT_TRUE(disk::chown(box.hostPath(path), Sandbox::userId(), Sandbox::userGroupId()));
     }
 
@@ -161,6 +170,34 @@ TEST_F(RestoreAttackTest, AForgedRecordMakesRootDoNothingSheCouldNotDoHerself)
     ++attempts;
     escapes += fingerprint() != decoy ? 1 : 0;
     EXPECT_EQ(fingerprint(), decoy) << result.out.constData();
+
+    // Media cache lines: files of a clean-up's collection in her Trash, which a
+    // restore puts back one by one and whose emptied folders it then removes.
+    QFile::remove(box.hostPath(kTrash + u"/info"_s));
+    ASSERT_TRUE(box.makeFolder(kTrash + u"/info"_s, true));
+    link(kDecoy + u"/Empty"_s, kTrash + u"/files/Media Cache Files"_s);
+    ASSERT_TRUE(box.writeFile(kTrash + u"/files/Cache.2/clip.cfa"_s, "anna's clip", true));
+    const QList<QPair<QString, QString>> cacheForgeries{
+        {kDecoy + u"/secret"_s, kCache + u"/secret"_s},
+        {kTrash + u"/files/../../../../../Library/Decoy/Private/key"_s, kCache + u"/key"_s},
+        {kTrash + u"/files/Media Cache Files/Inner"_s, kCache + u"/Inner"_s},
+        {kTrash + u"/files/Cache.2/clip.cfa"_s, kDecoy + u"/Private/clip.cfa"_s},
+        {kTrash + u"/files/Cache.2/clip.cfa"_s, kCache + u"/../../../../../../../Library/Decoy/clip.cfa"_s},
+    };
+    for (const auto &[trashPath, path] : cacheForgeries) {
+        plant({}, QUrl::toPercentEncoding(trashPath, "/") + ' ' + QUrl::toPercentEncoding(path, "/") + '\n');
+        result = box.runAsRoot({kCtl, u"restore"_s});
+        ++attempts;
+        const bool escaped = fingerprint() != decoy || box.exists(kCache + u"/secret"_s) ||
+                             box.exists(kCache + u"/key"_s) || box.exists(kCache + u"/Inner"_s);
+        escapes += escaped ? 1 : 0;
+        EXPECT_FALSE(escaped) << qPrintable(trashPath) << "\n" << result.out.constData();
+        EXPECT_FALSE(result.crashed);
+        EXPECT_EQ(result.out, "Restored 0 of 1 media cache files; the record lists those not restored.\n")
+            << qPrintable(trashPath) << "\n"
+            << result.err.constData();
+    }
+    EXPECT_EQ(box.readFile(kTrash + u"/files/Cache.2/clip.cfa"_s), QByteArray("anna's clip"));
 
     // A repair afterwards gives her nothing of root's either.
     result = box.runAsRoot({u"Mendwell"_s, u"-repair"_s, u"-trash"_s});
