@@ -11,10 +11,10 @@
 
 #include <QFile>
 #include <QLocale>
+#include <QSet>
 #include <QUrl>
 
 #include <cerrno>
-#include <functional>
 
 namespace HXMediaCache {
 
@@ -51,38 +51,10 @@ Verdict judge(const QString &name, const struct stat &info, const Rule &rule)
     return Verdict::Clear;
 }
 
-using Visit = std::function<void(const platform::Folder &folder, const QString &name, const QString &path,
-                                 const struct stat &info)>;
-
-// Calls VISIT for every item below FOLDER but sub-folders, which are searched;
-// links are items, never followed.
-void walk(const platform::Folder &folder, const QString &path, int depth, Folder &result, const Visit &visit)
-{
-    QStringList names;
-    platform::forEachEntry(
-        folder, [&names](const char *name, platform::EntryKind) { names.append(QFile::decodeName(name)); });
-    for (const QString &name : names) {
-        const QString entry = HXPath::appendingComponent(path, name);
-        const std::optional<struct stat> info = folder.infoOf(name);
-        if (!info)
-            continue;  // gone meanwhile
-        if (S_ISDIR(info->st_mode)) {
-            const std::optional<platform::Folder> subfolder =
-                depth < kMaxDepth ? platform::openSubfolder(folder, QFile::encodeName(name).constData())
-                                  : std::nullopt;
-            if (subfolder)
-                walk(*subfolder, entry, depth + 1, result, visit);
-            else
-                result.others.push_back({entry, 0});
-            continue;
-        }
-        visit(folder, name, entry, *info);
-    }
-}
-
 // Moves one cache folder's files into a single collection in the Trash (one
-// record, a rename per file); a file the collection cannot take because it lies
-// on another file system goes to the Trash on its own.
+// record, a rename per file, or per sub-folder when all its files go); a file the
+// collection cannot take because it lies on another file system goes to the
+// Trash on its own.
 class Mover {
 public:
     Mover(const QString &folderPath, QStringList &trashedPaths)
@@ -97,7 +69,56 @@ public:
     Mover(const Mover &) = delete;
     Mover &operator=(const Mover &) = delete;
 
-    bool move(const platform::Folder &folder, const QString &name, const QString &entry)
+    // The collection, once a file went into it.
+    QString collectionPath() const { return m_collected > 0 ? m_collection->path() : QString(); }
+
+    bool moveFile(const platform::Folder &folder, const QString &name, const QString &path)
+    {
+        platform::trash::Outcome trashed = addToCollection(folder, name, path);
+        if (trashed.error == EXDEV)
+            trashed = platform::trash::moveToTrash(folder, name, path, m_trash);
+        if (!trashed.trashed) {
+            HXLog::appendLog(u"Unable to move %@ to the Trash: %@", path, qt_error_string(trashed.error));
+            return false;
+        }
+        m_collected += 1;
+        m_trashedPaths.append(trashed.trashedPath);
+        return true;
+    }
+
+    // Moves the sub-folder NAME of PARENT (opened as FOLDER, at PATH), all of whose
+    // entries are the files NAMES, with one rename. What appeared in it meanwhile
+    // goes back; NAMES that are gone are dropped. The names it moved, or none when
+    // the folder stayed (its files are then moved one by one).
+    std::optional<QSet<QString>> moveFolder(const platform::Folder &parent, const QString &name,
+                                            const platform::Folder &folder, const QString &path,
+                                            const QStringList &names)
+    {
+        const platform::trash::Outcome trashed = addToCollection(parent, name, path);
+        if (!trashed.trashed)
+            return std::nullopt;
+        const QSet<QString> judged(names.begin(), names.end());
+        QSet<QString> present;
+        QStringList strays;
+        platform::forEachEntry(folder, [&](const char *entry, platform::EntryKind) {
+            const QString decoded = QFile::decodeName(entry);
+            if (judged.contains(decoded))
+                present.insert(decoded);
+            else
+                strays.append(decoded);
+        });
+        if (!strays.isEmpty())
+            putBack(parent, name, folder, path, strays);
+        for (const QString &moved : names)
+            if (present.contains(moved))
+                m_trashedPaths.append(HXPath::appendingComponent(trashed.trashedPath, moved));
+        m_collected += static_cast<int>(present.size());
+        return present;
+    }
+
+private:
+    platform::trash::Outcome addToCollection(const platform::Folder &folder, const QString &name,
+                                             const QString &path)
     {
         if (!m_collection && !m_collectionFailed) {
             int error = 0;
@@ -111,56 +132,140 @@ public:
         platform::trash::Outcome trashed;
         trashed.error = EXDEV;
         if (m_collection)
-            trashed = m_collection->add(folder, name, entry.mid(m_folderPath.size() + 1));
-        if (trashed.error == EXDEV)
-            trashed = platform::trash::moveToTrash(folder, name, entry, m_trash);
-        if (!trashed.trashed) {
-            HXLog::appendLog(u"Unable to move %@ to the Trash: %@", entry, qt_error_string(trashed.error));
-            return false;
-        }
-        m_trashedPaths.append(trashed.trashedPath);
-        return true;
+            trashed = m_collection->add(folder, name, path.mid(m_folderPath.size() + 1));
+        return trashed;
     }
 
-private:
+    // Items that were not judged but went along with their folder: back into a
+    // folder of the same name made in its place.
+    static void putBack(const platform::Folder &parent, const QString &name, const platform::Folder &moved,
+                        const QString &path, const QStringList &strays)
+    {
+        const std::optional<struct stat> info = moved.info();
+        const mode_t mode = info ? info->st_mode & 07777 : 0755;
+        int error = 0;
+        std::optional<platform::Folder> again = parent.makeFolder(name, mode, &error);
+        if (!again && error == EEXIST)
+            again = parent.realFolder(name, &error);
+        for (const QString &stray : strays) {
+            error = again ? moved.rename(stray, *again, stray, false) : error;
+            if (error != 0)
+                HXLog::appendLog(u"%@ went to the Trash with its folder and could not be put back: %@",
+                                 HXPath::appendingComponent(path, stray), qt_error_string(error));
+        }
+    }
+
     const QString m_folderPath;
     const QString m_trash = HXLocalPaths::trashDirectory();
     QStringList &m_trashedPaths;
     std::optional<platform::trash::Collection> m_collection;
     bool m_collectionFailed = false;
+    int m_collected = 0;
+};
+
+// Judges every item below a cache folder and, for a clean-up, moves what the rule
+// takes. Links are items, never followed.
+class Walker {
+public:
+    Walker(const Rule &rule, Folder &result, Mover *mover) : m_rule(rule), m_result(result), m_mover(mover) {}
+
+    // FOLDER at PATH, the entry NAME of PARENT (none for the cache folder itself).
+    void walk(const platform::Folder *parent, const QString &name, const platform::Folder &folder,
+              const QString &path, int depth)
+    {
+        QStringList names;
+        platform::forEachEntry(folder, [&names](const char *entry, platform::EntryKind) {
+            names.append(QFile::decodeName(entry));
+        });
+        std::vector<std::pair<QString, Item>> cleared;
+        bool allCleared = true;
+        for (const QString &entry : names) {
+            const QString entryPath = HXPath::appendingComponent(path, entry);
+            const std::optional<struct stat> info = folder.infoOf(entry);
+            if (!info)
+                continue;  // gone meanwhile
+            if (S_ISDIR(info->st_mode)) {
+                allCleared = false;
+                const std::optional<platform::Folder> subfolder =
+                    depth < kMaxDepth ? platform::openSubfolder(folder, QFile::encodeName(entry).constData())
+                                      : std::nullopt;
+                if (subfolder)
+                    walk(&folder, entry, *subfolder, entryPath, depth + 1);
+                else
+                    m_result.others.push_back({entryPath, 0});
+                continue;
+            }
+            const Item item{entryPath, qint64{info->st_size}};
+            switch (judge(entry, *info, m_rule)) {
+            case Verdict::Other:
+                allCleared = false;
+                m_result.others.push_back(item);
+                break;
+            case Verdict::Keep:
+                allCleared = false;
+                m_result.kept.push_back(item);
+                break;
+            case Verdict::Clear:
+                cleared.emplace_back(entry, item);
+                break;
+            }
+        }
+        if (!m_mover) {
+            for (auto &[entry, item] : cleared)
+                m_result.cleared.push_back(std::move(item));
+            return;
+        }
+        // A sub-folder holding cache files alone goes whole: one rename for all.
+        if (parent && allCleared && !cleared.empty()) {
+            QStringList clearedNames;
+            for (const auto &[entry, item] : cleared)
+                clearedNames.append(entry);
+            if (const std::optional<QSet<QString>> moved =
+                    m_mover->moveFolder(*parent, name, folder, path, clearedNames)) {
+                for (auto &[entry, item] : cleared)
+                    if (moved->contains(entry))
+                        m_result.cleared.push_back(std::move(item));
+                return;
+            }
+        }
+        for (auto &[entry, item] : cleared)
+            (m_mover->moveFile(folder, entry, item.path) ? m_result.cleared : m_result.failed)
+                .push_back(std::move(item));
+    }
+
+private:
+    const Rule &m_rule;
+    Folder &m_result;
+    Mover *m_mover;
 };
 
 Outcome run(const Rule &rule, bool move)
 {
     Outcome outcome{rule, {}, {}};
     for (const QString &path : folders()) {
-        Folder result{path, {}, {}, {}, {}};
+        Folder result{path, {}, {}, {}, {}, {}};
         const HXActingForUser acting(path);
         Mover mover(path, outcome.trashedPaths);
-        if (const std::optional<platform::Folder> top = platform::Folder::open(path)) {
-            walk(*top, path, 0, result,
-                 [&](const platform::Folder &folder, const QString &name, const QString &entry,
-                     const struct stat &info) {
-                     const Item item{entry, qint64{info.st_size}};
-                     switch (judge(name, info, rule)) {
-                     case Verdict::Other:
-                         result.others.push_back(item);
-                         return;
-                     case Verdict::Keep:
-                         result.kept.push_back(item);
-                         return;
-                     case Verdict::Clear:
-                         break;
-                     }
-                     if (!move || mover.move(folder, name, entry))
-                         result.cleared.push_back(item);
-                     else
-                         result.failed.push_back(item);
-                 });
-        }
+        if (const std::optional<platform::Folder> top = platform::Folder::open(path))
+            Walker(rule, result, move ? &mover : nullptr).walk(nullptr, QString(), *top, path, 0);
+        result.trashFolder = mover.collectionPath();
         outcome.folders.push_back(std::move(result));
     }
     return outcome;
+}
+
+// One line per moved file, percent-encoded, so that a hundred thousand files
+// stay one value of the record and well inside a record's size: the file's path
+// below FOLDER when it lies at that path in the clean-up's Trash folder, else
+// "TRASHEDPATH ORIGINALPATH".
+QByteArray trashedLine(const Folder &folder, const QString &path, const QString &trashedPath)
+{
+    const QStringView relative = QStringView(path).mid(folder.path.size() + 1);
+    if (!folder.trashFolder.isEmpty() && path.startsWith(folder.path + QLatin1Char('/')) &&
+        trashedPath.size() == folder.trashFolder.size() + 1 + relative.size() &&
+        trashedPath.startsWith(folder.trashFolder + QLatin1Char('/')) && trashedPath.endsWith(relative))
+        return QUrl::toPercentEncoding(relative.toString(), "/") + '\n';
+    return QUrl::toPercentEncoding(trashedPath, "/") + ' ' + QUrl::toPercentEncoding(path, "/") + '\n';
 }
 
 QVariantList pathsOf(const std::vector<Item> &items)
@@ -237,11 +342,8 @@ QVariantMap toVariant(const Outcome &outcome, Detail detail)
             if (detail == Detail::Files)
                 files.append(
                     QVariantMap{{QStringLiteral("path"), item.path}, {QStringLiteral("bytes"), item.bytes}});
-            // One line per file, "TRASHEDPATH ORIGINALPATH" percent-encoded: a
-            // hundred thousand files stay one value of the record.
             if (detail == Detail::TrashedPlaces && trashed < outcome.trashedPaths.size())
-                trashLines += QUrl::toPercentEncoding(outcome.trashedPaths.at(trashed++), "/") + ' ' +
-                              QUrl::toPercentEncoding(item.path, "/") + '\n';
+                trashLines += trashedLine(folder, item.path, outcome.trashedPaths.at(trashed++));
         }
         QVariantMap map{
             {QStringLiteral("path"), folder.path},
@@ -256,6 +358,8 @@ QVariantMap toVariant(const Outcome &outcome, Detail detail)
             map.insert(QStringLiteral("failed"), pathsOf(folder.failed));
         if (detail == Detail::TrashedPlaces)
             map.insert(QStringLiteral("trashed"), QString::fromLatin1(trashLines));
+        if (detail == Detail::TrashedPlaces && !folder.trashFolder.isEmpty())
+            map.insert(QStringLiteral("trashFolder"), folder.trashFolder);
         folderList.append(map);
     }
     QVariantMap map{{QStringLiteral("folders"), folderList},

@@ -44,6 +44,9 @@ struct Folder {
     std::vector<Item> kept;     // cache files newer than the age limit
     std::vector<Item> others;   // anything else: not the editor's, left in place
     std::vector<Item> failed;   // cache files a clean-up could not move
+    // The clean-up's folder in the Trash holding the moved files, each at its
+    // path below PATH; empty when none was needed.
+    QString trashFolder;
     qint64 clearedBytes() const;
 };
 

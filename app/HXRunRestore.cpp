@@ -135,8 +135,11 @@ Item restoreOne(const QString &identifier, const QString &path, const QString &t
         item.problem = QStringLiteral("no longer in the Trash (was the Trash emptied?)");
         return item;
     }
-    const std::optional<platform::Folder> parent =
-        platform::Folder::openMakingPath(HXPath::deletingLastComponent(path), 0755, std::nullopt, &error);
+    // A folder the clean-up moved whole is made again as it was, as its copy in the Trash is.
+    const std::optional<struct stat> trashedFolder = place->inside ? trashed->folder.info() : std::nullopt;
+    const std::optional<platform::Folder> parent = platform::Folder::openMakingPath(
+        HXPath::deletingLastComponent(path), trashedFolder ? trashedFolder->st_mode & 07777 : 0755,
+        std::nullopt, &error);
     if (!parent) {
         item.problem = QStringLiteral("its folder cannot be made: ") + reasonOf(error);
         return item;
@@ -164,21 +167,33 @@ Item restoreOne(const QString &identifier, const QString &path, const QString &t
     return item;
 }
 
-// The media cache files a run moved: "TRASHEDPATH ORIGINALPATH" lines,
-// percent-encoded (app/HXMediaCache.h).
+// The media cache files a run moved from one cache folder, one percent-encoded
+// line each (app/HXMediaCache.cpp): the file's path below the folder, where it
+// lies at the same path below the clean-up's Trash folder, or "TRASHEDPATH
+// ORIGINALPATH". LINE, a view of LINES, is kept as it stands for the files not
+// restored.
 struct MovedFile {
     QString trashPath;
     QString path;
+    QStringView line;
 };
 
-std::vector<MovedFile> movedFiles(const QString &lines)
+std::vector<MovedFile> movedFiles(const QVariantMap &folder, const QString &lines)
 {
+    const QString path = folder.value(QStringLiteral("path")).toString();
+    const QString trashFolder = folder.value(QStringLiteral("trashFolder")).toString();
     std::vector<MovedFile> files;
     for (const QStringView line : QStringView(lines).split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
         const qsizetype space = line.indexOf(QLatin1Char(' '));
-        if (space > 0)
+        if (space > 0) {
             files.push_back({QUrl::fromPercentEncoding(line.left(space).toLatin1()),
-                             QUrl::fromPercentEncoding(line.mid(space + 1).toLatin1())});
+                             QUrl::fromPercentEncoding(line.mid(space + 1).toLatin1()), line});
+        } else if (space < 0) {
+            // Joined as written; the restore's checks refuse what climbs or leads elsewhere.
+            const QString relative = QUrl::fromPercentEncoding(line.toLatin1());
+            files.push_back(
+                {trashFolder + QLatin1Char('/') + relative, path + QLatin1Char('/') + relative, line});
+        }
     }
     return files;
 }
@@ -229,7 +244,8 @@ int pendingItems(const QVariantMap &record)
     for (const QVariant &entry : record.value(kTrashed).toList())
         pending += entry.toMap().contains(kRestoredTo) ? 0 : 1;
     for (const QVariant &folder : record.value(kMediaCache).toMap().value(kFolders).toList())
-        pending += static_cast<int>(movedFiles(folder.toMap().value(kTrashed).toString()).size());
+        pending +=
+            static_cast<int>(movedFiles(folder.toMap(), folder.toMap().value(kTrashed).toString()).size());
     return pending;
 }
 
@@ -273,7 +289,8 @@ Outcome restore(QVariantMap &record)
     for (QVariant &folder : cacheFolders) {
         QVariantMap map = folder.toMap();
         QString left;
-        const std::vector<MovedFile> files = movedFiles(map.value(kTrashed).toString());
+        const QString lines = map.value(kTrashed).toString();
+        const std::vector<MovedFile> files = movedFiles(map, lines);
         for (const MovedFile &file : files) {
             const std::optional<TrashPlace> place = trashPlaceOf(file.trashPath, user);
             const Item item =
@@ -287,8 +304,8 @@ Outcome restore(QVariantMap &record)
             ++outcome.mediaCacheFailed;
             if (cacheFailures.size() < kListedFailures)
                 cacheFailures.append(item.toVariant());
-            left += QString::fromLatin1(QUrl::toPercentEncoding(file.trashPath, "/") + ' ' +
-                                        QUrl::toPercentEncoding(file.path, "/") + '\n');
+            left += file.line;
+            left += QLatin1Char('\n');
         }
         if (!nobody)
             removeEmptyCollections(files, user);

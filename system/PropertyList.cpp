@@ -790,7 +790,10 @@ QByteArray toXml(const QVariant &value)
     char *xml = nullptr;
     uint32_t length = 0;
     plist_to_xml(root.get(), &xml, &length);
-    QByteArray result(xml, static_cast<qsizetype>(length));
+    // A list larger than any reader takes is not written: it could not be read back.
+    QByteArray result;
+    if (length <= kMaxSize)
+        result = QByteArray(xml, static_cast<qsizetype>(length));
     plist_to_xml_free(xml);
     return result;
 }

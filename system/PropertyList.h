@@ -49,7 +49,9 @@ QVariantMap readDictionary(const QString &path);
 // The same, named for the call sites that read in a user's tree as root.
 QVariantMap readDictionaryInUsersTree(const QString &path);
 
-// Serialises a value tree as XML; an empty array when a value has no plist form.
+// Serialises a value tree as XML; an empty array when a value has no plist form
+// or the XML would be larger than kMaxSize, so that no writer leaves a list that
+// cannot be read back.
 QByteArray toXml(const QVariant &value);
 
 // Writes the value tree as XML through a temporary file in the same folder and a

@@ -30,9 +30,18 @@ const QString kEditor = u"/Applications/Adobe Premiere Pro.app"_s;
 
 // Cache files (one of each type, case-blind) and what must stay, relative to the sandbox.
 const QStringList kNewCacheFiles{
-    kFiles + u"/clip 1.cfa"_s,     kFiles + u"/clip 1.pek"_s,    kFiles + u"/still.IMS"_s,
-    kFiles + u"/Sub/a.mpgindex"_s, kFiles + u"/Sub/b.qtindex"_s, kDatabase + u"/cache.mcdb"_s,
-    kDatabase + u"/x.prmdc"_s,     kDatabase + u"/s.xmpses"_s,
+    kFiles + u"/clip 1.cfa"_s,
+    kFiles + u"/clip 1.pek"_s,
+    kFiles + u"/still.IMS"_s,
+    kFiles + u"/Sub/a.mpgindex"_s,
+    kFiles + u"/Sub/b.qtindex"_s,
+    kDatabase + u"/cache.mcdb"_s,
+    kDatabase + u"/x.prmdc"_s,
+    kDatabase + u"/s.xmpses"_s,
+    // A folder of cache files alone, inside one that also holds a folder.
+    kFiles + u"/Peaks/p.pek"_s,
+    kFiles + u"/Peaks/Deep/q.pek"_s,
+    kFiles + u"/Peaks/Deep/r.cfa"_s,
 };
 const QStringList kOldCacheFiles{kFiles + u"/old.cfa"_s, kFiles + u"/Sub/old.pek"_s};
 const QStringList kOthers{kFiles + u"/notes.txt"_s, kFiles + u"/Sub/clip.mov"_s, kDatabase + u"/cfa"_s};
@@ -66,6 +75,7 @@ protected:
                 ASSERT_EQ(::utime(QFile::encodeName(box.hostPath(path)).constData(), &times), 0);
             }
         }
+        ASSERT_TRUE(disk::chmod(box.hostPath(kFiles + u"/Peaks/Deep"_s), 0750));
         before = disk::fingerprint(box.hostPath(kCommon));
     }
 
@@ -127,13 +137,16 @@ TEST_F(MediaCacheTest, PreviewListsWhatTheCleanUpMovesAndRestoreBringsItAllBack)
     const QString trash = u"/Users/anna/.local/share/Trash/files/"_s;
     EXPECT_TRUE(exists(trash + u"Media Cache Files.2/Sub/a.mpgindex"_s));
     EXPECT_TRUE(exists(trash + u"Media Cache/cache.mcdb"_s));
+    EXPECT_TRUE(exists(trash + u"Media Cache Files.2/Peaks/Deep/r.cfa"_s));
+    EXPECT_FALSE(exists(kFiles + u"/Peaks/Deep"_s)) << "moved whole";
+    EXPECT_TRUE(exists(kFiles + u"/Peaks"_s));
     const QJsonObject record = ctl({u"report"_s});
     EXPECT_EQ(record.value(u"mode"_s).toString(), u"media cache"_s);
     EXPECT_EQ(record.value(u"mediaCache"_s).toObject().value(u"files"_s).toInt(), kNewCacheFiles.size());
 
     const ProcessResult text = box.runAsRoot({kCtl, u"restore"_s});
     EXPECT_EQ(text.exitCode, 0) << text.err.constData();
-    EXPECT_EQ(text.out, "Restored 8 of 8 media cache files.\n");
+    EXPECT_EQ(text.out, "Restored 11 of 11 media cache files.\n");
     const QJsonObject again = ctl({u"restore"_s, oldRun});
     EXPECT_EQ(again.value(u"mediaCacheRestored"_s).toInt(), kOldCacheFiles.size());
     EXPECT_EQ(disk::fingerprint(box.hostPath(kCommon)), before) << "every file back, as it was";

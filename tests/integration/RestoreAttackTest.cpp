@@ -71,8 +71,10 @@ protected:
     }
 
     // Writes the newest record, as anna could; CACHELINES are a media cache
-    // clean-up's "TRASHEDPATH ORIGINALPATH" lines.
-    void plant(const QList<Entry> &entries, const QByteArray &cacheLines = {}) const
+    // clean-up's lines, relative to its Trash folder CACHETRASH or "TRASHEDPATH
+    // ORIGINALPATH", for the cache folder CACHEFOLDER.
+    void plant(const QList<Entry> &entries, const QByteArray &cacheLines = {}, const QString &cacheTrash = {},
+               const QString &cacheFolder = kCache) const
     {
         QVariantList trashed;
         for (const Entry &entry : entries)
@@ -88,7 +90,8 @@ protected:
                         {u"identifier"_s, identifier},
                         {u"trashed"_s, trashed},
                         {u"mediaCache"_s, QVariantMap{{u"folders"_s, QVariantList{QVariantMap{
-                                                                         {u"path"_s, kCache},
+                                                                         {u"path"_s, cacheFolder},
+                                                                         {u"trashFolder"_s, cacheTrash},
                                                                          {u"trashed"_s, cacheLines}}}}}}}));
         ASSERT_TRUE(disk::chown(box.hostPath(path), Sandbox::userId(), Sandbox::userGroupId()));
     }
@@ -177,24 +180,38 @@ TEST_F(RestoreAttackTest, AForgedRecordMakesRootDoNothingSheCouldNotDoHerself)
     ASSERT_TRUE(box.makeFolder(kTrash + u"/info"_s, true));
     link(kDecoy + u"/Empty"_s, kTrash + u"/files/Media Cache Files"_s);
     ASSERT_TRUE(box.writeFile(kTrash + u"/files/Cache.2/clip.cfa"_s, "anna's clip", true));
-    const QList<QPair<QString, QString>> cacheForgeries{
-        {kDecoy + u"/secret"_s, kCache + u"/secret"_s},
-        {kTrash + u"/files/../../../../../Library/Decoy/Private/key"_s, kCache + u"/key"_s},
-        {kTrash + u"/files/Media Cache Files/Inner"_s, kCache + u"/Inner"_s},
-        {kTrash + u"/files/Cache.2/clip.cfa"_s, kDecoy + u"/Private/clip.cfa"_s},
-        {kTrash + u"/files/Cache.2/clip.cfa"_s, kCache + u"/../../../../../../../Library/Decoy/clip.cfa"_s},
+    const QString collection = kTrash + u"/files/Cache.2"_s;
+    const auto line = [](const QString &trashPath, const QString &path) {
+        return QUrl::toPercentEncoding(trashPath, "/") + ' ' + QUrl::toPercentEncoding(path, "/") + '\n';
     };
-    for (const auto &[trashPath, path] : cacheForgeries) {
-        plant({}, QUrl::toPercentEncoding(trashPath, "/") + ' ' + QUrl::toPercentEncoding(path, "/") + '\n');
+    const struct {
+        QByteArray line;
+        QString trashFolder;
+        QString folder;
+    } cacheForgeries[]{
+        {line(kDecoy + u"/secret"_s, kCache + u"/secret"_s), {}, kCache},
+        {line(kTrash + u"/files/../../../../../Library/Decoy/Private/key"_s, kCache + u"/key"_s), {}, kCache},
+        {line(kTrash + u"/files/Media Cache Files/Inner"_s, kCache + u"/Inner"_s), {}, kCache},
+        {line(collection + u"/clip.cfa"_s, kDecoy + u"/Private/clip.cfa"_s), {}, kCache},
+        {line(collection + u"/clip.cfa"_s, kCache + u"/../../../../../../../Library/Decoy/clip.cfa"_s),
+         {},
+         kCache},
+        {"secret\n", kDecoy, kCache},
+        {"../../../../../../../Library/Decoy/secret\n", collection, kCache},
+        {"clip.cfa\n", collection, kDecoy + u"/Private"_s},
+        {"clip.cfa\n", collection, kCache + u"/../../../../../../../Library/Decoy"_s},
+    };
+    for (const auto &forgery : cacheForgeries) {
+        plant({}, forgery.line, forgery.trashFolder, forgery.folder);
         result = box.runAsRoot({kCtl, u"restore"_s});
         ++attempts;
         const bool escaped = fingerprint() != decoy || box.exists(kCache + u"/secret"_s) ||
                              box.exists(kCache + u"/key"_s) || box.exists(kCache + u"/Inner"_s);
         escapes += escaped ? 1 : 0;
-        EXPECT_FALSE(escaped) << qPrintable(trashPath) << "\n" << result.out.constData();
+        EXPECT_FALSE(escaped) << forgery.line.constData() << "\n" << result.out.constData();
         EXPECT_FALSE(result.crashed);
         EXPECT_EQ(result.out, "Restored 0 of 1 media cache files; the record lists those not restored.\n")
-            << qPrintable(trashPath) << "\n"
+            << forgery.line.constData() << "\n"
             << result.err.constData();
     }
     EXPECT_EQ(box.readFile(kTrash + u"/files/Cache.2/clip.cfa"_s), QByteArray("anna's clip"));

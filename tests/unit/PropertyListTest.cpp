@@ -124,6 +124,13 @@ TEST(PropertyList, WriteFailsCleanly)
     ASSERT_TRUE(PropertyList::writeXmlFile(path, QVariantMap{{u"a"_s, 1}}));
     EXPECT_FALSE(PropertyList::writeXmlFile(path, QVariantMap{{u"bad"_s, QVariant::fromValue(QSize(1, 2))}}));
     EXPECT_EQ(PropertyList::readDictionary(path).value(u"a"_s).toLongLong(), 1);
+    // Nor does a list too large for any reader: it could not be read back.
+    const QString large(PropertyList::kMaxSize, u'x');
+    EXPECT_FALSE(PropertyList::writeXmlFile(path, QVariantMap{{u"a"_s, large}}));
+    EXPECT_EQ(PropertyList::readDictionary(path).value(u"a"_s).toLongLong(), 1);
+    const QVariantMap fits{{u"a"_s, large.left(PropertyList::kMaxSize - 4096)}};
+    ASSERT_TRUE(PropertyList::writeXmlFile(path, fits));
+    EXPECT_EQ(PropertyList::readDictionary(path), fits);
 }
 
 // libplist recurses once a level when it reads a binary list and whenever it frees
