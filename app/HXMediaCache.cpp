@@ -24,12 +24,12 @@ namespace {
 // nests a level or two, a loop of folders could nest without end.
 constexpr int kMaxDepth = 32;
 
-bool isCacheFile(const QString &name)
+bool isCacheFile(QStringView name)
 {
     const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
     if (dot <= 0)
         return false;
-    const QStringView extension = QStringView(name).mid(dot + 1);
+    const QStringView extension = name.mid(dot + 1);
     for (const FileType &type : cacheFileTypes())
         if (extension.compare(QLatin1String(type.extension), Qt::CaseInsensitive) == 0)
             return true;
@@ -38,7 +38,7 @@ bool isCacheFile(const QString &name)
 
 enum class Verdict { Clear, Keep, Other };
 
-Verdict judge(const QString &name, const struct stat &info, const Rule &rule)
+Verdict judge(QStringView name, const struct stat &info, const Rule &rule)
 {
     if (!S_ISREG(info.st_mode) || !isCacheFile(name))
         return Verdict::Other;
@@ -173,64 +173,68 @@ public:
     void walk(const platform::Folder *parent, const QString &name, const platform::Folder &folder,
               const QString &path, int depth)
     {
-        QStringList names;
-        platform::forEachEntry(folder, [&names](const char *entry, platform::EntryKind) {
-            names.append(QFile::decodeName(entry));
-        });
-        std::vector<std::pair<QString, Item>> cleared;
+        // What a clean-up moves, by name, once the listing is done.
+        Items cleared;
+        QStringList clearedNames;
         bool allCleared = true;
-        for (const QString &entry : names) {
-            const QString entryPath = HXPath::appendingComponent(path, entry);
-            const std::optional<struct stat> info = folder.infoOf(entry);
+        const QString relativePrefix =
+            parent ? path.mid(m_result.path.size() + 1) + QLatin1Char('/') : QString();
+        // Each file's relative path is decoded from these bytes in one allocation.
+        QByteArray spelled = relativePrefix.toUtf8();
+        const qsizetype prefixBytes = spelled.size();
+        platform::forEachEntry(folder, [&](const char *rawName, platform::EntryKind) {
+            const std::optional<struct stat> info = folder.infoOf(rawName);
             if (!info)
-                continue;  // gone meanwhile
+                return;  // gone meanwhile
+            spelled.truncate(prefixBytes);
+            spelled.append(rawName);
+            Item item{QString::fromUtf8(spelled), qint64{info->st_size}};
+            const QStringView entry = QStringView(item.relativePath).mid(relativePrefix.size());
             if (S_ISDIR(info->st_mode)) {
                 allCleared = false;
                 const std::optional<platform::Folder> subfolder =
-                    depth < kMaxDepth ? platform::openSubfolder(folder, QFile::encodeName(entry).constData())
-                                      : std::nullopt;
+                    depth < kMaxDepth ? platform::openSubfolder(folder, rawName) : std::nullopt;
                 if (subfolder)
-                    walk(&folder, entry, *subfolder, entryPath, depth + 1);
+                    walk(&folder, entry.toString(), *subfolder, m_result.pathOf(item), depth + 1);
                 else
-                    m_result.others.push_back({entryPath, 0});
-                continue;
+                    m_result.others.push_back({std::move(item.relativePath), 0});
+                return;
             }
-            const Item item{entryPath, qint64{info->st_size}};
             switch (judge(entry, *info, m_rule)) {
             case Verdict::Other:
                 allCleared = false;
-                m_result.others.push_back(item);
+                m_result.others.push_back(std::move(item));
                 break;
             case Verdict::Keep:
                 allCleared = false;
-                m_result.kept.push_back(item);
+                m_result.kept.push_back(std::move(item));
                 break;
             case Verdict::Clear:
-                cleared.emplace_back(entry, item);
+                if (!m_mover) {
+                    m_result.cleared.push_back(std::move(item));
+                } else {
+                    clearedNames.append(entry.toString());
+                    cleared.push_back(std::move(item));
+                }
                 break;
             }
-        }
-        if (!m_mover) {
-            for (auto &[entry, item] : cleared)
-                m_result.cleared.push_back(std::move(item));
+        });
+        if (!m_mover || cleared.empty())
             return;
-        }
         // A sub-folder holding cache files alone goes whole: one rename for all.
-        if (parent && allCleared && !cleared.empty()) {
-            QStringList clearedNames;
-            for (const auto &[entry, item] : cleared)
-                clearedNames.append(entry);
+        if (parent && allCleared) {
             if (const std::optional<QSet<QString>> moved =
                     m_mover->moveFolder(*parent, name, folder, path, clearedNames)) {
-                for (auto &[entry, item] : cleared)
-                    if (moved->contains(entry))
-                        m_result.cleared.push_back(std::move(item));
+                for (qsizetype i = 0; i < clearedNames.size(); ++i)
+                    if (moved->contains(clearedNames.at(i)))
+                        m_result.cleared.push_back(std::move(cleared[i]));
                 return;
             }
         }
-        for (auto &[entry, item] : cleared)
-            (m_mover->moveFile(folder, entry, item.path) ? m_result.cleared : m_result.failed)
-                .push_back(std::move(item));
+        for (qsizetype i = 0; i < clearedNames.size(); ++i)
+            (m_mover->moveFile(folder, clearedNames.at(i), m_result.pathOf(cleared[i])) ? m_result.cleared
+                                                                                        : m_result.failed)
+                .push_back(std::move(cleared[i]));
     }
 
 private:
@@ -258,21 +262,22 @@ Outcome run(const Rule &rule, bool move)
 // stay one value of the record and well inside a record's size: the file's path
 // below FOLDER when it lies at that path in the clean-up's Trash folder, else
 // "TRASHEDPATH ORIGINALPATH".
-QByteArray trashedLine(const Folder &folder, const QString &path, const QString &trashedPath)
+QByteArray trashedLine(const Folder &folder, const Item &item, const QString &trashedPath)
 {
-    const QStringView relative = QStringView(path).mid(folder.path.size() + 1);
-    if (!folder.trashFolder.isEmpty() && path.startsWith(folder.path + QLatin1Char('/')) &&
+    const QString &relative = item.relativePath;
+    if (!folder.trashFolder.isEmpty() &&
         trashedPath.size() == folder.trashFolder.size() + 1 + relative.size() &&
         trashedPath.startsWith(folder.trashFolder + QLatin1Char('/')) && trashedPath.endsWith(relative))
-        return QUrl::toPercentEncoding(relative.toString(), "/") + '\n';
-    return QUrl::toPercentEncoding(trashedPath, "/") + ' ' + QUrl::toPercentEncoding(path, "/") + '\n';
+        return QUrl::toPercentEncoding(relative, "/") + '\n';
+    return QUrl::toPercentEncoding(trashedPath, "/") + ' ' +
+           QUrl::toPercentEncoding(folder.pathOf(item), "/") + '\n';
 }
 
-QVariantList pathsOf(const std::vector<Item> &items)
+QVariantList pathsOf(const Folder &folder, const Items &items)
 {
     QVariantList paths;
     for (const Item &item : items)
-        paths.append(item.path);
+        paths.append(folder.pathOf(item));
     return paths;
 }
 
@@ -295,6 +300,11 @@ QStringList folders()
         HXPath::appendingComponent(HXLocalPaths::appSupportDirectory(true), QStringLiteral("Adobe/Common"));
     return {HXPath::appendingComponent(common, QStringLiteral("Media Cache Files")),
             HXPath::appendingComponent(common, QStringLiteral("Media Cache"))};
+}
+
+QString Folder::pathOf(const Item &item) const
+{
+    return path + QLatin1Char('/') + item.relativePath;
 }
 
 qint64 Folder::clearedBytes() const
@@ -340,22 +350,22 @@ QVariantMap toVariant(const Outcome &outcome, Detail detail)
         QByteArray trashLines;
         for (const Item &item : folder.cleared) {
             if (detail == Detail::Files)
-                files.append(
-                    QVariantMap{{QStringLiteral("path"), item.path}, {QStringLiteral("bytes"), item.bytes}});
+                files.append(QVariantMap{{QStringLiteral("path"), folder.pathOf(item)},
+                                         {QStringLiteral("bytes"), item.bytes}});
             if (detail == Detail::TrashedPlaces && trashed < outcome.trashedPaths.size())
-                trashLines += trashedLine(folder, item.path, outcome.trashedPaths.at(trashed++));
+                trashLines += trashedLine(folder, item, outcome.trashedPaths.at(trashed++));
         }
         QVariantMap map{
             {QStringLiteral("path"), folder.path},
             {QStringLiteral("files"), static_cast<qint64>(folder.cleared.size())},
             {QStringLiteral("bytes"), folder.clearedBytes()},
-            {QStringLiteral("keptNewer"), pathsOf(folder.kept)},
-            {QStringLiteral("left"), pathsOf(folder.others)},
+            {QStringLiteral("keptNewer"), pathsOf(folder, folder.kept)},
+            {QStringLiteral("left"), pathsOf(folder, folder.others)},
         };
         if (detail == Detail::Files)
             map.insert(QStringLiteral("cleared"), files);
         else
-            map.insert(QStringLiteral("failed"), pathsOf(folder.failed));
+            map.insert(QStringLiteral("failed"), pathsOf(folder, folder.failed));
         if (detail == Detail::TrashedPlaces)
             map.insert(QStringLiteral("trashed"), QString::fromLatin1(trashLines));
         if (detail == Detail::TrashedPlaces && !folder.trashFolder.isEmpty())
@@ -390,7 +400,7 @@ QStringList summaryLines(const Outcome &outcome)
         if (!folder.kept.empty())
             lines.append(HXFormat(u"  Kept %i newer cache file(s).", static_cast<int>(folder.kept.size())));
         for (const Item &item : folder.others)
-            lines.append(HXFormat(u"  Left in place (not a cache file): %@", item.path));
+            lines.append(HXFormat(u"  Left in place (not a cache file): %@", folder.pathOf(item)));
     }
     lines.append(QStringLiteral("Empty the Trash to free the space."));
     return lines;

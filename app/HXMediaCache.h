@@ -10,6 +10,7 @@
 #include <QStringList>
 #include <QVariantMap>
 
+#include <deque>
 #include <optional>
 #include <vector>
 
@@ -33,21 +34,28 @@ struct Rule {
     QDateTime now = QDateTime::currentDateTimeUtc();
 };
 
+// A file (or a folder left in place) below a cache folder. Only its path below
+// that folder is kept: a survey may hold a hundred thousand of them, and long
+// paths would make it slower than reading the tree.
 struct Item {
-    QString path;
+    QString relativePath;
     qint64 bytes = 0;
 };
 
+// Items grow in blocks rather than by copying: a survey may hold a hundred thousand.
+using Items = std::deque<Item>;
+
 struct Folder {
     QString path;
-    std::vector<Item> cleared;  // what a clean-up moves (or moved) to the Trash
-    std::vector<Item> kept;     // cache files newer than the age limit
-    std::vector<Item> others;   // anything else: not the editor's, left in place
-    std::vector<Item> failed;   // cache files a clean-up could not move
+    Items cleared;  // what a clean-up moves (or moved) to the Trash
+    Items kept;     // cache files newer than the age limit
+    Items others;   // anything else: not the editor's, left in place
+    Items failed;   // cache files a clean-up could not move
     // The clean-up's folder in the Trash holding the moved files, each at its
     // path below PATH; empty when none was needed.
     QString trashFolder;
     qint64 clearedBytes() const;
+    QString pathOf(const Item &item) const;
 };
 
 struct Outcome {

@@ -51,7 +51,7 @@ HXRepairPreview HXRepairPreview::gather(bool trashPreferences, bool trashWorkspa
         preview.mediaCache = HXMediaCache::survey({});
         for (const HXMediaCache::Folder &folder : preview.mediaCache->folders)
             for (const HXMediaCache::Item &item : folder.cleared)
-                clearedFromCache.insert(item.path);
+                clearedFromCache.insert(folder.pathOf(item));
     }
     const auto trashedBefore = [&](const QString &path) {
         return isTrashedBefore(path, preview.trash) || clearedFromCache.contains(path);

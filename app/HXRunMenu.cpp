@@ -45,9 +45,9 @@ QString previewText(const HXRepairPreview &preview)
         QStringList left;
         for (const HXMediaCache::Folder &folder : preview.mediaCache->folders) {
             for (const HXMediaCache::Item &item : folder.cleared)
-                cleared.append(item.path);
+                cleared.append(folder.pathOf(item));
             for (const HXMediaCache::Item &item : folder.others)
-                left.append(item.path);
+                left.append(folder.pathOf(item));
         }
         parts.append(listing(HXFormat(u"Media cache moved to the Trash (%i files, %@):",
                                       static_cast<int>(cleared.size()),

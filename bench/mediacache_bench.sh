@@ -3,7 +3,8 @@
 # each, sparse: about 2 GB) in anna's two cache folders, moved to the Trash by
 # `mendwellctl mediacache` (as root for the console user anna) against
 # `gio trash` of the same files (as anna, as many files per call as fit); and
-# the preview's count of files and bytes against `du -s` of the same folders.
+# the preview's count of files and bytes against `du -s` of the same folders
+# (in turn, five times each, medians compared).
 # Needs root, bubblewrap, gio (libglib2.0-bin) and the account anna.
 #   bench/mediacache_bench.sh BUILD [N]     (BUILD: the build folder, with -DMENDWELL_BUILD_BENCH=ON)
 set -euo pipefail
@@ -34,12 +35,19 @@ cached() { box bash -c 'find "$1" -type f | wc -l' bash "$common"; }
 
 prepare
 sync
-start=$(now)
-box "$build/bench/mediacache_survey" >"$top/survey"
-survey=$(($(now) - start))
-start=$(now)
-box bash -c 'as_anna du -s "$1/Media Cache Files" "$1/Media Cache"' bash "$common" >/dev/null
-du=$(($(now) - start))
+# The count and du in turn, five times each; the medians are compared.
+surveys=() dus=()
+for _ in 1 2 3 4 5; do
+    start=$(now)
+    box "$build/bench/mediacache_survey" >"$top/survey"
+    surveys+=($(($(now) - start)))
+    start=$(now)
+    box bash -c 'as_anna du -s "$1/Media Cache Files" "$1/Media Cache"' bash "$common" >/dev/null
+    dus+=($(($(now) - start)))
+done
+median() { printf '%s\n' "$@" | sort -n | sed -n 3p; }
+survey=$(median "${surveys[@]}")
+du=$(median "${dus[@]}")
 
 start=$(now)
 box "$build/Mendwell.app/Contents/MacOS/mendwellctl" mediacache >/dev/null
@@ -56,6 +64,6 @@ awk -v n="$n" -v m="$mendwell" -v g="$gio" -v s="$survey" -v d="$du" -v what="$(
     printf "media cache of %d files (%s)\n", n, what
     printf "  mendwellctl mediacache     %8.3f s\n", m / 1e9
     printf "  gio trash                  %8.3f s   ratio %.1f\n", g / 1e9, g / m
-    printf "  preview count (survey)     %8.3f s\n", s / 1e9
-    printf "  du -s                      %8.3f s   ratio %.2f\n", d / 1e9, d / s
+    printf "  preview count (survey)     %8.3f s   (median of 5)\n", s / 1e9
+    printf "  du -s                      %8.3f s   ratio %.2f   (median of 5)\n", d / 1e9, d / s
 }'

@@ -62,6 +62,8 @@ public:
     std::optional<struct stat> info() const;
     // An entry, not followed.
     std::optional<struct stat> infoOf(const QString &name) const;
+    // The same for a name as the file system spells it (from a listing).
+    std::optional<struct stat> infoOf(const char *name) const;
     bool contains(const QString &name) const { return infoOf(name).has_value(); }
     // Entry names in the file system's order, hidden ones included.
     QStringList entries(int *error = nullptr) const;

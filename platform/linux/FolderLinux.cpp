@@ -460,9 +460,14 @@ std::optional<struct stat> Folder::info() const
 
 std::optional<struct stat> Folder::infoOf(const QString &name) const
 {
-    const QByteArray entry = encoded(name);
+    return infoOf(encoded(name).constData());
+}
+
+std::optional<struct stat> Folder::infoOf(const char *name) const
+{
     struct stat info {};
-    if (!isPlainName(entry) || ::fstatat(m_fd, entry.constData(), &info, AT_SYMLINK_NOFOLLOW) != 0)
+    if (!isPlainName(QByteArray::fromRawData(name, qsizetype(std::strlen(name)))) ||
+        ::fstatat(m_fd, name, &info, AT_SYMLINK_NOFOLLOW) != 0)
         return std::nullopt;
     return info;
 }

@@ -122,11 +122,12 @@ int preview(const QStringList &switches, bool json)
                        HXMediaCache::describeSize(preview.mediaCache->clearedBytes())));
         for (const HXMediaCache::Folder &folder : preview.mediaCache->folders) {
             for (const HXMediaCache::Item &item : folder.cleared)
-                print(HXFormat(u"  %@ (%lli bytes)", item.path, static_cast<long long>(item.bytes)));
+                print(
+                    HXFormat(u"  %@ (%lli bytes)", folder.pathOf(item), static_cast<long long>(item.bytes)));
             for (const HXMediaCache::Item &item : folder.kept)
-                print(HXFormat(u"  kept, newer: %@", item.path));
+                print(HXFormat(u"  kept, newer: %@", folder.pathOf(item)));
             for (const HXMediaCache::Item &item : folder.others)
-                print(HXFormat(u"  left, not a cache file: %@", item.path));
+                print(HXFormat(u"  left, not a cache file: %@", folder.pathOf(item)));
         }
     }
     print(preview.thirtyTwoBitApplication
