@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <unistd.h>
 
@@ -50,14 +51,21 @@ bool liesBelow(const QString &path, const QString &folder)
     return !folder.isEmpty() && path.startsWith(folder + QLatin1Char('/'));
 }
 
+// Whom a restore is for, and what it may use, looked up once: a restore may
+// put back a hundred thousand files.
+struct Whose {
+    uid_t user = 0;
+    QString homeTrash;
+    QStringList places;  // the folders a repair trashes from
+};
+
 // The Trash folders a run may have used: the home trash, or the user's trash on
 // another volume ($topdir/.Trash/UID, $topdir/.Trash-UID).
-bool isUsersTrash(const QString &root, uid_t user)
+bool isUsersTrash(const QString &root, const Whose &whose)
 {
-    const QString homeTrash = HXPath::deletingLastComponent(HXLocalPaths::trashDirectory());
-    const QString uid = QString::number(user);
-    return (!homeTrash.isEmpty() && root == homeTrash) || root.endsWith(QStringLiteral("/.Trash-") + uid) ||
-           root.endsWith(QStringLiteral("/.Trash/") + uid);
+    const QString uid = QString::number(whose.user);
+    return (!whose.homeTrash.isEmpty() && root == whose.homeTrash) ||
+           root.endsWith(QStringLiteral("/.Trash-") + uid) || root.endsWith(QStringLiteral("/.Trash/") + uid);
 }
 
 // Where a trashed path lies: the user's trash it is in, and the item of that
@@ -68,14 +76,14 @@ struct TrashPlace {
     bool inside = false;
 };
 
-std::optional<TrashPlace> trashPlaceOf(const QString &trashPath, uid_t user)
+std::optional<TrashPlace> trashPlaceOf(const QString &trashPath, const Whose &whose)
 {
     if (!isPlainPath(trashPath))
         return std::nullopt;
     const QString files = QStringLiteral("/files/");
     for (qsizetype at = trashPath.indexOf(files); at > 0; at = trashPath.indexOf(files, at + 1)) {
         const QString root = trashPath.left(at);
-        if (!isUsersTrash(root, user))
+        if (!isUsersTrash(root, whose))
             continue;
         const QString rest = trashPath.mid(at + files.size());
         const qsizetype slash = rest.indexOf(QLatin1Char('/'));
@@ -92,11 +100,11 @@ QString infoPathOf(const TrashPlace &place)
 // Why the record's entry cannot be restored as it stands; empty when it can. Only
 // a media cache file may lie inside a trashed item (its clean-up's collection).
 QString refusalOf(const QString &path, const std::optional<TrashPlace> &place, const QString &infoPath,
-                  bool mayLieInside)
+                  const Whose &whose, bool mayLieInside)
 {
     if (!place || (place->inside && !mayLieInside) || infoPath != infoPathOf(*place))
         return QStringLiteral("the record does not name an item of your Trash; nothing was moved");
-    const QStringList places = HXPremiereFiles::trashedFromFolders();
+    const QStringList &places = whose.places;
     if (!isPlainPath(path) || std::none_of(places.begin(), places.end(),
                                            [&path](const QString &place) { return liesBelow(path, place); }))
         return QStringLiteral("it was not trashed from a folder a repair cleans, so it is not put there");
@@ -111,15 +119,42 @@ void removeTrashRecord(const TrashPlace &place)
         info->removeEntry(place.item + QStringLiteral(".trashinfo"));
 }
 
+// The folders items go back into, opened once while they last: a media cache's
+// hundred thousand files share a few hundred.
+class OpenedFolders {
+public:
+    const platform::Folder *open(const QString &path, mode_t mode, int &error)
+    {
+        if (const auto found = m_folders.find(path); found != m_folders.end()) {
+            const std::optional<struct stat> info = found->second.info();
+            if (info && info->st_nlink > 0)
+                return &found->second;
+            m_folders.erase(found);
+        }
+        std::optional<platform::Folder> folder =
+            platform::Folder::openMakingPath(path, mode, std::nullopt, &error);
+        if (!folder)
+            return nullptr;
+        if (m_folders.size() >= kKept)
+            m_folders.clear();
+        return &m_folders.insert_or_assign(path, std::move(*folder)).first->second;
+    }
+
+private:
+    static constexpr std::size_t kKept = 256;
+    std::map<QString, platform::Folder> m_folders;
+};
+
 // Moves the trashed item back to PATH, or beside it when PATH is taken again.
 // An item root trashed from the machine's folders goes back, by root, only as
 // root's own ledger of run IDENTIFIER says.
 Item restoreOne(const QString &identifier, const QString &path, const QString &trashPath,
-                const QString &infoPath, uid_t user, bool machineItem, bool mayLieInside = false)
+                const QString &infoPath, const Whose &whose, OpenedFolders &folders, bool machineItem,
+                bool mayLieInside = false)
 {
     Item item{path, {}, {}};
-    const std::optional<TrashPlace> place = trashPlaceOf(trashPath, user);
-    item.problem = refusalOf(path, place, infoPath, mayLieInside);
+    const std::optional<TrashPlace> place = trashPlaceOf(trashPath, whose);
+    item.problem = refusalOf(path, place, infoPath, whose, mayLieInside);
     if (!item.problem.isEmpty())
         return item;
     if (machineItem) {
@@ -137,9 +172,8 @@ Item restoreOne(const QString &identifier, const QString &path, const QString &t
     }
     // A folder the clean-up moved whole is made again as it was, as its copy in the Trash is.
     const std::optional<struct stat> trashedFolder = place->inside ? trashed->folder.info() : std::nullopt;
-    const std::optional<platform::Folder> parent = platform::Folder::openMakingPath(
-        HXPath::deletingLastComponent(path), trashedFolder ? trashedFolder->st_mode & 07777 : 0755,
-        std::nullopt, &error);
+    const platform::Folder *parent = folders.open(
+        HXPath::deletingLastComponent(path), trashedFolder ? trashedFolder->st_mode & 07777 : 0755, error);
     if (!parent) {
         item.problem = QStringLiteral("its folder cannot be made: ") + reasonOf(error);
         return item;
@@ -200,11 +234,11 @@ std::vector<MovedFile> movedFiles(const QVariantMap &folder, const QString &line
 
 // The collections media cache files were restored from, removed with their
 // records once every file has gone back.
-void removeEmptyCollections(const std::vector<MovedFile> &files, uid_t user)
+void removeEmptyCollections(const std::vector<MovedFile> &files, const Whose &whose)
 {
     std::vector<std::pair<QString, QString>> collections;
     for (const MovedFile &file : files)
-        if (const std::optional<TrashPlace> place = trashPlaceOf(file.trashPath, user);
+        if (const std::optional<TrashPlace> place = trashPlaceOf(file.trashPath, whose);
             place && place->inside)
             if (std::find(collections.begin(), collections.end(), std::pair(place->root, place->item)) ==
                 collections.end())
@@ -262,7 +296,10 @@ Outcome restore(QVariantMap &record)
     const QString home = HXLocalPaths::userDirectory();
     const QString identifier = record.value(QStringLiteral("identifier")).toString();
     const HXActingForUser acting(console);
-    const uid_t user = console ? console->uid : ::geteuid();
+    const Whose whose{console ? console->uid : ::geteuid(),
+                      HXPath::deletingLastComponent(HXLocalPaths::trashDirectory()),
+                      HXPremiereFiles::trashedFromFolders()};
+    OpenedFolders folders;
     for (QVariant &entry : trashed) {
         QVariantMap map = entry.toMap();
         if (map.contains(kRestoredTo))
@@ -271,7 +308,7 @@ Outcome restore(QVariantMap &record)
         const Item item =
             nobody ? Item{path, {}, QStringLiteral("nobody is at the console to restore it for")}
                    : restoreOne(identifier, path, map.value(QStringLiteral("trashPath")).toString(),
-                                map.value(QStringLiteral("infoPath")).toString(), user,
+                                map.value(QStringLiteral("infoPath")).toString(), whose, folders,
                                 asRoot && !liesBelow(path, home));
         if (!item.restoredTo.isEmpty()) {
             map.insert(kRestoredTo, item.restoredTo);
@@ -292,11 +329,11 @@ Outcome restore(QVariantMap &record)
         const QString lines = map.value(kTrashed).toString();
         const std::vector<MovedFile> files = movedFiles(map, lines);
         for (const MovedFile &file : files) {
-            const std::optional<TrashPlace> place = trashPlaceOf(file.trashPath, user);
+            const std::optional<TrashPlace> place = trashPlaceOf(file.trashPath, whose);
             const Item item =
                 nobody ? Item{file.path, {}, QStringLiteral("nobody is at the console to restore it for")}
                        : restoreOne(identifier, file.path, file.trashPath,
-                                    place ? infoPathOf(*place) : QString(), user, false, true);
+                                    place ? infoPathOf(*place) : QString(), whose, folders, false, true);
             if (!item.restoredTo.isEmpty()) {
                 ++outcome.mediaCacheRestored;
                 continue;
@@ -308,7 +345,7 @@ Outcome restore(QVariantMap &record)
             left += QLatin1Char('\n');
         }
         if (!nobody)
-            removeEmptyCollections(files, user);
+            removeEmptyCollections(files, whose);
         map.insert(kTrashed, left);
         folder = map;
     }
