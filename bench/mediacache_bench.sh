@@ -3,7 +3,8 @@
 # each, sparse: about 2 GB) in anna's two cache folders, moved to the Trash by
 # `mendwellctl mediacache` (as root for the console user anna; then brought back
 # by `mendwellctl restore`, which must restore all of them) against
-# `gio trash` of the same files (as anna, as many files per call as fit); and
+# `gio trash` of the same files (as anna, as many files per call as fit), in
+# turn three times each, medians compared; and
 # the preview's count of files and bytes against `du -s` of the same folders
 # (in turn, five times each, medians compared).
 # Needs root, bubblewrap, gio (libglib2.0-bin) and the account anna.
@@ -50,27 +51,36 @@ median() { printf '%s\n' "$@" | sort -n | sed -n 3p; }
 survey=$(median "${surveys[@]}")
 du=$(median "${dus[@]}")
 
-start=$(now)
-box "$build/Mendwell.app/Contents/MacOS/mendwellctl" mediacache >/dev/null
-mendwell=$(($(now) - start))
-[ "$(cached)" = 0 ] || { echo "mendwellctl left $(cached) of $n files" >&2; exit 1; }
-# Its record brings every file back.
-start=$(now)
-box "$build/Mendwell.app/Contents/MacOS/mendwellctl" restore >"$top/restore"
-restore=$(($(now) - start))
-[ "$(cached)" = "$n" ] || { echo "mendwellctl restore brought back $(cached) of $n files" >&2; exit 1; }
+# The clean-up and gio trash in turn, three times each, on a cache made anew;
+# after each clean-up its record must bring every file back.
+mendwells=() restores=() gios=()
+for round in 1 2 3; do
+    [ "$round" = 1 ] || prepare
+    start=$(now)
+    box "$build/Mendwell.app/Contents/MacOS/mendwellctl" mediacache >/dev/null
+    mendwells+=($(($(now) - start)))
+    [ "$(cached)" = 0 ] || { echo "mendwellctl left $(cached) of $n files" >&2; exit 1; }
+    start=$(now)
+    box "$build/Mendwell.app/Contents/MacOS/mendwellctl" restore >"$top/restore"
+    restores+=($(($(now) - start)))
+    [ "$(cached)" = "$n" ] || { echo "mendwellctl restore brought back $(cached) of $n files" >&2; exit 1; }
 
-prepare
-start=$(now)
-box bash -c 'cd "$1" && as_anna find . -type f -print0 | as_anna xargs -0 gio trash' bash "$common"
-gio=$(($(now) - start))
-[ "$(cached)" = 0 ] || { echo "gio trash left $(cached) of $n files" >&2; exit 1; }
+    prepare
+    start=$(now)
+    box bash -c 'cd "$1" && as_anna find . -type f -print0 | as_anna xargs -0 gio trash' bash "$common"
+    gios+=($(($(now) - start)))
+    [ "$(cached)" = 0 ] || { echo "gio trash left $(cached) of $n files" >&2; exit 1; }
+done
+median3() { printf '%s\n' "$@" | sort -n | sed -n 2p; }
+mendwell=$(median3 "${mendwells[@]}")
+restore=$(median3 "${restores[@]}")
+gio=$(median3 "${gios[@]}")
 
 awk -v n="$n" -v m="$mendwell" -v r="$restore" -v said="$(cat "$top/restore")" -v g="$gio" -v s="$survey" -v d="$du" -v what="$(cat "$top/survey")" 'BEGIN {
     printf "media cache of %d files (%s)\n", n, what
-    printf "  mendwellctl mediacache     %8.3f s\n", m / 1e9
-    printf "  gio trash                  %8.3f s   ratio %.1f\n", g / 1e9, g / m
-    printf "  mendwellctl restore        %8.3f s   (%s)\n", r / 1e9, said
+    printf "  mendwellctl mediacache     %8.3f s   (median of 3)\n", m / 1e9
+    printf "  gio trash                  %8.3f s   ratio %.1f   (median of 3)\n", g / 1e9, g / m
+    printf "  mendwellctl restore        %8.3f s   (median of 3; %s)\n", r / 1e9, said
     printf "  preview count (survey)     %8.3f s   (median of 5)\n", s / 1e9
     printf "  du -s                      %8.3f s   ratio %.2f   (median of 5)\n", d / 1e9, d / s
 }'
