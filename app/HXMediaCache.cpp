@@ -382,6 +382,10 @@ QVariantMap toVariant(const Outcome &outcome, Detail detail)
 
 QString describeSize(qint64 bytes)
 {
+    // Below a kilobyte the rounded size would only repeat the exact one.
+    if (bytes < 1000)
+        return HXFormat(u"%lli byte%@", static_cast<long long>(bytes),
+                        bytes == 1 ? QString() : QStringLiteral("s"));
     return HXFormat(u"%@ (%lli bytes)", QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat),
                     static_cast<long long>(bytes));
 }

@@ -81,7 +81,7 @@ QVariantMap toVariant(const Outcome &outcome, Detail detail);
 // "Moved 12 files (1.5 MB) from FOLDER to the Trash." per folder, what was left,
 // and the reminder that emptying the Trash frees the space.
 QStringList summaryLines(const Outcome &outcome);
-// "2.0 GB (2147483648 bytes)"
+// "2.1 GB (2147483648 bytes)"; "15 bytes" below a kilobyte.
 QString describeSize(qint64 bytes);
 
 }  // namespace HXMediaCache

@@ -30,6 +30,8 @@ const QString kRuns = QStringLiteral("/Library/TestRuns");
 const QString kShotsKept = QStringLiteral(MENDWELL_BINARY_DIR "/window-shots");
 const QString kLog = QStringLiteral("/Users/anna/Library/Logs/Lanternfish/Mendwell.1.log");
 const QString kSettings = QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.Mendwell.plist");
+const QString kCacheFile =
+    QStringLiteral("/Users/anna/Library/Application Support/Adobe/Common/Media Cache Files/clip 1.cfa");
 
 // windowdriver.sh SCENE SCALE: starts Mendwell and acts out SCENE at QT_SCALE_FACTOR
 // SCALE. Writes SCENE.figures ("name value" lines) and the screenshots SHOT-SCALE.png
@@ -191,6 +193,7 @@ repair | scaled)
     click "$main" 60 143
     if [ "$scene" = repair ]; then
         click "$main" 60 169
+        click "$main" 60 195
         shot options
         # What the repair will touch, then cancelled.
         menu "$main" alt+e v
@@ -333,6 +336,8 @@ protected:
         ASSERT_TRUE(polkit.writeFile(kDriver, kDriverScript, false));
         ASSERT_TRUE(polkit.makeFolder(QStringLiteral("/Users/anna/.runtime"), true));
         ASSERT_TRUE(disk::chmod(hostPath(QStringLiteral("/Users/anna/.runtime")), 0700));
+        ASSERT_TRUE(polkit.makeFolder(kCacheFile.left(kCacheFile.lastIndexOf(QLatin1Char('/'))), true));
+        ASSERT_TRUE(polkit.writeFile(kCacheFile, "conformed audio", true));
         // Past the first run the statistics question would come up; it is answered.
         const QString consent = QStringLiteral("/Users/anna/Library/Preferences/com.lanternfish.qc.plist");
         ASSERT_TRUE(
@@ -412,14 +417,22 @@ TEST_F(MainWindowRepairTest, ARepairFromTheWindowTrashesWhatTheBoxesSayAndEndsWi
         EXPECT_TRUE(polkit.exists(QLatin1String(item))) << item;
     }
 
+    // The media cache box too: its file went into the clean-up's Trash folder and came back.
+    const QByteArray cacheFolder = "/Users/anna/Library/Application Support/Adobe/Common/Media Cache Files";
+    EXPECT_TRUE(trashed.contains(cacheFolder)) << trashed.constData();
+    EXPECT_FALSE(listed.contains(cacheFolder)) << listed.constData();
+    EXPECT_EQ(readFile(kCacheFile), QByteArray("conformed audio"));
+    EXPECT_EQ(settings.value(QStringLiteral("shouldTrashMediaCache")).toLongLong(), 1);
+
     // Every step reached the console, in order.
     const QString log = QString::fromUtf8(readFile(kLog));
     qsizetype at = 0;
-    for (const char *line : {"Starting repair...", "Trashing preferences...", "Trashing workspaces...",
-                             "Terminating processes...", "Trashing dynamic link caches...",
-                             "Resetting memory balancer...", "Checking file permissions...",
-                             "The following files have incorrect permissions:", "Checking 32-bit flag...",
-                             "Finishing...", "Processing complete. Errors were found during processing."}) {
+    for (const char *line :
+         {"Starting repair...", "Trashing preferences...", "Trashing workspaces...",
+          "Clearing media cache...", "Moved 1 file (15 bytes) from", "Terminating processes...",
+          "Trashing dynamic link caches...", "Resetting memory balancer...", "Checking file permissions...",
+          "The following files have incorrect permissions:", "Checking 32-bit flag...", "Finishing...",
+          "Processing complete. Errors were found during processing."}) {
         const qsizetype found = log.indexOf(QLatin1String(line), at);
         EXPECT_GE(found, 0) << line;
         at = std::max(at, found);
