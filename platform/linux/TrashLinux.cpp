@@ -73,12 +73,17 @@ uid_t trashOwner(const QString &trashRoot)
     return owner;
 }
 
+}  // namespace
+
+// Outside the anonymous namespace: Collection's state holds it.
 struct TrashFolders {
     QString root;
     uid_t owner = 0;
     Folder files;
     Folder info;
 };
+
+namespace {
 
 // The trash's two folders, which must be its owner's: root puts items and records
 // there for her, so they may not lead anywhere else.
