@@ -70,7 +70,10 @@ public:
     Mover &operator=(const Mover &) = delete;
 
     // The collection, once a file went into it.
-    QString collectionPath() const { return m_collected > 0 ? m_collection->path() : QString(); }
+    QString collectionPath() const
+    {
+        return m_collection && !m_collection->isEmpty() ? m_collection->path() : QString();
+    }
 
     bool moveFile(const platform::Folder &folder, const QString &name, const QString &path)
     {
@@ -81,7 +84,6 @@ public:
             HXLog::appendLog(u"Unable to move %@ to the Trash: %@", path, qt_error_string(trashed.error));
             return false;
         }
-        m_collected += 1;
         m_trashedPaths.append(trashed.trashedPath);
         return true;
     }
@@ -112,7 +114,6 @@ public:
         for (const QString &moved : names)
             if (present.contains(moved))
                 m_trashedPaths.append(HXPath::appendingComponent(trashed.trashedPath, moved));
-        m_collected += static_cast<int>(present.size());
         return present;
     }
 
@@ -160,7 +161,6 @@ private:
     QStringList &m_trashedPaths;
     std::optional<platform::trash::Collection> m_collection;
     bool m_collectionFailed = false;
-    int m_collected = 0;
 };
 
 // Judges every item below a cache folder and, for a clean-up, moves what the rule

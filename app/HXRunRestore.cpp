@@ -97,12 +97,14 @@ QString infoPathOf(const TrashPlace &place)
     return place.root + QStringLiteral("/info/") + place.item + QStringLiteral(".trashinfo");
 }
 
-// Why the record's entry cannot be restored as it stands; empty when it can. Only
-// a media cache file may lie inside a trashed item (its clean-up's collection).
-QString refusalOf(const QString &path, const std::optional<TrashPlace> &place, const QString &infoPath,
-                  const Whose &whose, bool mayLieInside)
+// Why the record's entry cannot be restored as it stands; empty when it can. An
+// entry naming its record (INFOPATH) must be an item of the Trash itself; one
+// without, a media cache file, may lie inside one (its clean-up's collection),
+// whose record is then the item's own.
+QString refusalOf(const QString &path, const std::optional<TrashPlace> &place,
+                  const std::optional<QString> &infoPath, const Whose &whose)
 {
-    if (!place || (place->inside && !mayLieInside) || infoPath != infoPathOf(*place))
+    if (!place || (infoPath && (place->inside || *infoPath != infoPathOf(*place))))
         return QStringLiteral("the record does not name an item of your Trash; nothing was moved");
     const QStringList &places = whose.places;
     if (!isPlainPath(path) || std::none_of(places.begin(), places.end(),
@@ -149,12 +151,12 @@ private:
 // An item root trashed from the machine's folders goes back, by root, only as
 // root's own ledger of run IDENTIFIER says.
 Item restoreOne(const QString &identifier, const QString &path, const QString &trashPath,
-                const QString &infoPath, const Whose &whose, OpenedFolders &folders, bool machineItem,
-                bool mayLieInside = false)
+                const std::optional<QString> &infoPath, const Whose &whose, OpenedFolders &folders,
+                bool machineItem)
 {
     Item item{path, {}, {}};
     const std::optional<TrashPlace> place = trashPlaceOf(trashPath, whose);
-    item.problem = refusalOf(path, place, infoPath, whose, mayLieInside);
+    item.problem = refusalOf(path, place, infoPath, whose);
     if (!item.problem.isEmpty())
         return item;
     if (machineItem) {
@@ -329,11 +331,10 @@ Outcome restore(QVariantMap &record)
         const QString lines = map.value(kTrashed).toString();
         const std::vector<MovedFile> files = movedFiles(map, lines);
         for (const MovedFile &file : files) {
-            const std::optional<TrashPlace> place = trashPlaceOf(file.trashPath, whose);
             const Item item =
-                nobody ? Item{file.path, {}, QStringLiteral("nobody is at the console to restore it for")}
-                       : restoreOne(identifier, file.path, file.trashPath,
-                                    place ? infoPathOf(*place) : QString(), whose, folders, false, true);
+                nobody
+                    ? Item{file.path, {}, QStringLiteral("nobody is at the console to restore it for")}
+                    : restoreOne(identifier, file.path, file.trashPath, std::nullopt, whose, folders, false);
             if (!item.restoredTo.isEmpty()) {
                 ++outcome.mediaCacheRestored;
                 continue;

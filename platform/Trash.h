@@ -59,6 +59,8 @@ public:
     // The collection's place in the trash and its record.
     QString path() const;
     QString infoPath() const;
+    // Nothing was added to it yet.
+    bool isEmpty() const;
     // Takes the collection, and its record, out of the trash again when nothing
     // was added to it.
     void discardIfEmpty();

@@ -347,9 +347,14 @@ QString Collection::infoPath() const
     return trashedAs(*m_state->trash, m_state->name).infoPath;
 }
 
+bool Collection::isEmpty() const
+{
+    return m_state->added == 0;
+}
+
 void Collection::discardIfEmpty()
 {
-    if (m_state->added == 0)
+    if (isEmpty())
         removeIfOnlyEmptyFolders(m_state->trash->files, m_state->name);
 }
 
